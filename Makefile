@@ -1,0 +1,38 @@
+# Front door for users and CI:
+#   make        optimised binary at build/release/quarlo
+#   make demo   build, then run quarlo on the example in examples/
+#   make test   Debug build with AddressSanitizer + UBSan, all tests through CTest,
+#               then the same tests on the optimised build
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+DEMO_DIR := build/demo
+
+.PHONY: all release demo test deps clean
+
+all: release
+
+release:
+	@command -v cmake >/dev/null || { echo "quarlo: cmake is missing; install the Debian package 'cmake'"; exit 1; }
+	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+	cmake --build build/release -j $(JOBS) --target quarlo
+
+demo: release
+	rm -rf $(DEMO_DIR) && mkdir -p $(DEMO_DIR)
+	cp examples/groceries.txt examples/groceries.supp $(DEMO_DIR)/
+	cd $(DEMO_DIR) && ../release/quarlo -S groceries.supp -x groceries.txt; \
+	  status=$$?; echo "exit status: $$status"; \
+	  echo "--- $(DEMO_DIR)/groceries.txt.fp (first lines)"; head -n 12 groceries.txt.fp 2>/dev/null; \
+	  exit $$status
+
+deps:
+	@sh tools/ensure-deps.sh
+
+test: deps
+	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON
+	cmake --build build/asan -j $(JOBS)
+	cd build/asan && ctest --output-on-failure -j $(JOBS)
+	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DQUARLO_TESTS=ON
+	cmake --build build/release -j $(JOBS)
+	cd build/release && ctest --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf build

@@ -1,0 +1,26 @@
+// The run pipeline: one mining job from FILE to FILE.fp, stage by stage, with
+// the console/log report and the exit status that names the failed stage.
+// Reads everything from the option record; owns no process-wide state.
+#ifndef QUARLO_MINER_QUARLO_H_
+#define QUARLO_MINER_QUARLO_H_
+
+// Exit statuses of a run.
+enum RunStatus {
+  kStatusOk = 0,
+  kStatusLog = 1,         // log file cannot be opened (also -h / no FILE)
+  kStatusConvert = 2,     // label conversion, mining or back-conversion failed
+  kStatusBinary = 4,      // binary transaction file could not be written
+  kStatusPrune = 8,       // the set for maximal pruning could not be created
+  kStatusLattice = 16,    // the parent-children list could not be generated
+  kStatusTidList = 32,    // -t was given
+};
+
+// Runs the whole job after parse(); returns the exit status.
+int run_pipeline();
+
+// Rewrites `file` with its lines grouped by pattern length (the number before
+// the first "-" plus one) and, when `format` is not null, reports one count
+// line per length present with the format's two %u: length, count.
+void sort_by_length(const char* file, const char* format);
+
+#endif  // QUARLO_MINER_QUARLO_H_

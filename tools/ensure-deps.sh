@@ -1,0 +1,17 @@
+#!/bin/sh
+# Makes sure the test build's tools are present: g++, cmake and GoogleTest.
+# As root, missing Debian packages are installed; otherwise the script names them.
+missing=""
+command -v g++ >/dev/null 2>&1 || missing="$missing g++"
+command -v cmake >/dev/null 2>&1 || missing="$missing cmake"
+command -v make >/dev/null 2>&1 || missing="$missing make"
+[ -f /usr/include/gtest/gtest.h ] || missing="$missing libgtest-dev"
+[ -n "$missing" ] || exit 0
+if [ "$(id -u)" = "0" ] && command -v apt-get >/dev/null 2>&1; then
+  echo "quarlo: installing$missing"
+  apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q $missing && exit 0
+  echo "quarlo: apt-get could not install$missing" >&2
+  exit 1
+fi
+echo "quarlo: missing Debian package(s):$missing; install them (apt-get install$missing) and run 'make test' again" >&2
+exit 1

@@ -1,0 +1,94 @@
+#include "log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+const char kSrc[] = "../vscom/log";
+FILE* g_log = nullptr;   // the log stream; null until log_open
+bool g_opened = false;   // true once log_open chose a stream
+
+// Formats one report into a line buffer of 4096 bytes, grown only for reports
+// that would not fit, so short reports come out exactly as vsprintf makes them.
+void report(bool with_errno, const char* fmt, va_list args) {
+  const int saved_errno = errno;
+  char fixed[4096];
+  std::vector<char> grown;
+  char* buf = fixed;
+  size_t cap = sizeof fixed;
+  const char* err_text = with_errno ? strerror(saved_errno) : "";
+  va_list copy;
+  va_copy(copy, args);
+  int n = vsnprintf(buf, cap, fmt, copy);
+  va_end(copy);
+  if (n < 0) n = 0;
+  size_t need = static_cast<size_t>(n) + (with_errno ? 2 + strlen(err_text) : 0) + 2;
+  if (need > cap) {
+    grown.resize(need);
+    buf = grown.data();
+    cap = need;
+    vsnprintf(buf, cap, fmt, args);
+  }
+  size_t len = static_cast<size_t>(n);
+  if (with_errno) len += static_cast<size_t>(snprintf(buf + len, cap - len, ": %s", err_text));
+  buf[len++] = '\n';
+  buf[len] = '\0';
+  fflush(stdout);
+  if (g_log != nullptr) fputs(buf, g_log);
+  fputs(buf, stdout);
+  if (g_log != nullptr) fflush(g_log);
+}
+
+}  // namespace
+
+int log_open(const char* name) {
+  if (name == nullptr) {
+    g_log = stderr;
+    g_opened = true;
+    return 0;
+  }
+  FILE* f = fopen(name, "a");
+  if (f == nullptr) {
+    perror("fopen");
+    fprintf(stderr, "%s(%d): Cannot open log file\n", kSrc, __LINE__);
+    return 1;
+  }
+  g_log = f;
+  g_opened = true;
+  return 0;
+}
+
+void log_printf(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  report(false, fmt, args);
+  va_end(args);
+}
+
+void log_perror(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  report(true, fmt, args);
+  va_end(args);
+}
+
+void log_printf_exit(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  report(false, fmt, args);
+  va_end(args);
+  exit(2);
+}
+
+void log_perror_exit(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  report(true, fmt, args);
+  va_end(args);
+  exit(2);
+}

@@ -1,0 +1,60 @@
+// Pattern records read back from a text line of item numbers: a Sequence is a
+// list of itemsets plus the leading text fields of its line; a SequenceSet
+// groups records by length. No process-wide state.
+#ifndef QUARLO_VSCOM_SEQUENCE_H_
+#define QUARLO_VSCOM_SEQUENCE_H_
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Items in ascending order without duplicates (kept so by add_item).
+using Itemset = std::vector<uint32_t>;
+
+// Appends `item`, then restores ascending order without duplicates.
+void add_item(Itemset* set, uint32_t item);
+
+class Sequence {
+ public:
+  std::vector<Itemset> itemsets;    // in the order read
+  std::vector<std::string> fields;  // leading non-item tokens, as text
+};
+
+// Parses one line: `h` leading text fields, then unsigned numbers up to the
+// first non-number; "-1" makes the next item open a new itemset.
+Sequence parse_sequence(std::string_view line, uint32_t h);
+
+// Total number of items over all itemsets.
+uint32_t length(const Sequence& s);
+
+// New heap copy of s without the item at position t (over all items, from 0);
+// fields are not copied. Caller deletes it. Null when memory is short.
+Sequence* without_item(const Sequence& s, uint32_t t);
+
+// True when b is contained in a, itemset by itemset.
+bool contains(const Sequence& a, const Sequence& b);
+
+// Same itemsets, in the same order.
+bool equals(const Sequence& a, const Sequence& b);
+
+class SequenceSet {
+ public:
+  // Appends a copy to the group of its length; raises max_length.
+  void insert(const Sequence& s);
+  // The n-th record of length len, or null.
+  const Sequence* at(uint32_t len, uint32_t n) const;
+  // Linear scan of the group of s's length for a record equal to s.
+  bool find_index(const Sequence& s, uint32_t* index) const;
+  uint32_t max_length() const { return max_length_; }
+  // Reads every line of `in` (a last line without newline included) with h fields.
+  void load(FILE* in, uint32_t h);
+
+ private:
+  std::map<uint32_t, std::vector<Sequence>> groups_;
+  uint32_t max_length_ = 0;
+};
+
+#endif  // QUARLO_VSCOM_SEQUENCE_H_
