@@ -11,6 +11,16 @@
 #include <string_view>
 #include <vector>
 
+// True for the six white-space bytes of the C locale: blank, \t, \n, \v, \f, \r.
+inline bool is_white_space(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Reads `token` as an unsigned 32-bit decimal: one or more digits whose value
+// fits in 32 bits, or exactly "-1", which reads as 4294967295. Writes the value
+// and returns true; returns false for any other token.
+bool read_number(std::string_view token, uint32_t* value);
+
 // Items in ascending order without duplicates (kept so by add_item).
 using Itemset = std::vector<uint32_t>;
 
@@ -23,8 +33,9 @@ class Sequence {
   std::vector<std::string> fields;  // leading non-item tokens, as text
 };
 
-// Parses one line: `h` leading text fields, then unsigned numbers up to the
-// first non-number; "-1" makes the next item open a new itemset.
+// Parses one line: `h` leading text fields (empty when missing), then numbers
+// read with read_number up to the first token that is not one; 4294967295
+// ("-1") makes the next item open a new itemset and is not stored.
 Sequence parse_sequence(std::string_view line, uint32_t h);
 
 // Total number of items over all itemsets.
