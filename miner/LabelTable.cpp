@@ -1,0 +1,204 @@
+#include "LabelTable.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "sequence.h"
+#include "ttoqr.h"
+
+namespace {
+
+// Numbers whose values stay below this many times the count of numbers (plus
+// a small floor) are looked up in a direct table instead of the hash map.
+constexpr uint64_t kIndexSpread = 8;
+constexpr uint64_t kIndexFloor = 4096;
+
+// Calls f(token) for every white-space-separated token of `line`; a NUL byte
+// is an ordinary token byte.
+template <typename F>
+void for_each_token(std::string_view line, F f) {
+  const char* p = line.data();
+  const char* const end = p + line.size();
+  for (;;) {
+    while (p < end && is_white_space(*p)) ++p;
+    if (p == end) return;
+    const char* token = p;
+    while (p < end && !is_white_space(*p)) ++p;
+    f(std::string_view(token, p - token));
+  }
+}
+
+// Reads an unsigned decimal of one or more digits that fits in 32 bits.
+bool read_decimal(std::string_view text, uint32_t* value) {
+  if (text.empty() || text.size() > 10) return false;
+  uint64_t v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + static_cast<uint64_t>(c - '0');
+  }
+  if (v > 4294967295u) return false;
+  *value = static_cast<uint32_t>(v);
+  return true;
+}
+
+}  // namespace
+
+void LabelTable::add_reserved_token(std::string_view text) {
+  reserved_.emplace(text);
+  if (!text.empty()) reserved_first_[static_cast<unsigned char>(text[0])] = true;
+}
+
+bool LabelTable::is_number(std::string_view text) {
+  if (text.empty()) return false;
+  if (text[0] == '0') return text.size() == 1;
+  if (text[0] < '1' || text[0] > '9') return false;
+  return std::all_of(text.begin() + 1, text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// A number token whose value does not fit in 32 bits is kept as a label, so
+// that it is never confused with a smaller number and comes back unchanged.
+bool LabelTable::number_value(std::string_view text, uint32_t* value) {
+  return is_number(text) && read_decimal(text, value);
+}
+
+void LabelTable::register_token(std::string_view text) {
+  uint32_t v = 0;
+  if (number_value(text, &v)) {
+    numbers_.try_emplace(v, 0);
+  } else if (labels_.find(text) == labels_.end()) {
+    labels_.emplace(std::string(text), 0);
+  }
+}
+
+void LabelTable::load_labels(const char* name) {
+  int fd = open(name, O_RDONLY);
+  if (fd >= 0) {
+    LineReader reader(fd);
+    std::string_view line;
+    bool terminated = false;
+    while (reader.next(&line, &terminated)) {
+      for_each_token(line, [this](std::string_view token) {
+        if (!is_reserved(token)) register_token(token);
+      });
+    }
+    close(fd);
+  }
+  assign_item_numbers();
+}
+
+void LabelTable::assign_item_numbers() {
+  std::vector<uint32_t> values;
+  values.reserve(numbers_.size());
+  for (const auto& entry : numbers_) values.push_back(entry.first);
+  std::sort(values.begin(), values.end());
+  std::vector<std::unordered_map<std::string, uint32_t>::value_type*> texts;
+  texts.reserve(labels_.size());
+  for (auto& entry : labels_) texts.push_back(&entry);
+  // std::string orders its bytes as unsigned values, a proper prefix first.
+  std::sort(texts.begin(), texts.end(), [](auto* a, auto* b) { return a->first < b->first; });
+
+  uint32_t counter = 0;
+  label_list_.reserve(label_list_.size() + values.size() + texts.size());
+  for (uint32_t v : values) {
+    numbers_[v] = counter++;
+    label_list_.push_back(std::to_string(v));
+  }
+  for (auto* entry : texts) {
+    entry->second = counter++;
+    label_list_.push_back(entry->first);
+  }
+  build_number_index();
+}
+
+// Direct table for numeric tokens when their values are dense enough.
+void LabelTable::build_number_index() {
+  number_index_.clear();
+  uint32_t max_value = 0;
+  for (const auto& entry : numbers_) max_value = std::max(max_value, entry.first);
+  if (numbers_.empty() || max_value >= kIndexSpread * numbers_.size() + kIndexFloor) return;
+  number_index_.assign(static_cast<size_t>(max_value) + 1, 0);
+  for (const auto& entry : numbers_) number_index_[entry.first] = entry.second + 1;
+}
+
+uint32_t LabelTable::item_number_of(std::string_view text) {
+  uint32_t v = 0;
+  if (number_value(text, &v)) {
+    if (v < number_index_.size() && number_index_[v] != 0) return number_index_[v] - 1;
+    return numbers_.try_emplace(v, 0).first->second;
+  }
+  auto it = labels_.find(text);
+  if (it == labels_.end()) it = labels_.emplace(std::string(text), 0).first;
+  return it->second;
+}
+
+unsigned LabelTable::convert(const char* input, const char* output) {
+  int in = open(input, O_RDONLY);
+  int out_fd = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (in < 0 || out_fd < 0) {
+    if (in >= 0) close(in);
+    if (out_fd >= 0) close(out_fd);
+    return 1;
+  }
+  {
+    LineReader reader(in);
+    OutBuffer out(out_fd);
+    std::string_view line;
+    bool terminated = false;
+    while (reader.next(&line, &terminated)) {
+      for_each_token(line, [this, &out](std::string_view token) {
+        if (is_reserved(token)) {
+          out.put(token.data(), token.size());
+        } else {
+          out.put_decimal(item_number_of(token));
+        }
+        out.put_char(' ');
+      });
+      out.put_char('\n');
+    }
+    out.flush();
+  }
+  close(in);
+  close(out_fd);
+  return 0;
+}
+
+unsigned LabelTable::r_convert(const char* input, const char* output, unsigned skip) const {
+  int in = open(input, O_RDONLY);
+  int out_fd = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (in < 0 || out_fd < 0) {
+    if (in >= 0) close(in);
+    if (out_fd >= 0) close(out_fd);
+    return 1;
+  }
+  bool ok = true;
+  {
+    LineReader reader(in);
+    OutBuffer out(out_fd);
+    std::string_view line;
+    bool terminated = false;
+    while (ok && reader.next(&line, &terminated)) {
+      unsigned index = 0;
+      for_each_token(line, [&](std::string_view token) {
+        uint32_t n = 0;
+        if (!ok) return;
+        if (index++ < skip || is_reserved(token)) {
+          out.put(token.data(), token.size());
+        } else if (read_decimal(token, &n) && n < label_list_.size()) {
+          out.put(label_list_[n].data(), label_list_[n].size());
+        } else {
+          ok = false;
+          return;
+        }
+        out.put_char(' ');
+      });
+      if (ok) out.put_char('\n');
+    }
+    out.flush();
+  }
+  close(in);
+  close(out_fd);
+  return ok ? 0 : 1;
+}
