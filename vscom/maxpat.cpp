@@ -1,0 +1,192 @@
+#include "maxpat.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "log.h"
+#include "sequence.h"
+
+IdSet* unmaximal_ids = nullptr;
+
+namespace {
+
+const char kSrc[] = "../vscom/maxpat";
+// Source lines quoted in the reports, fixed so that the logs of every build agree.
+constexpr unsigned kLineNew = 19;
+constexpr unsigned kLineRename = 94;
+constexpr unsigned kLineRemove = 95;
+
+// FNV-1a over the bytes, then a final mix so that both the low bits (slot
+// index) and the high bits (tag) depend on every byte.
+uint64_t hash_text(std::string_view text) {
+  uint64_t h = 14695981039346656037ull;
+  for (unsigned char c : text) h = (h ^ c) * 1099511628211ull;
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdull;
+  h ^= h >> 33;
+  return h;
+}
+
+// Cuts the next white-space-separated token from the front of *rest; empty
+// when none is left.
+std::string_view next_token(std::string_view* rest) {
+  size_t i = 0;
+  while (i < rest->size() && is_white_space((*rest)[i])) ++i;
+  size_t j = i;
+  while (j < rest->size() && !is_white_space((*rest)[j])) ++j;
+  std::string_view token = rest->substr(i, j - i);
+  rest->remove_prefix(j);
+  return token;
+}
+
+// Reads lines of `in` one at a time into a reused buffer; a last line without
+// newline is still a line. The view excludes the newline.
+class LineReader {
+ public:
+  explicit LineReader(FILE* in) : in_(in) {}
+  ~LineReader() { free(buf_); }
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
+
+  bool next(std::string_view* line) {
+    if (in_ == nullptr) return false;
+    ssize_t n = getline(&buf_, &cap_, in_);
+    if (n <= 0) return false;
+    *line = std::string_view(buf_, static_cast<size_t>(n));
+    if (line->back() == '\n') line->remove_suffix(1);
+    return true;
+  }
+
+ private:
+  FILE* in_;
+  char* buf_ = nullptr;
+  size_t cap_ = 0;
+};
+
+bool is_comment(std::string_view line) { return !line.empty() && line.front() == '#'; }
+
+// Creates or truncates `name` for writing with mode 0664 before the umask.
+FILE* create_text_file(const char* name) {
+  int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (fd < 0) return nullptr;
+  FILE* f = fdopen(fd, "w");
+  if (f == nullptr) close(fd);
+  return f;
+}
+
+void write_line(FILE* out, std::string_view line) {
+  if (out == nullptr) return;
+  fwrite(line.data(), 1, line.size(), out);
+  fputc('\n', out);
+}
+
+}  // namespace
+
+size_t IdSet::find_slot(std::string_view id, uint64_t hash) const {
+  const size_t mask = slots_.size() - 1;
+  const uint32_t tag = static_cast<uint32_t>(hash >> 32);
+  for (size_t i = hash & mask;; i = (i + 1) & mask) {
+    const Slot& s = slots_[i];
+    if (s.offset == kEmpty) return i;
+    if (s.tag == tag && s.length == id.size() &&
+        arena_.compare(s.offset, s.length, id.data(), id.size()) == 0) {
+      return i;
+    }
+  }
+}
+
+bool IdSet::contains(std::string_view id) const {
+  if (slots_.empty()) return false;
+  return slots_[find_slot(id, hash_text(id))].offset != kEmpty;
+}
+
+void IdSet::insert(std::string_view id) {
+  if ((count_ + 1) * 4 > slots_.size() * 3) grow();
+  const uint64_t hash = hash_text(id);
+  Slot& s = slots_[find_slot(id, hash)];
+  if (s.offset != kEmpty) return;
+  s.offset = arena_.size();
+  s.length = static_cast<uint32_t>(id.size());
+  s.tag = static_cast<uint32_t>(hash >> 32);
+  arena_.append(id);
+  ++count_;
+}
+
+// Doubles the table (at least 64 slots) and re-seats every id.
+void IdSet::grow() {
+  std::vector<Slot> old;
+  old.swap(slots_);
+  slots_.assign(old.empty() ? 64 : old.size() * 2, Slot{kEmpty, 0, 0});
+  for (const Slot& s : old) {
+    if (s.offset == kEmpty) continue;
+    std::string_view id(arena_.data() + s.offset, s.length);
+    slots_[find_slot(id, hash_text(id))] = s;
+  }
+}
+
+int create_unmaximal_set() {
+  unmaximal_ids = new (std::nothrow) IdSet;
+  if (unmaximal_ids == nullptr) {
+    log_perror("%s(%u) new(%u)", kSrc, kLineNew, static_cast<unsigned>(sizeof(IdSet)));
+    return 1;
+  }
+  return 0;
+}
+
+void load_unmaximal_ids(const char* pc_file) {
+  if (unmaximal_ids == nullptr) return;
+  FILE* in = fopen(pc_file, "r");
+  LineReader reader(in);
+  std::string_view line;
+  while (reader.next(&line)) {
+    if (is_comment(line)) continue;
+    next_token(&line);  // the listing pattern's own id
+    for (std::string_view id = next_token(&line); !id.empty(); id = next_token(&line)) {
+      unmaximal_ids->insert(id);
+    }
+  }
+  if (in != nullptr) fclose(in);
+}
+
+uint32_t copy_maximal_records(const char* file) {
+  const std::string tmp = std::string(file) + ".tmp";
+  FILE* in = fopen(file, "r");
+  FILE* out = create_text_file(tmp.c_str());
+  LineReader reader(in);
+  std::string_view line;
+  uint32_t kept = 0;
+  while (reader.next(&line)) {
+    if (is_comment(line)) {
+      write_line(out, line);
+      continue;
+    }
+    std::string_view rest = line;
+    if (unmaximal_ids != nullptr && unmaximal_ids->contains(next_token(&rest))) continue;
+    write_line(out, line);
+    ++kept;
+  }
+  if (in != nullptr) fclose(in);
+  if (out != nullptr) fclose(out);
+  return kept;
+}
+
+uint32_t remove_unmaximal_records(const char* file) {
+  const std::string tmp = std::string(file) + ".tmp";
+  const uint32_t kept = copy_maximal_records(file);
+  if (rename(tmp.c_str(), file) != 0) {
+    log_perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
+    log_printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+  }
+  return kept;
+}
+
+void destroy_unmaximal_set() {
+  delete unmaximal_ids;
+  unmaximal_ids = nullptr;
+}

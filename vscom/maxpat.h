@@ -1,0 +1,66 @@
+// Maximal-pattern pruning on the text of the files: a pattern whose id stands as
+// a parent on some line of the parent-children list is dropped from a record
+// file, which is rewritten through "FILE.tmp" and rename. Owns the process-wide
+// `unmaximal_ids`, alive between create_unmaximal_set and destroy_unmaximal_set.
+#ifndef QUARLO_VSCOM_MAXPAT_H_
+#define QUARLO_VSCOM_MAXPAT_H_
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// A set of id texts, matched as whole byte strings. Only membership is ever
+// asked, so it is a flat open-addressing table over one text arena, with no
+// allocation per id: a run lists millions of parent ids, mostly repeated.
+class IdSet {
+ public:
+  bool contains(std::string_view id) const;
+  // Adds `id` unless already present.
+  void insert(std::string_view id);
+  size_t size() const { return count_; }
+
+ private:
+  struct Slot {
+    uint64_t offset;  // start of the text in arena_; kEmpty when unused
+    uint32_t length;
+    uint32_t tag;     // high bits of the hash, checked before the text
+  };
+  static constexpr uint64_t kEmpty = ~uint64_t{0};
+
+  size_t find_slot(std::string_view id, uint64_t hash) const;
+  void grow();
+
+  std::string arena_;
+  std::vector<Slot> slots_;
+  size_t count_ = 0;
+};
+
+// Ids of the patterns that some other pattern lists as a parent; null outside
+// create_unmaximal_set .. destroy_unmaximal_set.
+extern IdSet* unmaximal_ids;
+
+// Creates the empty set. Returns 0, or 1 after reporting when memory is short.
+int create_unmaximal_set();
+
+// Adds every id after the first on each line of the parent-children list
+// `pc_file`; lines starting with "#" are skipped. An unreadable file adds
+// nothing and is not reported. Needs the set created.
+void load_unmaximal_ids(const char* pc_file);
+
+// Writes the records of `file` whose first token is not in the set to
+// "file.tmp" (see copy_maximal_records), then renames it over `file`; a failed
+// rename is reported and leaves both files as they were. Returns the number of
+// records kept, also when the rename failed.
+uint32_t remove_unmaximal_records(const char* file);
+
+// Copies `file` to "file.tmp" (mode 0664 before the umask) without the records
+// whose first token is in the set. Lines starting with "#" are copied and not
+// counted; every line written ends with a newline. An unreadable `file` gives
+// an empty "file.tmp" and 0. Returns the number of records kept.
+uint32_t copy_maximal_records(const char* file);
+
+// Frees the set if it exists.
+void destroy_unmaximal_set();
+
+#endif  // QUARLO_VSCOM_MAXPAT_H_
