@@ -185,6 +185,16 @@ bool matches_regex(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }
 
+std::string regex_escape(const std::string& text) {
+  static const std::string kSpecial = R"(\^$.|?*+()[]{})";
+  std::string out;
+  for (char c : text) {
+    if (kSpecial.find(c) != std::string::npos) out.push_back('\\');
+    out.push_back(c);
+  }
+  return out;
+}
+
 std::string golden_path(const std::string& name) {
   return std::string(QUARLO_SOURCE_DIR) + "/tests/golden/" + name;
 }

@@ -85,6 +85,8 @@ std::vector<std::string> split_lines(const std::string& text);
 // True when the whole of `text` matches the ECMAScript regular expression
 // `pattern` (use it for report lines whose source line numbers may change).
 bool matches_regex(const std::string& text, const std::string& pattern);
+// `text` with every regular-expression special character escaped.
+std::string regex_escape(const std::string& text);
 
 // Checked-in fixtures: tests/golden/<name> and tests/data/<name>.
 std::string golden_path(const std::string& name);
