@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -166,6 +167,23 @@ bool file_exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
+void copy_file(const std::string& from, const std::string& to) {
+  std::error_code ec;
+  fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
+  if (ec) ADD_FAILURE() << "cannot copy " << from << " to " << to << ": " << ec.message();
+}
+
+std::vector<std::string> list_dir(const std::string& dir) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    names.push_back(entry.path().filename().string());
+  }
+  if (ec) ADD_FAILURE() << "cannot list " << dir << ": " << ec.message();
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 std::vector<std::string> split_lines(const std::string& text) {
   std::vector<std::string> lines;
   size_t start = 0;
@@ -179,6 +197,24 @@ std::vector<std::string> split_lines(const std::string& text) {
     start = nl + 1;
   }
   return lines;
+}
+
+std::string mask_timings(const std::string& report) {
+  static const std::regex kTime("[0-9]+\\.[0-9]{3} sec");
+  return std::regex_replace(report, kTime, "#.### sec");
+}
+
+std::string report_block(const std::string& report, const std::string& title) {
+  const std::string head = title + " -";
+  std::string block;
+  bool inside = false;
+  for (const std::string& line : split_lines(report)) {
+    if (!inside && line.size() == 80 && line.rfind(head, 0) == 0) inside = true;
+    if (!inside) continue;
+    block += line + "\n";
+    if (line.empty()) break;
+  }
+  return block;
 }
 
 bool matches_regex(const std::string& text, const std::string& pattern) {

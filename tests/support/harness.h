@@ -77,10 +77,23 @@ std::string read_file(const std::string& path);
 // Creates or truncates `path` with exactly `content`; fails the test on error.
 void write_file(const std::string& path, const std::string& content);
 bool file_exists(const std::string& path);
+// Copies a file byte for byte (e.g. a fixture into a TempDir); fails the test on error.
+void copy_file(const std::string& from, const std::string& to);
+// Names of the entries of `dir` (without "." and ".."), sorted.
+std::vector<std::string> list_dir(const std::string& dir);
 
 // Splits text at "\n"; a final newline does not open another (empty) line,
 // so "a\n\nb\n" gives {"a", "", "b"}.
 std::vector<std::string> split_lines(const std::string& text);
+
+// `report` with every "N.NNN sec" time replaced by "#.### sec", so the reports
+// of two runs compare equal when only their timings differ.
+std::string mask_timings(const std::string& report);
+
+// The report block titled `title` ("Options", "Solution", ...): from its
+// title line ("Options ---...") up to and including the empty line that
+// ends it, or "" when the report holds no such block.
+std::string report_block(const std::string& report, const std::string& title);
 
 // True when the whole of `text` matches the ECMAScript regular expression
 // `pattern` (use it for report lines whose source line numbers may change).
