@@ -1,8 +1,21 @@
 #include "quarlo.h"
 
-#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "LabelTable.h"
+#include "lattice.h"
 #include "log.h"
+#include "maxpat.h"
+#include "qr.h"
+#include "ttoqr.h"
+#include "util.h"
 #include "vscmdl.h"
 
 namespace {
@@ -10,6 +23,185 @@ namespace {
 const char kSrc[] = "quarlo";
 const char kRule[] =
     "********************************************************************************";
+const char kLengthCountFormat[] = "  Number of Frequent Patterns[Length%5u]      %u";
+const uint64_t kNoKey = UINT64_MAX;  // lines without a "-": kept last, not counted
+
+// Elapsed wall-clock seconds of the timed stages; the optional ones stay 0.0.
+struct Timings {
+  double transform = 0.0;
+  double patterns = 0.0;
+  double pc_list = 0.0;
+  double pruning = 0.0;
+};
+
+void print_banner() {
+  log_printf("%s", kRule);
+  log_printf("quarlo %s - frequent itemsets under a length-decreasing minimum support",
+             QUARLO_VERSION);
+  log_printf("%s", "");
+}
+
+void print_timing(const Timings& t) {
+  log_printf("%s", "");
+  log_printf("Timing Information -------------------------------------------------------------");
+  log_printf("  Input File Transformation:                    %.3f sec", t.transform);
+  log_printf("  Generating Frequent Pattern File:             %.3f sec", t.patterns);
+  if (want_pc_list() || want_maximal()) {
+    log_printf("  Generating PC List File:                      %.3f sec", t.pc_list);
+  }
+  if (want_maximal()) {
+    log_printf("  Pruning Non-Maximal Patterns:                 %.3f sec", t.pruning);
+  }
+  log_printf("%s", kRule);
+}
+
+void remove_file(const char* name) {
+  if (unlink(name) != 0) log_perror("%s(%d) unlink(%s)", kSrc, __LINE__, name);
+}
+
+void report_conversion_failure() {
+  log_printf("%s(%u) Fatal error in r_convert(%s, %s)", kSrc, __LINE__, get_fp_conv_file(),
+             get_fp_file());
+}
+
+// Label numbering, FILE.conv and FILE.qr. Returns 0 or the run's exit status.
+int transform_input(LabelTable* labels, Timings* t) {
+  labels->add_reserved_token("-1");
+  labels->load_labels(get_input_file());
+  if (labels->convert(get_input_file(), get_conv_file()) != 0) {
+    report_conversion_failure();
+    return kStatusConvert;
+  }
+  t->transform = -wall_seconds();
+  if (ttoqr(get_conv_file(), get_qr_file()) != 0) return kStatusBinary;
+  t->transform += wall_seconds();
+  return kStatusOk;
+}
+
+// Maximal pruning of FILE.fp_conv through the ids that FILE.pc names as parents.
+int prune_unmaximal() {
+  if (create_unmaximal_set() != 0) {
+    log_printf("%s(%u) Failed to prune unmaximal patterns", kSrc, __LINE__);
+    return kStatusPrune;
+  }
+  load_unmaximal_ids(get_pc_file());
+  log_printf("  Number of Maximal Frequent Patterns:          %u",
+             remove_unmaximal_records(get_fp_conv_file()));
+  if (get_tid_file() != nullptr) remove_unmaximal_records(get_tid_file());
+  destroy_unmaximal_set();
+  return kStatusOk;
+}
+
+// The optional post-processing stages: PC list (-p or -x), maximal pruning (-x).
+int post_process(Timings* t) {
+  if (want_pc_list() || want_maximal()) {
+    t->pc_list = -wall_seconds();
+    if (generate_lattice(get_fp_conv_file(), get_pc_file()) != 0) {
+      log_printf("%s(%u) Failed to generate lattice data", kSrc, __LINE__);
+      return kStatusLattice;
+    }
+    t->pc_list += wall_seconds();
+  }
+  if (want_maximal()) {
+    t->pruning = -wall_seconds();
+    int status = prune_unmaximal();
+    if (status != kStatusOk) return status;
+    t->pruning += wall_seconds();
+  }
+  return kStatusOk;
+}
+
+// Every stage after the banner; `labels` lives for the whole run.
+int run_stages(LabelTable* labels) {
+  Timings t;
+  int status = transform_input(labels, &t);
+  if (status != kStatusOk) return status;
+  t.patterns = -wall_seconds();
+  if (find_frequent_patterns() != 0) {
+    log_printf("%s(%u) Failed to find frequent patterns", kSrc, __LINE__);
+    return kStatusConvert;
+  }
+  t.patterns += wall_seconds();
+  remove_file(get_qr_file());
+  status = post_process(&t);
+  if (status != kStatusOk) return status;
+  sort_by_length(get_fp_conv_file(), kLengthCountFormat);
+  if (labels->r_convert(get_fp_conv_file(), get_fp_file(), 3) != 0) {
+    report_conversion_failure();
+    return kStatusConvert;
+  }
+  remove_file(get_fp_conv_file());
+  remove_file(get_conv_file());
+  print_timing(t);
+  return kStatusOk;
+}
+
+// The decimal key before the first "-": digits 1-9 add their value, any other
+// character counts as 0. Lines without "-" get kNoKey.
+uint64_t length_key(const char* line, size_t len) {
+  uint64_t key = 0;
+  for (size_t i = 0; i < len; ++i) {
+    char c = line[i];
+    if (c == '-') return key;
+    key = key * 10 + (c >= '1' && c <= '9' ? static_cast<uint64_t>(c - '0') : 0);
+  }
+  return kNoKey;
+}
+
+struct LineRef {
+  uint64_t key;
+  size_t begin;
+  size_t len;
+};
+
+bool read_whole_file(const char* file, std::string* text) {
+  FILE* in = fopen(file, "rb");
+  if (in == nullptr) return false;
+  char chunk[1 << 16];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, in)) > 0) text->append(chunk, n);
+  fclose(in);
+  return true;
+}
+
+std::vector<LineRef> split_lines(const std::string& text) {
+  std::vector<LineRef> lines;
+  size_t begin = 0;
+  while (begin < text.size()) {
+    size_t end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back({length_key(text.data() + begin, end - begin), begin, end - begin});
+    begin = end + 1;
+  }
+  return lines;
+}
+
+void write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines) {
+  int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (fd < 0) return;
+  FILE* out = fdopen(fd, "w");
+  if (out == nullptr) {
+    close(fd);
+    return;
+  }
+  static char buffer[1 << 20];
+  setvbuf(out, buffer, _IOFBF, sizeof buffer);
+  for (const LineRef& l : lines) {
+    fwrite(text.data() + l.begin, 1, l.len, out);
+    putc('\n', out);
+  }
+  fclose(out);
+}
+
+void report_length_counts(const std::vector<LineRef>& lines, const char* format) {
+  size_t i = 0;
+  while (i < lines.size() && lines[i].key != kNoKey) {
+    size_t j = i;
+    while (j < lines.size() && lines[j].key == lines[i].key) ++j;
+    log_printf(format, static_cast<unsigned>(lines[i].key + 1), static_cast<unsigned>(j - i));
+    i = j;
+  }
+}
 
 }  // namespace
 
@@ -19,12 +211,21 @@ int run_pipeline() {
     log_printf("%s(%u) -t is not supported", kSrc, __LINE__);
     return kStatusTidList;
   }
-  log_printf("%s", kRule);
-  log_printf("quarlo %s: frequent itemsets under a length-decreasing support constraint",
-             QUARLO_VERSION);
-  log_printf("%s", "");
-  print_options();
-  return kStatusOk;
+  print_banner();
+  if (get_fp_file() == nullptr) {
+    log_printf("%s(%u) No file names can be derived from an empty FILE", kSrc, __LINE__);
+    return kStatusConvert;
+  }
+  LabelTable labels;
+  return run_stages(&labels);
 }
 
-void sort_by_length(const char*, const char*) {}
+void sort_by_length(const char* file, const char* format) {
+  std::string text;
+  if (!read_whole_file(file, &text)) text.clear();
+  std::vector<LineRef> lines = split_lines(text);
+  std::stable_sort(lines.begin(), lines.end(),
+                   [](const LineRef& a, const LineRef& b) { return a.key < b.key; });
+  write_lines(file, text, lines);
+  if (format != nullptr) report_length_counts(lines, format);
+}
