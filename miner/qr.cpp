@@ -53,13 +53,15 @@ void print_solution_block(uint32_t npatterns) {
   log_printf("  Number of Frequent Patterns:                  %u", npatterns);
 }
 
-// Steps 10 to 13: tree, pattern file, mining, close. Consumes `db`.
+// Steps 10 to 13: tree, pattern file, mining, close. Releases `db` once the
+// tree is built.
 int mine_database(TranBuf* db, int32_t nfreq, const ItemEntry* list, uint32_t ntrans,
                   uint32_t nitems) {
   cur_pattern_length = 1;
   FPTree tree = {};
   if (create_fptree(db, nfreq, list, &tree, nitems) != 0) return fatal("create_fptree", 169);
   free_buf(db);
+  db->data = nullptr;
   if (open_pattern_file(get_fp_conv_file(), ntrans, nitems) != 0) {
     log_printf("%s(%u) Failed to open %s", kSrc, 177u, "?");
     return 1;
@@ -72,6 +74,25 @@ int mine_database(TranBuf* db, int32_t nfreq, const ItemEntry* list, uint32_t nt
   return 0;
 }
 
+// Steps 5 to 13 on the loaded database; `db` is released here unless the
+// tree builder consumed it.
+int mine_loaded(TranBuf* db, uint32_t nitems) {
+  wall_seconds();
+  uint32_t ntrans = 0;
+  count_tran(db, &ntrans);
+  if (alloc_avetbl(nitems, ntrans) != 0) return fatal("alloc_avetbl", 120);
+  if (build_support_table(ntrans, nitems) != 0) return 1;
+  int32_t nfreq = 0;
+  ItemEntry* list = nullptr;
+  if (create_freqitemlist(db, &nfreq, &list, nitems) != 0) {
+    return fatal("create_freqitemlist", 143);
+  }
+  print_input_block(ntrans, nitems);
+  print_options();
+  if (nfreq <= 0) return 0;
+  return mine_database(db, nfreq, list, ntrans, nitems);
+}
+
 }  // namespace
 
 int find_frequent_patterns() {
@@ -82,20 +103,13 @@ int find_frequent_patterns() {
   if (init_buf_pool(nitems) != 0) return fatal("init_buf_pool", 96);
   TranBuf db = {};
   if (init_buf(&db, nitems) != 0) return fatal("init_buf", 101);
-  if (load_trandb(get_qr_file(), &db) != 0) return fatal("load_trandb", 106);
-  wall_seconds();
-  uint32_t ntrans = 0;
-  count_tran(&db, &ntrans);
-  if (alloc_avetbl(nitems, ntrans) != 0) return fatal("alloc_avetbl", 120);
-  if (build_support_table(ntrans, nitems) != 0) return 1;
-  int32_t nfreq = 0;
-  ItemEntry* list = nullptr;
-  if (create_freqitemlist(&db, &nfreq, &list, nitems) != 0) {
-    return fatal("create_freqitemlist", 143);
+  if (load_trandb(get_qr_file(), &db) != 0) {
+    free_buf(&db);
+    return fatal("load_trandb", 106);
   }
-  print_input_block(ntrans, nitems);
-  print_options();
-  if (nfreq > 0 && mine_database(&db, nfreq, list, ntrans, nitems) != 0) return 1;
+  const int status = mine_loaded(&db, nitems);
+  if (db.data != nullptr) free_buf(&db);
+  if (status != 0) return 1;
   wall_seconds();
   print_solution_block(pattern_count() - written_before);
   free_freq_tbl();
