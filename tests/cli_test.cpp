@@ -175,6 +175,130 @@ TEST_F(Cli, SecondRunAppendsItsReport) {
   EXPECT_EQ(log(), first.out + second.out);
 }
 
+// Lines of `report` that start with `prefix`, in order.
+std::vector<std::string> lines_starting(const std::string& report, const std::string& prefix) {
+  std::vector<std::string> out;
+  for (const std::string& line : split_lines(report)) {
+    if (line.rfind(prefix, 0) == 0) out.push_back(line);
+  }
+  return out;
+}
+
+TEST_F(Cli, SuccessfulRunKeepsOnlyItsResults) {
+  RunResult plain = run_quarlo(dir(), {"-s", "40", "market.txt"});
+  ASSERT_EQ(plain.status, 0) << plain.out << plain.err;
+  EXPECT_EQ(split_lines(plain.out).back(), kRule);
+  EXPECT_EQ(list_dir(dir()), (std::vector<std::string>{"market.supp", "market.txt",
+                                                       "market.txt.fp", "quarlo.log"}));
+
+  // -x alone also keeps the PC list and leaves an empty TID list behind.
+  RunResult maximal = run_quarlo(dir(), {"-s", "40", "-x", "market.txt"});
+  ASSERT_EQ(maximal.status, 0) << maximal.out << maximal.err;
+  EXPECT_EQ(list_dir(dir()),
+            (std::vector<std::string>{"market.supp", "market.txt", "market.txt.fp",
+                                      "market.txt.pc", "market.txt.tid", "quarlo.log"}));
+  EXPECT_EQ(read_file(path("market.txt.tid")), "");
+}
+
+TEST_F(Cli, TimingBlockNamesOnlyTheStagesThatRan) {
+  const std::string transform = "  Input File Transformation:                    #.### sec";
+  const std::string patterns = "  Generating Frequent Pattern File:             #.### sec";
+  const std::string pc_list = "  Generating PC List File:                      #.### sec";
+  const std::string pruning = "  Pruning Non-Maximal Patterns:                 #.### sec";
+  struct Case {
+    std::vector<std::string> options;
+    std::vector<std::string> timing_lines;
+  };
+  const Case cases[] = {
+      {{}, {transform, patterns}},
+      {{"-p"}, {transform, patterns, pc_list}},
+      {{"-x"}, {transform, patterns, pc_list, pruning}},
+      {{"-p", "-x"}, {transform, patterns, pc_list, pruning}},
+  };
+  for (const Case& c : cases) {
+    TempDir run;
+    copy_file(data_path("cli/market.txt"), run.join("market.txt"));
+    std::vector<std::string> args = c.options;
+    args.insert(args.end(), {"-s", "40", "market.txt"});
+    RunResult r = run_quarlo(run.path(), args);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    std::vector<std::string> expected = {"", "Timing Information " + std::string(61, '-')};
+    expected.insert(expected.end(), c.timing_lines.begin(), c.timing_lines.end());
+    expected.push_back(kRule);
+    std::vector<std::string> lines = split_lines(mask_timings(r.out));
+    ASSERT_GE(lines.size(), expected.size());
+    EXPECT_EQ(std::vector<std::string>(lines.end() - static_cast<long>(expected.size()),
+                                       lines.end()),
+              expected)
+        << r.out;
+    EXPECT_EQ(file_exists(run.join("market.txt.pc")), c.options.size() > 0);
+  }
+}
+
+TEST_F(Cli, PerLengthCountsSkipAbsentLengths) {
+  // Maximal patterns {a}, {b c} and {d e f g}: lengths 1, 2 and 4 only.
+  quarlo_test::write_file(path("lengths.txt"), "a\na\nb c\nb c\nd e f g\nd e f g\n");
+  RunResult r = run_quarlo(dir(), {"-s", "30", "-x", "lengths.txt"});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(lines_starting(r.out, "  Number of Frequent Patterns["),
+            (std::vector<std::string>{"  Number of Frequent Patterns[Length    1]      1",
+                                      "  Number of Frequent Patterns[Length    2]      1",
+                                      "  Number of Frequent Patterns[Length    4]      1"}));
+  EXPECT_EQ(lines_starting(r.out, "  Number of Maximal Frequent Patterns:"),
+            std::vector<std::string>{"  Number of Maximal Frequent Patterns:          3"});
+
+  // Without -x every frequent pattern counts, and the pattern file comes
+  // grouped by length.
+  RunResult all = run_quarlo(dir(), {"-s", "30", "lengths.txt"});
+  ASSERT_EQ(all.status, 0) << all.out << all.err;
+  EXPECT_EQ(lines_starting(all.out, "  Number of Frequent Patterns["),
+            (std::vector<std::string>{"  Number of Frequent Patterns[Length    1]      7",
+                                      "  Number of Frequent Patterns[Length    2]      7",
+                                      "  Number of Frequent Patterns[Length    3]      4",
+                                      "  Number of Frequent Patterns[Length    4]      1"}));
+  std::vector<std::string> patterns = split_lines(read_file(path("lengths.txt.fp")));
+  ASSERT_EQ(patterns.size(), 19u);
+  for (size_t i = 1; i < patterns.size(); ++i) {
+    EXPECT_LE(std::stoul(patterns[i - 1]), std::stoul(patterns[i])) << patterns[i];
+  }
+}
+
+TEST_F(Cli, SecondRunOverwritesThePatternFile) {
+  RunResult first = run_quarlo(dir(), {"-s", "20", "market.txt"});
+  ASSERT_EQ(first.status, 0) << first.out << first.err;
+  const std::string many = read_file(path("market.txt.fp"));
+  RunResult second = run_quarlo(dir(), {"-s", "80", "market.txt"});
+  ASSERT_EQ(second.status, 0) << second.out << second.err;
+  const std::string few = read_file(path("market.txt.fp"));
+  // Three items reach 80 %; the file holds them alone, nothing of the first run.
+  EXPECT_EQ(split_lines(few).size(), 3u) << few;
+  EXPECT_GT(split_lines(many).size(), 3u);
+}
+
+TEST_F(Cli, FailedStagesEndWithStatus2AndTheirMessage) {
+  RunResult missing = run_quarlo(dir(), {"-s", "40", "absent.txt"});
+  EXPECT_EQ(missing.status, 2);
+  std::vector<std::string> lines = split_lines(missing.out);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(matches_regex(
+      lines.back(), R"(quarlo\(\d+\) Fatal error in r_convert\(absent\.txt\.fp_conv, absent\.txt\.fp\))"))
+      << missing.out;
+  EXPECT_EQ(lines.front(), kRule);  // the banner came first
+  EXPECT_TRUE(lines_starting(missing.out, "Timing Information").empty());
+
+  RunResult no_table = run_quarlo(dir(), {"-S", "absent.supp", "market.txt"});
+  EXPECT_EQ(no_table.status, 2);
+  lines = split_lines(no_table.out);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(matches_regex(lines.back(), R"(quarlo\(\d+\) Failed to find frequent patterns)"))
+      << no_table.out;
+  EXPECT_NE(no_table.out.find("fopen(absent.supp, \"r\"): No such file or directory\n"),
+            std::string::npos)
+      << no_table.out;
+  EXPECT_TRUE(lines_starting(no_table.out, "Timing Information").empty());
+  EXPECT_FALSE(file_exists(path("market.txt.fp")));
+}
+
 // The log cannot be opened: the run stops before the banner, with the
 // reason on standard error only.
 void expect_log_open_failure(const RunResult& r, const std::string& system_text) {
