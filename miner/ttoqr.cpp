@@ -58,7 +58,7 @@ bool collect_items(std::string_view line, std::vector<uint32_t>* items) {
 
 // Sorts and deduplicates *items, then appends their record to `out`.
 void put_record(std::vector<uint32_t>* items, OutBuffer* out) {
-  std::sort(items->begin(), items->end());
+  if (!std::is_sorted(items->begin(), items->end())) std::sort(items->begin(), items->end());
   items->erase(std::unique(items->begin(), items->end()), items->end());
   const uint32_t n = to_little_endian(static_cast<uint32_t>(items->size()));
   out->put(&n, sizeof n);

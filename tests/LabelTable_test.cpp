@@ -284,4 +284,41 @@ TEST_F(LabelTableTest, RoundTripRestoresUserLabels) {
   EXPECT_EQ(got[4], (std::vector<std::string>{"123456789012345678901234567890", "x"}));
 }
 
+// Fixture pairs hold the same transactions, once plainly written and once with
+// shuffled and repeated items, tabs, CRLF, blank and "-1" lines and no final
+// newline: both must give the same labels and the same binary file.
+TEST_F(LabelTableTest, NoisyLayoutGivesTheSameTransactions) {
+  const std::string data = QUARLO_SOURCE_DIR "/tests/data/conversion/"s;
+  for (const std::string name : {"labels", "numbers"}) {
+    std::vector<std::string> label_lists[2];
+    std::string binaries[2];
+    for (int noisy = 0; noisy < 2; ++noisy) {
+      const std::string file = data + name + (noisy ? "-noise.txt" : ".txt");
+      LabelTable table;
+      table.add_reserved_token("-1");
+      table.load_labels(file.c_str());
+      ASSERT_EQ(table.convert(file.c_str(), path("f.conv").c_str()), 0u);
+      ASSERT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str()), 0u);
+      EXPECT_EQ(item_count, table.label_count());
+      for (unsigned i = 0; i < table.label_count(); ++i) label_lists[noisy].push_back(table.label_of(i));
+      binaries[noisy] = read("f.qr");
+    }
+    EXPECT_GT(label_lists[0].size(), 50u) << name;
+    EXPECT_EQ(label_lists[0], label_lists[1]) << name;
+    EXPECT_GT(binaries[0].size(), 4000u) << name;
+    EXPECT_EQ(binaries[0], binaries[1]) << name;
+  }
+}
+
+TEST_F(LabelTableTest, LineWithTwoItemsetsIsRefusedDownstream) {
+  const std::string file = QUARLO_SOURCE_DIR "/tests/data/conversion/split.txt";
+  table_.load_labels(file.c_str());
+  ASSERT_EQ(table_.convert(file.c_str(), path("f.conv").c_str()), 0u);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str()), 1u);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "ttoqr(26) Sequence with more than one itemsets detected\n"
+            "ttoqr(98) Fatal error in tseq_to_vsseq()\n");
+}
+
 }  // namespace

@@ -98,10 +98,6 @@ TEST_F(TtoqrTest, ItemsStopAtFirstNonNumberOrNul) {
   EXPECT_EQ(words_of("4 2 x 7\n8 1.5 3\n3 2\0 5\n6\0"s), (Words{2, 2, 4, 1, 8, 2, 2, 3, 1, 6}));
 }
 
-TEST_F(TtoqrTest, CrlfAndTabsReadLikeBlanks) {
-  EXPECT_EQ(words_of("1\t5 1\r\n\r\n0 \r\n"), words_of("1 5 1 \n\n0 \n"));
-}
-
 // The count is raised on signed values, so an item of 2^31 - 1 or more does
 // not raise it.
 TEST_F(TtoqrTest, ItemCountComparesSigned) {
