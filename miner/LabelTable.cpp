@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "sequence.h"
@@ -15,6 +16,23 @@ namespace {
 // a small floor) are looked up in a direct table instead of the hash map.
 constexpr uint64_t kIndexSpread = 8;
 constexpr uint64_t kIndexFloor = 4096;
+constexpr uint32_t kNoItem = 0xffffffffu;
+
+// Hash of a token, eight bytes at a time.
+uint64_t text_hash(std::string_view s) {
+  uint64_t h = 0x9e3779b97f4a7c15ull ^ s.size();
+  size_t i = 0;
+  for (; i + 8 <= s.size(); i += 8) {
+    uint64_t w;
+    memcpy(&w, s.data() + i, 8);
+    h = (h ^ w) * 0xff51afd7ed558ccdull;
+    h ^= h >> 32;
+  }
+  uint64_t w = 0;
+  memcpy(&w, s.data() + i, s.size() - i);
+  h = (h ^ w) * 0xc4ceb9fe1a85ec53ull;
+  return h ^ (h >> 29);
+}
 
 // Calls f(token) for every white-space-separated token of `line`; a NUL byte
 // is an ordinary token byte.
@@ -111,6 +129,35 @@ void LabelTable::assign_item_numbers() {
     label_list_.push_back(entry->first);
   }
   build_number_index();
+  build_label_index();
+}
+
+// Flat table over the labels numbered so far, at most half full, for the
+// lookups of the second pass.
+void LabelTable::build_label_index() {
+  size_t size = 16;
+  while (size < 2 * labels_.size()) size *= 2;
+  label_index_.assign(size, LabelSlot{0, kNoItem});
+  for (const auto& entry : labels_) {
+    const uint64_t h = text_hash(entry.first);
+    size_t i = h & (size - 1);
+    while (label_index_[i].item != kNoItem) i = (i + 1) & (size - 1);
+    label_index_[i] = LabelSlot{h, entry.second};
+  }
+}
+
+bool LabelTable::find_label(std::string_view text, uint32_t* item) const {
+  if (label_index_.empty()) return false;
+  const uint64_t h = text_hash(text);
+  const size_t mask = label_index_.size() - 1;
+  for (size_t i = h & mask; label_index_[i].item != kNoItem; i = (i + 1) & mask) {
+    const LabelSlot& slot = label_index_[i];
+    if (slot.hash == h && label_list_[slot.item] == text) {
+      *item = slot.item;
+      return true;
+    }
+  }
+  return false;
 }
 
 // Direct table for numeric tokens when their values are dense enough.
@@ -129,6 +176,8 @@ uint32_t LabelTable::item_number_of(std::string_view text) {
     if (v < number_index_.size() && number_index_[v] != 0) return number_index_[v] - 1;
     return numbers_.try_emplace(v, 0).first->second;
   }
+  uint32_t item = 0;
+  if (find_label(text, &item)) return item;
   auto it = labels_.find(text);
   if (it == labels_.end()) it = labels_.emplace(std::string(text), 0).first;
   return it->second;

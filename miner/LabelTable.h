@@ -73,6 +73,13 @@ class LabelTable {
   }
   static bool number_value(std::string_view text, uint32_t* value);
   void build_number_index();
+  void build_label_index();
+  bool find_label(std::string_view text, uint32_t* item) const;
+
+  struct LabelSlot {
+    uint64_t hash;
+    uint32_t item;  // kNoItem: empty slot
+  };
 
   std::unordered_map<std::string, uint32_t, TextHash, std::equal_to<>> labels_;
   std::unordered_map<uint32_t, uint32_t> numbers_;
@@ -80,6 +87,7 @@ class LabelTable {
   bool reserved_first_[256] = {};      // first bytes of the reserved tokens
   std::vector<std::string> label_list_;
   std::vector<uint32_t> number_index_;  // small value -> item number + 1 (0: absent)
+  std::vector<LabelSlot> label_index_;  // open addressing over the numbered labels
 };
 
 #endif  // QUARLO_MINER_LABELTABLE_H_
