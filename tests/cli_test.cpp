@@ -82,6 +82,15 @@ TEST_F(Cli, UnknownOptionDrawsGetoptsComplaintAndTheRunGoesOn) {
   EXPECT_EQ(mask_timings(with_q.out), mask_timings(plain.out));
   EXPECT_FALSE(with_q.out.empty());
   EXPECT_EQ(with_q.out.find("invalid option"), std::string::npos);
+
+  // A missing option argument is skipped the same way.
+  TempDir third;
+  copy_file(data_path("cli/market.txt"), third.join("market.txt"));
+  RunResult no_arg = run_quarlo(third.path(), {"-s", "40", "market.txt", "-m"});
+  EXPECT_NE(no_arg.err.find("option requires an argument -- 'm'"), std::string::npos)
+      << no_arg.err;
+  EXPECT_EQ(no_arg.status, plain.status);
+  EXPECT_EQ(mask_timings(no_arg.out), mask_timings(plain.out));
 }
 
 TEST_F(Cli, BufferSizeAndDirectoryChangeNothing) {
@@ -297,6 +306,13 @@ TEST_F(Cli, FailedStagesEndWithStatus2AndTheirMessage) {
       << no_table.out;
   EXPECT_TRUE(lines_starting(no_table.out, "Timing Information").empty());
   EXPECT_FALSE(file_exists(path("market.txt.fp")));
+
+  // An empty FILE derives no names; the run must fail cleanly, not crash.
+  TempDir run;
+  RunResult empty = run_quarlo(run.path(), {"-s", "40", ""});
+  EXPECT_GT(empty.status, 0);
+  EXPECT_LT(empty.status, 128) << empty.err;
+  EXPECT_EQ(list_dir(run.path()), std::vector<std::string>{"quarlo.log"});
 }
 
 // The log cannot be opened: the run stops before the banner, with the
