@@ -64,6 +64,7 @@ int mine_database(TranBuf* db, int32_t nfreq, const ItemEntry* list, uint32_t nt
   db->data = nullptr;
   if (open_pattern_file(get_fp_conv_file(), ntrans, nitems) != 0) {
     log_printf("%s(%u) Failed to open %s", kSrc, 177u, "?");
+    free_fptree(&tree);
     return 1;
   }
   if (mine_fptree(&tree, nitems) != 0) return fatal("mine_fptree", 183);
