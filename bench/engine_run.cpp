@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "qr.h"
+#include "suppfunc.h"
 #include "ttoqr.h"
+#include "util.h"
 #include "vscmdl.h"
 
 namespace {
@@ -48,9 +50,30 @@ long convert(const char* in, const char* out) {
   return top;
 }
 
+// With --table first, prints "LEN COUNT" for every length instead of mining:
+// the minimum support counts that the options give on this input.
+int print_table() {
+  uint32_t ntrans = 0;
+  FILE* f = fopen(get_qr_file(), "rb");
+  for (uint32_t n; f != nullptr && fread(&n, 4, 1, f) == 1; ++ntrans) fseek(f, 4L * n, SEEK_CUR);
+  if (f != nullptr) fclose(f);
+  const char* table = get_supp_table_file();
+  int status = table != nullptr ? init_freq_tbl(table, ntrans, item_count)
+                                : init_freq_tbl_with_minsup(get_min_support(), ntrans, item_count);
+  if (status != 0) return 2;
+  for (uint32_t len = 1; len <= item_count; ++len) printf("%u %u\n", len, minsup_of_length(len));
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  const bool table_only = argc > 1 && strcmp(argv[1], "--table") == 0;
+  if (table_only) {
+    argv[1] = argv[0];
+    ++argv;
+    --argc;
+  }
   parse(argc, argv, 0);
   long top = convert(get_input_file(), get_qr_file());
   if (top < 0) {
@@ -58,7 +81,14 @@ int main(int argc, char** argv) {
     return 2;
   }
   item_count = static_cast<uint32_t>(top);
-  int status = find_frequent_patterns();
+  if (table_only) {
+    const int status = print_table();
+    remove(get_qr_file());
+    return status;
+  }
+  const double start = wall_seconds();
+  const int status = find_frequent_patterns();
+  fprintf(stderr, "engine seconds: %.3f\n", wall_seconds() - start);
   remove(get_qr_file());
   return status == 0 ? 0 : 2;
 }

@@ -22,6 +22,11 @@ MiningCounters g_counters = {};
 uint32_t* g_rank = nullptr;
 uint32_t g_rank_capacity = 0;
 
+// The root's child of every rank, and its last child, while a tree is built:
+// the root can have as many children as there are frequent items.
+FPNode** g_root_child = nullptr;
+FPNode* g_root_last = nullptr;
+
 // Scratch of the recursion: the ancestor items of one node (filled and used
 // before the recursion descends), the item count and the maximum output size.
 uint32_t* g_path = nullptr;
@@ -31,9 +36,16 @@ uint32_t g_max_size = 0xffffffffu;
 bool ensure_rank(uint32_t nitems) {
   if (g_rank != nullptr && nitems <= g_rank_capacity) return true;
   uint32_t* grown = static_cast<uint32_t*>(calloc(nitems + 1, sizeof(uint32_t)));
-  if (grown == nullptr) return false;
+  FPNode** roots = static_cast<FPNode**>(calloc(nitems + 1, sizeof(FPNode*)));
+  if (grown == nullptr || roots == nullptr) {
+    free(grown);
+    free(roots);
+    return false;
+  }
   free(g_rank);
+  free(g_root_child);
   g_rank = grown;
+  g_root_child = roots;
   g_rank_capacity = nitems;
   return true;
 }
@@ -62,7 +74,9 @@ int make_header(int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   for (int32_t p = 0; p < nfreq; ++p) {
     tree->header[p] = {*list[p].items, list[p].support, nullptr, nullptr};
     g_rank[*list[p].items] = static_cast<uint32_t>(nfreq - p);
+    g_root_child[nfreq - p] = nullptr;
   }
+  g_root_last = nullptr;
   tree->nheader = nfreq;
   tree->top_support = nfreq > 0 ? list[0].support : 0;
   return 0;
@@ -140,15 +154,25 @@ FPNode* add_child(FPTree* tree, FPNode* parent, FPNode* last, uint32_t item, int
   } else {
     last->next_sibling = node;
   }
-  HeaderEntry* h = &header[tree->nheader - static_cast<int32_t>(g_rank[item])];
+  const uint32_t rank = g_rank[item];
+  if (parent == tree->root) {
+    g_root_child[rank] = node;
+    g_root_last = node;
+  }
+  HeaderEntry* h = &header[tree->nheader - static_cast<int32_t>(rank)];
   if (h->head == nullptr) h->tail = node;
   node->next_link = h->head;
   h->head = node;
   return node;
 }
 
-// Child of `node` with `item`, or null; *last gets the last child seen.
-FPNode* find_child(FPNode* node, uint32_t item, FPNode** last) {
+// Child of `node` with `item`, or null; *last then gets the last child.
+FPNode* find_child(const FPTree* tree, FPNode* node, uint32_t item, FPNode** last) {
+  if (node == tree->root) {
+    FPNode* child = g_root_child[g_rank[item]];
+    if (child == nullptr) *last = g_root_last;
+    return child;
+  }
   FPNode* prev = nullptr;
   for (FPNode* c = node->first_child; c != nullptr; c = c->next_sibling) {
     if (c->item == item) return c;
@@ -184,7 +208,7 @@ int insert_tran_to_fptree(FPTree* tree, FPNode* node, const CurTran* tran, Heade
   while (n > 0) {
     uint32_t x = s[n - 1].item;
     FPNode* last = nullptr;
-    FPNode* child = find_child(node, x, &last);
+    FPNode* child = find_child(tree, node, x, &last);
     if (child != nullptr) {
       child->count += w;
     } else {
@@ -270,11 +294,23 @@ bool at_least(int32_t support, uint32_t need) {
   return static_cast<int64_t>(support) >= static_cast<int64_t>(need);
 }
 
-// Takes `v` out of its parent's child list.
-void unlink_child(FPNode* v) {
-  FPNode** at = &v->parent->first_child;
-  while (*at != v) at = &(*at)->next_sibling;
-  *at = v->next_sibling;
+// Takes every node of the list `removed` (linked by next_link, counts set to
+// 0) out of its parent's child list, one sweep per parent; the other children
+// keep their order. A swept node gets count -1 so that its parent is swept once.
+void unlink_removed(FPNode* removed) {
+  for (FPNode* v = removed; v != nullptr; v = v->next_link) {
+    if (v->count != 0) continue;
+    FPNode** at = &v->parent->first_child;
+    while (*at != nullptr) {
+      FPNode* c = *at;
+      if (c->count == 0) {
+        *at = c->next_sibling;
+        c->count = -1;
+      } else {
+        at = &c->next_sibling;
+      }
+    }
+  }
 }
 
 // Node pruning of header entry `h` for a pattern of k items plus h: removes,
@@ -286,6 +322,7 @@ bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
   bool removed = true;
   while (removed) {
     removed = false;
+    FPNode* gone = nullptr;  // the leaves removed in this pass
     FPNode* prev = nullptr;
     for (FPNode* v = h->head; v != nullptr;) {
       FPNode* next = v->next_link;
@@ -293,9 +330,11 @@ bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
           static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(len)) {
         h->support -= v->count;
         len = min_length_of_support(h->support);
-        unlink_child(v);
         if (prev == nullptr) h->head = next; else prev->next_link = next;
         if (h->tail == v) h->tail = prev;
+        v->count = 0;
+        v->next_link = gone;
+        gone = v;
         removed = true;
         ++g_counters.pruned_nodes;
       } else {
@@ -303,6 +342,9 @@ bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
       }
       v = next;
     }
+    // Leaves of h are never parents of other leaves of h, so unlinking them
+    // after the pass decides exactly as unlinking each one at once.
+    unlink_removed(gone);
     if (h->support < floor) return false;
   }
   return true;
