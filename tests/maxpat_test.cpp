@@ -158,6 +158,30 @@ TEST(MaxPatSet, IdSetKeepsEveryIdThroughGrowth) {
   EXPECT_FALSE(set.contains(""));
 }
 
+TEST(MaxPatSet, IdSetTellsApartSpellingsOfTheSameNumbers) {
+  IdSet set;
+  set.insert("0-0");
+  EXPECT_FALSE(set.contains("00-0"));
+  EXPECT_FALSE(set.contains("0-00"));
+  for (const char* id : {"00-0", "0-00", "a", "1-", "-1-0", "1-0x", "4294967296-0"}) {
+    set.insert(id);
+    set.insert(id);
+  }
+  EXPECT_EQ(set.size(), 8u);
+  for (const char* id : {"0-0", "00-0", "0-00", "a", "1-", "-1-0", "1-0x", "4294967296-0"}) {
+    EXPECT_TRUE(set.contains(id)) << id;
+  }
+  for (const char* id : {"1-0", "0", "-", "1--0", "0-1"}) EXPECT_FALSE(set.contains(id)) << id;
+  // Ordinals far beyond what the insertions justify still match exactly.
+  set.insert("0-4294967295");
+  set.insert("4294967295-7");
+  EXPECT_TRUE(set.contains("0-4294967295"));
+  EXPECT_TRUE(set.contains("4294967295-7"));
+  EXPECT_FALSE(set.contains("0-4294967294"));
+  EXPECT_FALSE(set.contains("4294967295-6"));
+  EXPECT_EQ(set.size(), 10u);
+}
+
 // ---------------------------------------------------------------------------
 // Lattice then pruning, against the definition: a pattern is kept exactly when
 // no other frequent pattern contains it.

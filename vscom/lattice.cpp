@@ -5,10 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <new>
 #include <string>
 #include <string_view>
@@ -146,11 +147,25 @@ uint64_t item_hash(uint32_t item) {
   return z ^ (z >> 31);
 }
 
-uint64_t itemset_hash(const uint32_t* items, uint32_t len) {
-  uint64_t h = 0;
-  for (uint32_t i = 0; i < len; ++i) h += item_hash(items[i]);
-  return h;
-}
+// item_hash of every item below a bound, looked up instead of recomputed.
+class ItemHashes {
+ public:
+  // Tabulates the items up to max_item, at most the first 2^20.
+  void cover(uint32_t max_item) {
+    const size_t n = std::min<size_t>(size_t{max_item} + 1, size_t{1} << 20);
+    known_.resize(n);
+    for (size_t i = 0; i < n; ++i) known_[i] = item_hash(static_cast<uint32_t>(i));
+  }
+  uint64_t of(uint32_t item) const { return item < known_.size() ? known_[item] : item_hash(item); }
+  uint64_t of(const uint32_t* items, uint32_t len) const {
+    uint64_t h = 0;
+    for (uint32_t i = 0; i < len; ++i) h += of(items[i]);
+    return h;
+  }
+
+ private:
+  std::vector<uint64_t> known_;
+};
 
 // True when a[0..len) equals q[0..len] with q's position `skip` left out;
 // a `skip` of len or more compares q[0..len) directly.
@@ -171,8 +186,7 @@ constexpr uint32_t kNone = ~uint32_t{0};
 
 // The frequent patterns of one length in file order, stored flat in chunks of
 // at most 64 Ki items (so the store never holds a doubled copy while it
-// grows), with a hash index from itemset to its first ordinal and a stamp per
-// pattern that marks it as already written for the current search.
+// grows), with a hash index from itemset to its first ordinal.
 class PatternGroup {
  public:
   explicit PatternGroup(uint32_t len) : len_(len) {
@@ -194,12 +208,11 @@ class PatternGroup {
 
   // Indexes every pattern under its itemset; an itemset seen twice keeps its
   // first ordinal. Call once, after the last append.
-  void build_index() {
+  void build_index(const ItemHashes& hashes) {
     slots_.assign(table_size_for(count_), 0);
-    stamps_.assign(count_, 0);
     for (uint32_t n = 0; n < count_; ++n) {
       const uint32_t* a = items(n);
-      const uint64_t h = itemset_hash(a, len_);
+      const uint64_t h = hashes.of(a, len_);
       size_t slot = probe(a, len_, h);
       if (slots_[slot] == 0) slots_[slot] = (h & kTagMask) | (uint64_t{n} + 1);
     }
@@ -212,11 +225,14 @@ class PatternGroup {
     return slot == 0 ? kNone : static_cast<uint32_t>(slot - 1);
   }
 
-  // Marks pattern n as written in search `serial`; false when it already was.
-  bool mark(uint32_t n, uint32_t serial) {
-    if (stamps_[n] == serial) return false;
-    stamps_[n] = serial;
-    return true;
+  // Start loading the home slot of `hash`, and then the items of the pattern
+  // found there: the lookups of one record's subsets overlap their misses.
+  void prefetch_slot(uint64_t hash) const {
+    __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
+  }
+  void prefetch_items(uint64_t hash) const {
+    const uint64_t slot = slots_[hash & (slots_.size() - 1)];
+    if (slot != 0) __builtin_prefetch(items(static_cast<uint32_t>(slot - 1)));
   }
 
  private:
@@ -248,18 +264,20 @@ class PatternGroup {
   uint32_t count_ = 0;
   std::vector<std::vector<uint32_t>> chunks_;
   std::vector<uint64_t> slots_;    // tag (high hash bits) | ordinal + 1; 0 is empty
-  std::vector<uint32_t> stamps_;   // serial of the search that last wrote the pattern
 };
 
 // Every pattern of the file, grouped by length (index = length).
 struct PatternTable {
   std::vector<PatternGroup> groups;
+  ItemHashes hashes;
+  uint32_t max_item = 0;
 
   PatternGroup* group(uint32_t len) { return len < groups.size() ? &groups[len] : nullptr; }
   void append(const std::vector<uint32_t>& items) {
     const uint32_t len = static_cast<uint32_t>(items.size());
     while (groups.size() <= len) groups.emplace_back(static_cast<uint32_t>(groups.size()));
     groups[len].append(items.data());
+    if (len > 0) max_item = std::max(max_item, items.back());
   }
 };
 
@@ -289,28 +307,27 @@ bool parse_items(std::string_view line, std::vector<uint32_t>* items) {
     open_new = false;
     items->push_back(value);
   }
-  std::sort(items->begin(), items->end());
-  items->erase(std::unique(items->begin(), items->end()), items->end());
+  // Lines as the pattern writer makes them are already strictly ascending.
+  if (std::adjacent_find(items->begin(), items->end(), std::greater_equal<uint32_t>()) !=
+      items->end()) {
+    std::sort(items->begin(), items->end());
+    items->erase(std::unique(items->begin(), items->end()), items->end());
+  }
   return true;
 }
 
 // Loads every line of `in` into `table` and indexes it. Returns false when a
 // record of more than one itemset was met (the table is then incomplete).
 bool load_patterns(FILE* in, PatternTable* table) {
-  char* buf = nullptr;
-  size_t cap = 0;
-  ssize_t n;
+  TextLines lines(in);
+  std::string_view line;
   std::vector<uint32_t> items;
-  bool single = true;
-  while (single && (n = getline(&buf, &cap, in)) > 0) {
-    std::string_view line(buf, static_cast<size_t>(n));
-    if (line.back() == '\n') line.remove_suffix(1);
-    single = parse_items(line, &items);
-    if (single) table->append(items);
+  while (lines.next(&line)) {
+    if (!parse_items(line, &items)) return false;
+    table->append(items);
   }
-  free(buf);
-  if (!single) return false;
-  for (PatternGroup& g : table->groups) g.build_index();
+  table->hashes.cover(table->max_item);
+  for (PatternGroup& g : table->groups) g.build_index(table->hashes);
   return true;
 }
 
@@ -374,33 +391,96 @@ class Level {
   std::vector<Slot> slots_;
 };
 
-// Builds one PC line at a time and hands it to the stream whole.
+// Formats the PC lines into one large buffer that goes to the stream in blocks.
 class LineWriter {
  public:
-  explicit LineWriter(FILE* out) : out_(out) {}
+  explicit LineWriter(FILE* out) : out_(out) { buf_.reserve(kFlushAt + 64); }
+  ~LineWriter() { flush(); }
+  LineWriter(const LineWriter&) = delete;
+  LineWriter& operator=(const LineWriter&) = delete;
+
   void id(uint32_t len_minus_one, uint32_t ordinal) {
     put(len_minus_one);
-    line_.push_back('-');
+    buf_.push_back('-');
     put(ordinal);
   }
   void parent(uint32_t len_minus_one, uint32_t ordinal) {
-    line_.push_back(' ');
+    buf_.push_back(' ');
     id(len_minus_one, ordinal);
   }
   void end() {
-    line_.push_back('\n');
-    fwrite(line_.data(), 1, line_.size(), out_);
-    line_.clear();
+    buf_.push_back('\n');
+    if (buf_.size() >= kFlushAt) flush();
+  }
+  void flush() {
+    fwrite(buf_.data(), 1, buf_.size(), out_);
+    buf_.clear();
   }
 
  private:
+  static constexpr size_t kFlushAt = size_t{1} << 16;
+
   void put(uint32_t v) {
-    char digits[16];
-    char* end = std::to_chars(digits, digits + sizeof digits, v).ptr;
-    line_.append(digits, end);
+    char digits[10];
+    int n = 0;
+    do {
+      digits[n++] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    } while (v != 0);
+    while (n > 0) buf_.push_back(digits[--n]);
   }
+
   FILE* out_;
-  std::string line_;
+  std::vector<char> buf_;
+};
+
+// The ordinals of the parents written from one level of a search: a level's
+// subsets all have the same length, so a parent can only recur within it.
+// Cleared in O(1) by a generation number.
+class OrdinalSet {
+ public:
+  void reset() {
+    count_ = 0;
+    if (++generation_ == 0) {
+      std::fill(slots_.begin(), slots_.end(), Slot{});
+      generation_ = 1;
+    }
+  }
+  // Adds n; false when it was there.
+  bool insert(uint32_t n) {
+    if ((count_ + 1) * 2 > slots_.size()) grow();
+    Slot& slot = slots_[find(n)];
+    if (slot.generation == generation_) return false;
+    slot = Slot{generation_, n};
+    ++count_;
+    return true;
+  }
+
+ private:
+  struct Slot {
+    uint32_t generation = 0;
+    uint32_t ordinal = 0;
+  };
+
+  size_t find(uint32_t n) const {
+    const size_t mask = slots_.size() - 1;
+    for (size_t i = (n * 0x9e3779b1u) & mask;; i = (i + 1) & mask) {
+      if (slots_[i].generation != generation_ || slots_[i].ordinal == n) return i;
+    }
+  }
+
+  void grow() {
+    std::vector<Slot> old;
+    old.swap(slots_);
+    slots_.assign(old.empty() ? 64 : old.size() * 2, Slot{});
+    for (const Slot& s : old) {
+      if (s.generation == generation_) slots_[find(s.ordinal)] = s;
+    }
+  }
+
+  uint32_t generation_ = 0;
+  size_t count_ = 0;
+  std::vector<Slot> slots_;
 };
 
 // One search per pattern, with the two frontier levels in use (the one being
@@ -411,10 +491,9 @@ class HashedSearch {
 
   void run(uint32_t len, uint32_t ordinal) {
     line_.id(len - 1, ordinal);
-    ++serial_;
     const uint32_t* p = table_->groups[len].items(ordinal);
     current_.reset(len);
-    current_.add(p, len, itemset_hash(p, len));
+    current_.add(p, len, table_->hashes.of(p, len));
     for (uint32_t j = len; j > 0 && current_.count() > 0; --j) {
       expand_level(j);
       std::swap(current_, next_);
@@ -427,26 +506,35 @@ class HashedSearch {
   // not yet written go to the line, the others to the next level.
   void expand_level(uint32_t j) {
     next_.reset(j - 1);
+    written_.reset();
     PatternGroup* group = table_->group(j - 1);
+    hashes_.resize(j);
     for (uint32_t x = 0; x < current_.count(); ++x) {
       const uint32_t* q = current_.items(x);
+      for (uint32_t t = 0; t < j; ++t) hashes_[t] = current_.hash(x) - table_->hashes.of(q[t]);
+      if (group != nullptr) prefetch(*group, j);
       for (uint32_t t = 0; t < j; ++t) {
-        const uint64_t h = current_.hash(x) - item_hash(q[t]);
-        const uint32_t n = group != nullptr ? group->find(q, t, h) : kNone;
+        const uint32_t n = group != nullptr ? group->find(q, t, hashes_[t]) : kNone;
         if (n == kNone) {
-          next_.add(q, t, h);
-        } else if (group->mark(n, serial_)) {
+          next_.add(q, t, hashes_[t]);
+        } else if (written_.insert(n)) {
           line_.parent(j - 2, n);
         }
       }
     }
   }
 
+  void prefetch(const PatternGroup& group, uint32_t j) const {
+    for (uint32_t t = 0; t < j; ++t) group.prefetch_slot(hashes_[t]);
+    for (uint32_t t = 0; t < j; ++t) group.prefetch_items(hashes_[t]);
+  }
+
   PatternTable* table_;
   LineWriter line_;
-  uint32_t serial_ = 0;
+  OrdinalSet written_;  // parents written from the level being expanded
   Level current_;
   Level next_;
+  std::vector<uint64_t> hashes_;  // of the subsets of the record being expanded
 };
 
 // Returns 0, 1 when memory runs short, or kNeedsScan when a record of more
@@ -469,6 +557,39 @@ int lattice_hashed(FILE* in, FILE* out) {
 }
 
 }  // namespace
+
+bool TextLines::next(std::string_view* line) {
+  for (;;) {
+    const char* start = buf_.data() + begin_;
+    const size_t avail = end_ - begin_;
+    const void* newline = memchr(start, '\n', avail);
+    if (newline != nullptr) {
+      const size_t len = static_cast<size_t>(static_cast<const char*>(newline) - start);
+      *line = std::string_view(start, len);
+      begin_ += len + 1;
+      return true;
+    }
+    if (at_end_) {
+      if (avail == 0) return false;
+      *line = std::string_view(start, avail);
+      begin_ = end_;
+      return true;
+    }
+    refill();
+  }
+}
+
+// Moves the unread tail to the front (doubling the buffer when the tail fills
+// it: a line longer than the buffer) and appends what the stream has next.
+void TextLines::refill() {
+  memmove(buf_.data(), buf_.data() + begin_, end_ - begin_);
+  end_ -= begin_;
+  begin_ = 0;
+  if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);
+  const size_t n = in_ != nullptr ? fread(buf_.data() + end_, 1, buf_.size() - end_, in_) : 0;
+  if (n == 0) at_end_ = true;
+  end_ += n;
+}
 
 int generate_lattice(const char* pattern_file, const char* pc_file) {
   LatticeFiles files;

@@ -4,11 +4,13 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
 
+#include "lattice.h"
 #include "log.h"
 #include "sequence.h"
 
@@ -45,30 +47,6 @@ std::string_view next_token(std::string_view* rest) {
   return token;
 }
 
-// Reads lines of `in` one at a time into a reused buffer; a last line without
-// newline is still a line. The view excludes the newline.
-class LineReader {
- public:
-  explicit LineReader(FILE* in) : in_(in) {}
-  ~LineReader() { free(buf_); }
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
-
-  bool next(std::string_view* line) {
-    if (in_ == nullptr) return false;
-    ssize_t n = getline(&buf_, &cap_, in_);
-    if (n <= 0) return false;
-    *line = std::string_view(buf_, static_cast<size_t>(n));
-    if (line->back() == '\n') line->remove_suffix(1);
-    return true;
-  }
-
- private:
-  FILE* in_;
-  char* buf_ = nullptr;
-  size_t cap_ = 0;
-};
-
 bool is_comment(std::string_view line) { return !line.empty() && line.front() == '#'; }
 
 // Creates or truncates `name` for writing with mode 0664 before the umask.
@@ -88,6 +66,89 @@ void write_line(FILE* out, std::string_view line) {
 
 }  // namespace
 
+namespace {
+
+// Bitmaps are kept for lengths below this; longer ids go to the text table.
+constexpr uint32_t kMaxBitmapLength = 4096;
+// Bitmap words allowed: this many plus one per insertion (8 bytes for an id
+// that takes at least 4 bytes of the PC list), so odd numbering cannot blow
+// memory up; ids beyond it go to the text table.
+constexpr size_t kFreeBitmapWords = size_t{1} << 14;
+
+// Reads a decimal number without sign or leading zero that fits in 32 bits.
+bool plain_number(std::string_view text, uint32_t* value) {
+  if (text.empty() || text.size() > 10 || (text[0] == '0' && text.size() > 1)) return false;
+  uint64_t v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + static_cast<uint64_t>(c - '0');
+  }
+  if (v > 0xffffffffull) return false;
+  *value = static_cast<uint32_t>(v);
+  return true;
+}
+
+// Splits an id spelled "L-N" as the PC list writes it.
+bool plain_id(std::string_view id, uint32_t* len, uint32_t* n) {
+  const size_t dash = id.find('-');
+  return dash != std::string_view::npos && plain_number(id.substr(0, dash), len) &&
+         plain_number(id.substr(dash + 1), n);
+}
+
+}  // namespace
+
+bool IdSet::contains(std::string_view id) const {
+  uint32_t len = 0, n = 0;
+  if (plain_id(id, &len, &n) && has_bit(len, n)) return true;
+  return text_count_ != 0 && text_contains(id);
+}
+
+bool IdSet::has_bit(uint32_t len, uint32_t n) const {
+  return len < bits_.size() && n / 64 < bits_[len].size() &&
+         (bits_[len][n / 64] >> (n % 64) & 1) != 0;
+}
+
+void IdSet::insert(std::string_view id) {
+  ++inserts_;
+  uint32_t len = 0, n = 0;
+  const bool plain = plain_id(id, &len, &n);
+  if ((plain && has_bit(len, n)) || (text_count_ != 0 && text_contains(id))) return;
+  if (!(plain && set_bit(len, n))) text_insert(id);
+  ++count_;
+}
+
+// Sets bit n of the bitmap for len, growing it by doubling within the budget.
+// False, with nothing changed, when the bit does not fit.
+bool IdSet::set_bit(uint32_t len, uint32_t n) {
+  if (len >= kMaxBitmapLength) return false;
+  if (len >= bits_.size()) bits_.resize(len + 1);
+  std::vector<uint64_t>& words = bits_[len];
+  const size_t need = size_t{n} / 64 + 1;
+  if (need > words.size()) {
+    const size_t grown = std::max(need, words.size() * 2);
+    if (bit_words_ + grown - words.size() > kFreeBitmapWords + inserts_) return false;
+    bit_words_ += grown - words.size();
+    words.resize(grown, 0);
+  }
+  words[n / 64] |= uint64_t{1} << (n % 64);
+  return true;
+}
+
+bool IdSet::text_contains(std::string_view id) const {
+  return slots_[find_slot(id, hash_text(id))].offset != kEmpty;
+}
+
+void IdSet::text_insert(std::string_view id) {
+  if ((text_count_ + 1) * 4 > slots_.size() * 3) grow();
+  const uint64_t hash = hash_text(id);
+  Slot& s = slots_[find_slot(id, hash)];
+  s.offset = arena_.size();
+  s.length = static_cast<uint32_t>(id.size());
+  s.tag = static_cast<uint32_t>(hash >> 32);
+  arena_.append(id);
+  ++text_count_;
+}
+
 size_t IdSet::find_slot(std::string_view id, uint64_t hash) const {
   const size_t mask = slots_.size() - 1;
   const uint32_t tag = static_cast<uint32_t>(hash >> 32);
@@ -101,24 +162,7 @@ size_t IdSet::find_slot(std::string_view id, uint64_t hash) const {
   }
 }
 
-bool IdSet::contains(std::string_view id) const {
-  if (slots_.empty()) return false;
-  return slots_[find_slot(id, hash_text(id))].offset != kEmpty;
-}
-
-void IdSet::insert(std::string_view id) {
-  if ((count_ + 1) * 4 > slots_.size() * 3) grow();
-  const uint64_t hash = hash_text(id);
-  Slot& s = slots_[find_slot(id, hash)];
-  if (s.offset != kEmpty) return;
-  s.offset = arena_.size();
-  s.length = static_cast<uint32_t>(id.size());
-  s.tag = static_cast<uint32_t>(hash >> 32);
-  arena_.append(id);
-  ++count_;
-}
-
-// Doubles the table (at least 64 slots) and re-seats every id.
+// Doubles the text table (at least 64 slots) and re-seats every id.
 void IdSet::grow() {
   std::vector<Slot> old;
   old.swap(slots_);
@@ -142,9 +186,9 @@ int create_unmaximal_set() {
 void load_unmaximal_ids(const char* pc_file) {
   if (unmaximal_ids == nullptr) return;
   FILE* in = fopen(pc_file, "r");
-  LineReader reader(in);
+  TextLines lines(in);
   std::string_view line;
-  while (reader.next(&line)) {
+  while (lines.next(&line)) {
     if (is_comment(line)) continue;
     next_token(&line);  // the listing pattern's own id
     for (std::string_view id = next_token(&line); !id.empty(); id = next_token(&line)) {
@@ -158,10 +202,10 @@ uint32_t copy_maximal_records(const char* file) {
   const std::string tmp = std::string(file) + ".tmp";
   FILE* in = fopen(file, "r");
   FILE* out = create_text_file(tmp.c_str());
-  LineReader reader(in);
+  TextLines lines(in);
   std::string_view line;
   uint32_t kept = 0;
-  while (reader.next(&line)) {
+  while (lines.next(&line)) {
     if (is_comment(line)) {
       write_line(out, line);
       continue;

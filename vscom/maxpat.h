@@ -11,8 +11,11 @@
 #include <vector>
 
 // A set of id texts, matched as whole byte strings. Only membership is ever
-// asked, so it is a flat open-addressing table over one text arena, with no
-// allocation per id: a run lists millions of parent ids, mostly repeated.
+// asked. An id spelled "L-N" the way the PC list writes it (decimal numbers
+// without leading zeros) is kept as bit N of a bitmap for L, so the millions
+// of parent ids of a large run cost a bit each and are checked without a hash;
+// any other text, and ids whose bitmaps would outgrow a budget tied to the
+// number of insertions, go to a flat open-addressing table over a text arena.
 class IdSet {
  public:
   bool contains(std::string_view id) const;
@@ -28,11 +31,19 @@ class IdSet {
   };
   static constexpr uint64_t kEmpty = ~uint64_t{0};
 
+  bool has_bit(uint32_t len, uint32_t n) const;
+  bool set_bit(uint32_t len, uint32_t n);
+  bool text_contains(std::string_view id) const;
+  void text_insert(std::string_view id);
   size_t find_slot(std::string_view id, uint64_t hash) const;
   void grow();
 
+  std::vector<std::vector<uint64_t>> bits_;  // index: the L of "L-N"
+  size_t bit_words_ = 0;                     // words held by bits_
+  size_t inserts_ = 0;                       // calls of insert, for the budget
   std::string arena_;
   std::vector<Slot> slots_;
+  size_t text_count_ = 0;
   size_t count_ = 0;
 };
 
