@@ -84,6 +84,18 @@ TEST_F(Lattice, RepeatedItemsetNamesItsFirstOrdinalAndUnsortedItemsAreSorted) {
   EXPECT_EQ(pc_of(patterns), "1-0 0-2 0-0\n0-0\n0-1\n0-2\n");
 }
 
+TEST_F(Lattice, IdsOfManyDigitsAreWrittenWhole) {
+  std::string patterns;
+  for (uint32_t i = 0; i < 12345; ++i) {
+    patterns += "0-" + std::to_string(i) + " 1 1.000 " + std::to_string(i * 7) + "\n";
+  }
+  patterns += "1-0 1 1.000 700 70000 \n";
+  const std::vector<std::string> lines = split_lines(pc_of(patterns));
+  ASSERT_EQ(lines.size(), 12346u);
+  EXPECT_EQ(lines[0], "1-0 0-10000 0-100");
+  EXPECT_EQ(lines[12345], "0-12344");
+}
+
 TEST_F(Lattice, RecordsOfSeveralItemsetsGiveTheSameListAsThePlainSearch) {
   const std::string patterns =
       "0-0 5 50.000 1\n0-1 5 50.000 2\n1-0 3 30.000 1 -1 2\n1-1 3 30.000 1 2\n2-0 1 10.000 1 2 3\n";

@@ -202,7 +202,8 @@ class PatternGroup {
 
   void append(const uint32_t* items) {
     if ((count_ & ((1u << shift_) - 1)) == 0) start_chunk();
-    chunks_.back().insert(chunks_.back().end(), items, items + len_);
+    std::vector<uint32_t>& chunk = chunks_.back();
+    for (uint32_t i = 0; i < len_; ++i) chunk.push_back(items[i]);
     ++count_;
   }
 
@@ -281,24 +282,42 @@ struct PatternTable {
   }
 };
 
+// Cuts the next white-space-separated token from the front of *rest; empty
+// when none is left.
+std::string_view cut_token(std::string_view* rest) {
+  const char* p = rest->data();
+  const char* end = p + rest->size();
+  while (p < end && is_white_space(*p)) ++p;
+  const char* start = p;
+  while (p < end && !is_white_space(*p)) ++p;
+  *rest = std::string_view(p, static_cast<size_t>(end - p));
+  return std::string_view(start, static_cast<size_t>(p - start));
+}
+
+// Reads the next token as read_number does; tokens of up to nine digits,
+// which are nearly all items, are read in place.
+bool next_number(std::string_view* rest, uint32_t* value) {
+  const std::string_view token = cut_token(rest);
+  if (token.empty() || token.size() > 9) return read_number(token, value);
+  uint32_t v = 0;
+  for (char c : token) {
+    const uint32_t digit = static_cast<uint32_t>(c - '0');
+    if (digit > 9) return read_number(token, value);
+    v = v * 10 + digit;
+  }
+  *value = v;
+  return true;
+}
+
 // Parses the items of one pattern line as parse_sequence does with three
 // leading fields, into `items` (ascending, no duplicates). Returns false when
 // the line opens a second itemset, which the hashed search does not handle.
 bool parse_items(std::string_view line, std::vector<uint32_t>* items) {
-  auto next_token = [&line]() {
-    size_t i = 0;
-    while (i < line.size() && is_white_space(line[i])) ++i;
-    size_t j = i;
-    while (j < line.size() && !is_white_space(line[j])) ++j;
-    std::string_view token = line.substr(i, j - i);
-    line.remove_prefix(j);
-    return token;
-  };
-  for (uint32_t f = 0; f < kPatternFields; ++f) next_token();
+  for (uint32_t f = 0; f < kPatternFields; ++f) cut_token(&line);
   items->clear();
   bool open_new = true;
   uint32_t value = 0;
-  while (read_number(next_token(), &value)) {
+  while (next_number(&line, &value)) {
     if (value == kItemsetBreak) {
       open_new = true;
       continue;
@@ -392,46 +411,68 @@ class Level {
 };
 
 // Formats the PC lines into one large buffer that goes to the stream in blocks.
+// Digits are written in place: calls to copy a few bytes cost more here than
+// the formatting itself.
 class LineWriter {
  public:
-  explicit LineWriter(FILE* out) : out_(out) { buf_.reserve(kFlushAt + 64); }
+  explicit LineWriter(FILE* out) : out_(out), buf_(kSize) {}
   ~LineWriter() { flush(); }
   LineWriter(const LineWriter&) = delete;
   LineWriter& operator=(const LineWriter&) = delete;
 
   void id(uint32_t len_minus_one, uint32_t ordinal) {
+    room(kMaxId);
     put(len_minus_one);
-    buf_.push_back('-');
+    buf_[used_++] = '-';
     put(ordinal);
   }
   void parent(uint32_t len_minus_one, uint32_t ordinal) {
-    buf_.push_back(' ');
+    room(kMaxId + 1);
+    buf_[used_++] = ' ';
     id(len_minus_one, ordinal);
   }
   void end() {
-    buf_.push_back('\n');
-    if (buf_.size() >= kFlushAt) flush();
+    room(1);
+    buf_[used_++] = '\n';
   }
   void flush() {
-    fwrite(buf_.data(), 1, buf_.size(), out_);
-    buf_.clear();
+    fwrite(buf_.data(), 1, used_, out_);
+    used_ = 0;
   }
 
  private:
-  static constexpr size_t kFlushAt = size_t{1} << 16;
+  static constexpr size_t kSize = size_t{1} << 16;
+  static constexpr size_t kMaxId = 21;  // two 10-digit numbers and a dash
 
+  void room(size_t n) {
+    if (used_ + n > kSize) flush();
+  }
+  // Writes v in decimal, two digits per division.
   void put(uint32_t v) {
-    char digits[10];
-    int n = 0;
-    do {
-      digits[n++] = static_cast<char>('0' + v % 10);
-      v /= 10;
-    } while (v != 0);
-    while (n > 0) buf_.push_back(digits[--n]);
+    static constexpr char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    size_t len = 1;
+    for (uint32_t rest = v; rest >= 10; rest /= 10) ++len;
+    char* p = buf_.data() + used_ + len;
+    for (; v >= 100; v /= 100) {
+      p -= 2;
+      p[0] = kPairs[2 * (v % 100)];
+      p[1] = kPairs[2 * (v % 100) + 1];
+    }
+    if (v >= 10) {
+      p[-2] = kPairs[2 * v];
+      p[-1] = kPairs[2 * v + 1];
+    } else {
+      p[-1] = static_cast<char>('0' + v);
+    }
+    used_ += len;
   }
 
   FILE* out_;
   std::vector<char> buf_;
+  size_t used_ = 0;
 };
 
 // The ordinals of the parents written from one level of a search: a level's

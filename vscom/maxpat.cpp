@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -38,13 +39,13 @@ uint64_t hash_text(std::string_view text) {
 // Cuts the next white-space-separated token from the front of *rest; empty
 // when none is left.
 std::string_view next_token(std::string_view* rest) {
-  size_t i = 0;
-  while (i < rest->size() && is_white_space((*rest)[i])) ++i;
-  size_t j = i;
-  while (j < rest->size() && !is_white_space((*rest)[j])) ++j;
-  std::string_view token = rest->substr(i, j - i);
-  rest->remove_prefix(j);
-  return token;
+  const char* p = rest->data();
+  const char* end = p + rest->size();
+  while (p < end && is_white_space(*p)) ++p;
+  const char* start = p;
+  while (p < end && !is_white_space(*p)) ++p;
+  *rest = std::string_view(p, static_cast<size_t>(end - p));
+  return std::string_view(start, static_cast<size_t>(p - start));
 }
 
 bool is_comment(std::string_view line) { return !line.empty() && line.front() == '#'; }
@@ -75,24 +76,28 @@ constexpr uint32_t kMaxBitmapLength = 4096;
 // memory up; ids beyond it go to the text table.
 constexpr size_t kFreeBitmapWords = size_t{1} << 14;
 
-// Reads a decimal number without sign or leading zero that fits in 32 bits.
-bool plain_number(std::string_view text, uint32_t* value) {
-  if (text.empty() || text.size() > 10 || (text[0] == '0' && text.size() > 1)) return false;
-  uint64_t v = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + static_cast<uint64_t>(c - '0');
+// Reads the digits from `p` on into *v and returns where they end, or null
+// when they are not a plain number: at least one digit, no leading zero, a
+// value that fits in 32 bits.
+const char* read_plain(const char* p, const char* end, uint32_t* v) {
+  const char* start = p;
+  uint64_t x = 0;
+  while (p < end && static_cast<unsigned char>(*p - '0') <= 9 && p - start <= 10) {
+    x = x * 10 + static_cast<uint64_t>(*p++ - '0');
   }
-  if (v > 0xffffffffull) return false;
-  *value = static_cast<uint32_t>(v);
-  return true;
+  const std::ptrdiff_t count = p - start;
+  if (count == 0 || count > 10 || (count > 1 && *start == '0') || x > 0xffffffffull) return nullptr;
+  *v = static_cast<uint32_t>(x);
+  return p;
 }
 
 // Splits an id spelled "L-N" as the PC list writes it.
 bool plain_id(std::string_view id, uint32_t* len, uint32_t* n) {
-  const size_t dash = id.find('-');
-  return dash != std::string_view::npos && plain_number(id.substr(0, dash), len) &&
-         plain_number(id.substr(dash + 1), n);
+  const char* end = id.data() + id.size();
+  const char* p = read_plain(id.data(), end, len);
+  if (p == nullptr || p == end || *p != '-') return false;
+  p = read_plain(p + 1, end, n);
+  return p == end;
 }
 
 }  // namespace
