@@ -84,6 +84,18 @@ TEST_F(Lattice, RepeatedItemsetNamesItsFirstOrdinalAndUnsortedItemsAreSorted) {
   EXPECT_EQ(pc_of(patterns), "1-0 0-2 0-0\n0-0\n0-1\n0-2\n");
 }
 
+TEST_F(Lattice, LinesWithoutItemsGetNoLineAndMatchThePlainSearch) {
+  // An empty line or one of fields only is a record of length 0: it has no
+  // line of its own, and the one-item patterns meet it as a frequent subset.
+  const std::string patterns = "0-0 5 50.000 1\n\n0-1 5 50.000 2\n0-2 1 1.000\n1-0 3 30.000 1 2\n";
+  const std::string fast = pc_of(patterns);
+  EXPECT_EQ(fast, pc_by_scan(patterns));
+  const std::vector<std::string> lines = split_lines(fast);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0], "1-0 0-1 0-0");
+  EXPECT_EQ(lines[1].substr(0, 4), "0-0 ");
+}
+
 TEST_F(Lattice, IdsOfManyDigitsAreWrittenWhole) {
   std::string patterns;
   for (uint32_t i = 0; i < 12345; ++i) {

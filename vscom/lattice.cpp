@@ -176,8 +176,9 @@ bool equal_skipping(const uint32_t* a, const uint32_t* q, uint32_t len, uint32_t
   return true;
 }
 
-uint32_t table_size_for(size_t count) {
-  uint32_t size = 16;
+// Slots for `count` patterns: a power of two, at most three quarters full.
+size_t table_size_for(size_t count) {
+  size_t size = 16;
   while (size < count + count / 3 + 1) size *= 2;
   return size;
 }
