@@ -246,6 +246,31 @@ TEST_F(TtoqrTest, BufferedWriterMatchesLineByLineReference) {
   }
 }
 
+// Several MiB, so that lines straddle read chunks, one line outgrows the read
+// buffer (its tail after "x" is not read as items) and the output buffer
+// fills many times.
+TEST_F(TtoqrTest, ChunkBoundariesAndLongLinesMatchReference) {
+  std::mt19937 rng(99);
+  std::string text;
+  for (int l = 0; l < 60000; ++l) {
+    const int n = rng() % 15;
+    for (int k = 0; k < n; ++k) text += std::to_string(rng() % 100000) + " ";
+    text += "\n";
+    if (l == 30000) {
+      text += "7 3 x ";
+      for (int k = 0; k < 400000; ++k) text += std::to_string(rng() % 1000000) + " ";
+      text += "-1 \n";
+    }
+  }
+  ASSERT_GT(text.size(), size_t{4} << 20);
+  write("f.conv", text);
+  ASSERT_EQ(reference_ttoqr(path("f.conv").c_str(), path("ref.qr").c_str()), 0u);
+  const uint32_t want_count = item_count;
+  ASSERT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str()), 0u);
+  EXPECT_EQ(item_count, want_count);
+  EXPECT_TRUE(read("f.qr") == read("ref.qr"));
+}
+
 // A last line without newline that is longer than every terminated line comes
 // in pieces of the sized buffer, each piece a transaction of its own, even when
 // a piece ends inside a number. Converted files always end their lines.
