@@ -32,7 +32,10 @@ long convert(const char* in, const char* out) {
     for (char* p = text; *p != '\0';) {
       char* end = nullptr;
       unsigned long v = strtoul(p, &end, 10);
-      if (end == p) { ++p; continue; }
+      if (end == p) {
+        ++p;
+        continue;
+      }
       line.push_back(static_cast<uint32_t>(v));
       p = end;
     }

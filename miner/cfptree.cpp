@@ -313,6 +313,18 @@ void unlink_removed(FPNode* removed) {
   }
 }
 
+// Takes `v` (behind `prev`, or the head) out of h's chain and marks it as
+// removed by count 0.
+void drop_from_chain(HeaderEntry* h, FPNode* prev, FPNode* v) {
+  if (prev == nullptr) {
+    h->head = v->next_link;
+  } else {
+    prev->next_link = v->next_link;
+  }
+  if (h->tail == v) h->tail = prev;
+  v->count = 0;
+}
+
 // Node pruning of header entry `h` for a pattern of k items plus h: removes,
 // pass after pass, every leaf of h too shallow to reach the shortest valid
 // length of h's support, which each removal raises. Returns false when h's
@@ -330,9 +342,7 @@ bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
           static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(len)) {
         h->support -= v->count;
         len = min_length_of_support(h->support);
-        if (prev == nullptr) h->head = next; else prev->next_link = next;
-        if (h->tail == v) h->tail = prev;
-        v->count = 0;
+        drop_from_chain(h, prev, v);
         v->next_link = gone;
         gone = v;
         removed = true;

@@ -18,11 +18,11 @@
 struct FPNode {
   uint32_t item;
   int32_t count;
-  FPNode* parent;        // null for the root
-  FPNode* first_child;   // children in the order they were made
+  FPNode* parent;       // null for the root
+  FPNode* first_child;  // children in the order they were made
   FPNode* next_sibling;
-  FPNode* next_link;     // next node of the same item (header chain)
-  uint32_t depth;        // edges from the root (root 0)
+  FPNode* next_link;  // next node of the same item (header chain)
+  uint32_t depth;     // edges from the root (root 0)
 };
 static_assert(sizeof(FPNode) == 48, "FPNode should stay six words");
 
@@ -68,8 +68,7 @@ void reset_mining_counters();
 // records of `db` in place, so the buffer is of no further use. Needs
 // alloc_avetbl and the support table. Returns 0, or -1 after a diagnostic on
 // stderr; ends the process with status 1 when a node block cannot be had.
-int create_fptree(TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree,
-                  uint32_t nitems);
+int create_fptree(TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree, uint32_t nitems);
 
 // Inserts the current transaction (items by rank ascending, the most frequent
 // last) of weight `w` below `node`, cutting items by path pruning where a new

@@ -3,6 +3,7 @@
 // limits, the floor), checked on the tree's shape and on the written lines.
 #include "cfptree.h"
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -11,8 +12,6 @@
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "np2.h"
 #include "suppfunc.h"
@@ -219,10 +218,10 @@ TEST_F(FpTree, ChainYieldsAllSubsetsWithTheirSupports) {
   ASSERT_EQ(init_freq_tbl_with_minsup(40.0, 5, kItems), 0);  // count 2
   Build({{{0, 1, 2}}, {{0, 1, 2}}, {{0, 1}}, {{0, 1}}, {{0}}});
   EXPECT_EQ(Shape(tree_.root), "0:5(1:4(2:2))");
-  EXPECT_EQ(Mine(5), (std::vector<std::string>{
-                         "0-0 5 100.000 0", "1-0 4 80.000 0 1", "2-0 2 40.000 0 1 2",
-                         "1-1 2 40.000 0 2", "0-1 4 80.000 1", "1-2 2 40.000 1 2",
-                         "0-2 2 40.000 2"}));
+  EXPECT_EQ(Mine(5),
+            (std::vector<std::string>{"0-0 5 100.000 0", "1-0 4 80.000 0 1", "2-0 2 40.000 0 1 2",
+                                      "1-1 2 40.000 0 2", "0-1 4 80.000 1", "1-2 2 40.000 1 2",
+                                      "0-2 2 40.000 2"}));
   EXPECT_EQ(mining_counters().single_paths, 1u);
 }
 
@@ -238,9 +237,9 @@ TEST_F(FpTree, BranchingTreeMinesConditionalTrees) {
   Build({{{1, 2, 3}}, {{1, 2}}, {{1, 3}}, {{2, 3}}});
   std::vector<std::string> lines = Mine(4);
   std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(lines, (std::vector<std::string>{"0-0 3 75.000 3", "0-1 3 75.000 2",
-                                             "0-2 3 75.000 1", "1-0 2 50.000 2 3",
-                                             "1-1 2 50.000 1 3", "1-2 2 50.000 1 2"}));
+  EXPECT_EQ(lines,
+            (std::vector<std::string>{"0-0 3 75.000 3", "0-1 3 75.000 2", "0-2 3 75.000 1",
+                                      "1-0 2 50.000 2 3", "1-1 2 50.000 1 3", "1-2 2 50.000 1 2"}));
   EXPECT_GT(mining_counters().conditional_trees, 0u);
 }
 
@@ -248,8 +247,8 @@ TEST_F(FpTree, ItemBelowTheFloorIsNeverWrittenNorMined) {
   ASSERT_EQ(init_freq_tbl_with_minsup(50.0, 4, kItems), 0);  // count 2
   Build({{{1, 2}}, {{1, 2}}, {{1, 3}}, {{2, 4}}});
   EXPECT_EQ(tree_.nheader, 2);
-  EXPECT_EQ(Mine(4), (std::vector<std::string>{"0-0 3 75.000 2", "1-0 2 50.000 1 2",
-                                                "0-1 3 75.000 1"}));
+  EXPECT_EQ(Mine(4),
+            (std::vector<std::string>{"0-0 3 75.000 2", "1-0 2 50.000 1 2", "0-1 3 75.000 1"}));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // written to the pattern file must equal a brute-force enumeration that counts
 // every itemset directly. The pattern file's line format is checked on the way.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -15,8 +16,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "cfptree.h"
 #include "qr.h"
@@ -255,13 +254,13 @@ TEST_F(Differential, RandomDatabasesMatchBruteForce) {
     }
   }
   const MiningCounters& n = mining_counters();
-  std::printf("single paths %llu, marked nodes %llu, pruned nodes %llu, cut items %llu, "
-              "conditional trees %llu\n",
-              static_cast<unsigned long long>(n.single_paths),
-              static_cast<unsigned long long>(n.marked_nodes),
-              static_cast<unsigned long long>(n.pruned_nodes),
-              static_cast<unsigned long long>(n.cut_items),
-              static_cast<unsigned long long>(n.conditional_trees));
+  std::printf(
+      "single paths %llu, marked nodes %llu, pruned nodes %llu, cut items %llu, "
+      "conditional trees %llu\n",
+      static_cast<unsigned long long>(n.single_paths),
+      static_cast<unsigned long long>(n.marked_nodes),
+      static_cast<unsigned long long>(n.pruned_nodes), static_cast<unsigned long long>(n.cut_items),
+      static_cast<unsigned long long>(n.conditional_trees));
   EXPECT_GT(n.single_paths, 0u);
   EXPECT_GT(n.marked_nodes, 0u);
   EXPECT_GT(n.pruned_nodes, 0u);

@@ -2,6 +2,7 @@
 // length, the size limits, item order and the total.
 #include "iopttn.h"
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstdint>
@@ -12,8 +13,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "vscmdl.h"
 

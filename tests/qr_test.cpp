@@ -2,6 +2,7 @@
 // the fatal-error lines of its stages.
 #include "qr.h"
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstdint>
@@ -10,8 +11,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ttoqr.h"
 #include "vscmdl.h"
@@ -73,7 +72,9 @@ TEST_F(Engine, ReportsInputOptionsAndSolution) {
   ASSERT_EQ(Run({"-s", "40"}), 0);
   const std::string want_head =
       "Transaction File Information ---------------------------------------------------\n"
-      "  Transaction File Name:                        " + input_ + "\n"
+      "  Transaction File Name:                        " +
+      input_ +
+      "\n"
       "  Number of Input Transactions:                 5\n"
       "  Number of Distinct Items:                     3\n"
       "  Average Number of Items In a Tran:            2.200\n"
@@ -83,7 +84,9 @@ TEST_F(Engine, ReportsInputOptionsAndSolution) {
   EXPECT_EQ(report_.substr(0, want_head.size()), want_head);
   const std::string want_tail =
       "Solution -----------------------------------------------------------------------\n"
-      "  Frequent Pattern File:                        " + input_ + ".fp\n"
+      "  Frequent Pattern File:                        " +
+      input_ +
+      ".fp\n"
       "  Number of Frequent Patterns:                  7\n";
   ASSERT_GE(report_.size(), want_tail.size());
   EXPECT_EQ(report_.substr(report_.size() - want_tail.size()), want_tail);
@@ -148,8 +151,7 @@ TEST_F(Engine, RefusedSupportTableIsAFatalTableError) {
   const std::string table = (dir_ / "supp").string();
   std::ofstream(table) << "2 5.0\n";
   ASSERT_EQ(Run({"-S", table}), 1);
-  EXPECT_NE(report_.find("qr(130) Fatal error in init_freq_tbl()\n"), std::string::npos)
-      << report_;
+  EXPECT_NE(report_.find("qr(130) Fatal error in init_freq_tbl()\n"), std::string::npos) << report_;
 }
 
 TEST_F(Engine, UnwritablePatternFileFailsTheRun) {

@@ -2,6 +2,7 @@
 // order (support descending, then item ascending) and the input statistics.
 #include "qrcf1.h"
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstdint>
@@ -10,8 +11,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "suppfunc.h"
 #include "vscmdl.h"

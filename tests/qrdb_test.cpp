@@ -2,6 +2,7 @@
 // 1 MiB slices with room for the end word, and the two-block pool.
 #include "qrdb.h"
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstdint>
@@ -9,8 +10,6 @@
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 
