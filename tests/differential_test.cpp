@@ -49,7 +49,10 @@ class Differential : public ::testing::Test {
 
   // Runs the engine on `c` with stdout silenced; returns its status.
   int Run(const Case& c) {
-    const std::string input = (dir_ / "db").string();
+    // Fresh names every run: truncating files that already hold data costs
+    // far more on some file systems than creating new ones.
+    ++runs_;
+    const std::string input = (dir_ / ("db" + std::to_string(runs_))).string();
     WriteQr(input + ".qr", c.trans);
     std::vector<std::string> args = {"quarlo"};
     if (c.table.empty()) {
@@ -57,7 +60,7 @@ class Differential : public ::testing::Test {
       snprintf(pct, sizeof pct, "%.17g", c.percent);
       args.insert(args.end(), {"-s", pct});
     } else {
-      const std::string table = (dir_ / "table").string();
+      const std::string table = input + ".supp";
       std::ofstream out(table);
       for (auto& [len, f] : c.table) out << len << ' ' << f << '\n';
       args.insert(args.end(), {"-S", table});
@@ -68,7 +71,6 @@ class Differential : public ::testing::Test {
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     parse(static_cast<int>(argv.size()), argv.data(), 0);
-    fs::remove(input + ".fp_conv");
     fflush(stdout);
     int saved = dup(1);
     int null_fd = open("/dev/null", O_WRONLY);
@@ -97,7 +99,7 @@ class Differential : public ::testing::Test {
   // item order; returns the (itemset, support) pairs.
   PatternSet ReadPatterns(uint32_t ntrans) {
     PatternSet got;
-    std::ifstream in(dir_ / "db.fp_conv");
+    std::ifstream in(dir_ / ("db" + std::to_string(runs_) + ".fp_conv"));
     std::map<uint32_t, uint32_t> next_ordinal;
     std::string line;
     while (std::getline(in, line)) {
@@ -122,6 +124,7 @@ class Differential : public ::testing::Test {
   }
 
   fs::path dir_;
+  int runs_ = 0;
 };
 
 // Minimum support count of every length 1 .. nitems, as the table demands.

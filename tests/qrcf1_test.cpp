@@ -115,16 +115,4 @@ TEST_F(FreqItems, StatisticsCountRecordsAndWeightTheirLengths) {
   free_freq_tbl();
 }
 
-TEST_F(FreqItems, ItemsWithoutEnoughSupportGiveAnEmptyListNotANullOne) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(50.0, 10, 16), 0);  // floor 5
-  Add({1, 2});
-  int32_t n = -1;
-  ItemEntry* list = nullptr;
-  ASSERT_EQ(create_freqitemlist(&db_, &n, &list, 16), 0);
-  EXPECT_EQ(n, 0);
-  ASSERT_NE(list, nullptr);
-  EXPECT_EQ(list[0].support, -1);
-  free_freq_tbl();
-}
-
 }  // namespace
