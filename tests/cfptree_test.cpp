@@ -93,8 +93,14 @@ class FpTree : public ::testing::Test {
     std::string s;
     for (const FPNode* c = v->first_child; c != nullptr; c = c->next_sibling) {
       if (!s.empty()) s += ",";
-      s += std::to_string(c->item) + ":" + std::to_string(c->count);
-      if (c->first_child != nullptr) s += "(" + Shape(c) + ")";
+      s += std::to_string(c->item);
+      s += ':';
+      s += std::to_string(c->count);
+      if (c->first_child != nullptr) {
+        s += '(';
+        s += Shape(c);
+        s += ')';
+      }
     }
     return s;
   }

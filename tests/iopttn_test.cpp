@@ -120,7 +120,10 @@ TEST_F(Writer, LargeOutputMatchesPrintfByteForByte) {
              support * 100.0 / ntrans);
     want += text;
     std::sort(items.begin(), items.end());
-    for (uint32_t x : items) want += " " + std::to_string(x);
+    for (uint32_t x : items) {
+      want += ' ';
+      want += std::to_string(x);
+    }
     want += "\n";
   }
   ASSERT_EQ(close_pattern_file(), 0);
