@@ -12,69 +12,37 @@ namespace {
 
 const char kSrc[] = "../vscom/vscmdl";
 
-// The usage texts are printed as they stand; their wording is part of the product.
-const char kUsageQuarlo[] =
+// The usage texts are printed as they stand; their wording is part of the
+// product. Both programs' texts are made of these pieces, in the order of the
+// part lists below.
+const char kHeadQuarlo[] =
     "Usage: quarlo [OPTIONS] FILE\n"
     "\n"
     " Required parameters\n"
-    "\n"
-    "    FILE    The name of a transaction file from which frequent patterns are to\n"
-    "            be found.\n"
-    "\n"
-    " Optional parameters\n"
-    "  -h, --help\n"
-    "    Show this message.\n"
-    "\n"
-    "  -m, --minsize=NUMBER\n"
-    "    Use NUMBER as the minimum size of frequent pattern to be output.\n"
-    "\n"
-    "  -M, --maxsize=NUMBER\n"
-    "    Use NUMBER as the maximum size of frequent pattern to be output.\n"
-    "\n"
-    "  -p, --parent-children-list\n"
-    "    Generate PC list for each frequent pattern.\n"
-    "\n"
-    "  -s, --support=NUMBER\n"
-    "    Use NUMBER as the minimum support percentile.\n"
-    "\n"
-    "  -S, --supptable=FILE\n"
-    "    Use FILE as the length decreasing support constraint. The length decreasing\n"
-    "    support constraint F is a non-increasing function of sequence length. FILE\n"
-    "    specifies this function in the following ascii format. Each line is a pair\n"
-    "    of LEN and F(LEN) separeted by one space: LEN F(LEN)\n"
-    "    All lines are sorted in the ascending order of LEN. If several F(LEN)\n"
-    "    values are the same, all but the first line can be omitted. So\n"
-    "                   1 1.0\n"
-    "                   2 1.0\n"
-    "                   3 1.0\n"
-    "                   4 0.8\n"
-    "    can be given in a shorter file as follows:\n"
-    "                   1 1.0\n"
-    "                   4 0.8\n"
-    "    LEN is an integer (>= 1). F(LEN) is a floating point number \n"
-    "    (0.0 <= F(LEN) <= 100.0). Given a sequence with length L, the sequence is\n"
-    "    frequent if and only if its support is at least F(L). If both -s and -S \n"
-    "    are given, -s is ignored.\n"
-    "\n"
-    "  -x, --maximal\n"
-    "    Generate maximal patterns only.\n";
-
-const char kUsageVorsel[] =
+    "\n";
+const char kHeadVorsel[] =
     "Usage: vorsel [OPTIONS] FILE\n"
     "\n"
     " Required parameters\n"
-    "\n"
+    "\n";
+const char kFileQuarlo[] =
+    "    FILE    The name of a transaction file from which frequent patterns are to\n"
+    "            be found.\n";
+const char kFileVorsel[] =
     "    FILE    The name of a sequential transaction file from which frequent\n"
-    "            patterns are be found.\n"
+    "            patterns are be found.\n";
+const char kOptionalHeader[] =
     "\n"
-    " Optional parameters\n"
+    " Optional parameters\n";
+const char kBufferAndDir[] =
     "  -b, --bufsize=NUMBER\n"
     "    The size of internal buffer in mega bytes. 50MB by default.\n"
     "\n"
     "  -d, --dir=DIR\n"
     "    Use DIR as the directory where temporary files are written. Default is \n"
     "    the directory where FILE resides.\n"
-    "\n"
+    "\n";
+const char kCommonOptions[] =
     "  -h, --help\n"
     "    Show this message.\n"
     "\n"
@@ -108,12 +76,19 @@ const char kUsageVorsel[] =
     "    (0.0 <= F(LEN) <= 100.0). Given a sequence with length L, the sequence is\n"
     "    frequent if and only if its support is at least F(L). If both -s and -S \n"
     "    are given, -s is ignored.\n"
-    "\n"
+    "\n";
+const char kTidList[] =
     "  -t, --tid-list\n"
     "    Generate TID list for each frequent pattern.\n"
-    "\n"
+    "\n";
+const char kMaximal[] =
     "  -x, --maximal\n"
     "    Generate maximal patterns only.\n";
+
+const char* const kUsageQuarlo[] = {kHeadQuarlo, kFileQuarlo, kOptionalHeader, kCommonOptions,
+                                    kMaximal};
+const char* const kUsageVorsel[] = {kHeadVorsel, kFileVorsel,    kOptionalHeader, kBufferAndDir,
+                                    kCommonOptions, kTidList, kMaximal};
 
 // Flags hold 1 when the option was not given and 2 when it was.
 const unsigned char kFlagOff = 1;
@@ -222,7 +197,11 @@ void parse(int argc, char** argv, int selector) {
 }
 
 void print_usage(int selector) {
-  fputs(selector == 0 ? kUsageQuarlo : kUsageVorsel, stdout);
+  if (selector == 0) {
+    for (const char* part : kUsageQuarlo) fputs(part, stdout);
+  } else {
+    for (const char* part : kUsageVorsel) fputs(part, stdout);
+  }
   fflush(stdout);
 }
 
