@@ -1,6 +1,7 @@
 #include "quarlo.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -155,12 +156,14 @@ struct LineRef {
 };
 
 bool read_whole_file(const char* file, std::string* text) {
-  FILE* in = fopen(file, "rb");
-  if (in == nullptr) return false;
+  int fd = open(file, O_RDONLY);
+  if (fd < 0) return false;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && st.st_size > 0) text->reserve(static_cast<size_t>(st.st_size));
   char chunk[1 << 16];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, in)) > 0) text->append(chunk, n);
-  fclose(in);
+  ssize_t n;
+  while ((n = read(fd, chunk, sizeof chunk)) > 0) text->append(chunk, static_cast<size_t>(n));
+  close(fd);
   return true;
 }
 
@@ -176,21 +179,39 @@ std::vector<LineRef> split_lines(const std::string& text) {
   return lines;
 }
 
+// Orders the lines by key, keeping file order within a key; lines without a
+// key come last. A counting sort over the keys when they are small (pattern
+// lengths always are), a stable sort otherwise.
+std::vector<LineRef> group_by_key(const std::vector<LineRef>& lines) {
+  const uint64_t kMaxDirectKey = uint64_t{1} << 20;
+  uint64_t max_key = 0;
+  for (const LineRef& l : lines) {
+    if (l.key != kNoKey) max_key = std::max(max_key, l.key);
+  }
+  std::vector<LineRef> sorted(lines);
+  if (max_key >= kMaxDirectKey) {
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const LineRef& a, const LineRef& b) { return a.key < b.key; });
+    return sorted;
+  }
+  // start[k] = first output index of key k; slot max_key + 1 holds the lines without a key.
+  std::vector<size_t> start(max_key + 3, 0);
+  for (const LineRef& l : lines) ++start[(l.key == kNoKey ? max_key + 1 : l.key) + 1];
+  for (size_t k = 1; k < start.size(); ++k) start[k] += start[k - 1];
+  for (const LineRef& l : lines) sorted[start[l.key == kNoKey ? max_key + 1 : l.key]++] = l;
+  return sorted;
+}
+
 void write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines) {
   int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
   if (fd < 0) return;
-  FILE* out = fdopen(fd, "w");
-  if (out == nullptr) {
-    close(fd);
-    return;
-  }
-  static char buffer[1 << 20];
-  setvbuf(out, buffer, _IOFBF, sizeof buffer);
+  OutBuffer out(fd);
   for (const LineRef& l : lines) {
-    fwrite(text.data() + l.begin, 1, l.len, out);
-    putc('\n', out);
+    out.put(text.data() + l.begin, l.len);
+    out.put_char('\n');
   }
-  fclose(out);
+  out.flush();
+  close(fd);
 }
 
 void report_length_counts(const std::vector<LineRef>& lines, const char* format) {
@@ -223,9 +244,7 @@ int run_pipeline() {
 void sort_by_length(const char* file, const char* format) {
   std::string text;
   if (!read_whole_file(file, &text)) text.clear();
-  std::vector<LineRef> lines = split_lines(text);
-  std::stable_sort(lines.begin(), lines.end(),
-                   [](const LineRef& a, const LineRef& b) { return a.key < b.key; });
+  const std::vector<LineRef> lines = group_by_key(split_lines(text));
   write_lines(file, text, lines);
   if (format != nullptr) report_length_counts(lines, format);
 }

@@ -137,3 +137,26 @@ TEST_F(SortByLength, FileThatCannotBeReadOrWrittenReportsNothing) {
 }
 
 }  // namespace
+
+TEST_F(SortByLength, HugeKeysAndLinesWithoutDashKeepTheSameOrderRules) {
+  // Keys far above any pattern length take the general ordering path; lines
+  // without "-" still come last in file order and are not counted.
+  std::string report = sort(
+      "3000000-0 1\n"
+      "no dash here\n"
+      "1-0 2\n"
+      "3000000-1 3\n"
+      "\n"
+      "0-0 4\n");
+  EXPECT_EQ(sorted(), "0-0 4\n1-0 2\n3000000-0 1\n3000000-1 3\nno dash here\n\n");
+  EXPECT_EQ(report,
+            "  Number of Frequent Patterns[Length    1]      1\n"
+            "  Number of Frequent Patterns[Length    2]      1\n"
+            "  Number of Frequent Patterns[Length3000001]      2\n");
+
+  report = sort("no dash\n1-0 2\n\n0-0 4\n1-1 5\n");
+  EXPECT_EQ(sorted(), "0-0 4\n1-0 2\n1-1 5\nno dash\n\n");
+  EXPECT_EQ(report,
+            "  Number of Frequent Patterns[Length    1]      1\n"
+            "  Number of Frequent Patterns[Length    2]      2\n");
+}
