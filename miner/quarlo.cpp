@@ -56,12 +56,16 @@ void print_timing(const Timings& t) {
   log_printf("%s", kRule);
 }
 
-void remove_file(const char* name) {
-  if (unlink(name) != 0) log_perror("%s(%d) unlink(%s)", kSrc, __LINE__, name);
+// The reports below carry the source line of their caller, so that each
+// removal and each of the two conversions is told apart in the log.
+void remove_file(const char* name, int line) {
+  if (unlink(name) != 0) log_perror("%s(%d) unlink(%s)", kSrc, line, name);
 }
 
-void report_conversion_failure() {
-  log_printf("%s(%u) Fatal error in r_convert(%s, %s)", kSrc, __LINE__, get_fp_conv_file(),
+// The forward and the back conversion fail with the same text, naming the
+// pattern files in both cases.
+void report_conversion_failure(unsigned line) {
+  log_printf("%s(%u) Fatal error in r_convert(%s, %s)", kSrc, line, get_fp_conv_file(),
              get_fp_file());
 }
 
@@ -70,7 +74,7 @@ int transform_input(LabelTable* labels, Timings* t) {
   labels->add_reserved_token("-1");
   labels->load_labels(get_input_file());
   if (labels->convert(get_input_file(), get_conv_file()) != 0) {
-    report_conversion_failure();
+    report_conversion_failure(__LINE__);
     return kStatusConvert;
   }
   t->transform = -wall_seconds();
@@ -123,16 +127,16 @@ int run_stages(LabelTable* labels) {
     return kStatusConvert;
   }
   t.patterns += wall_seconds();
-  remove_file(get_qr_file());
+  remove_file(get_qr_file(), __LINE__);
   status = post_process(&t);
   if (status != kStatusOk) return status;
   sort_by_length(get_fp_conv_file(), kLengthCountFormat);
   if (labels->r_convert(get_fp_conv_file(), get_fp_file(), 3) != 0) {
-    report_conversion_failure();
+    report_conversion_failure(__LINE__);
     return kStatusConvert;
   }
-  remove_file(get_fp_conv_file());
-  remove_file(get_conv_file());
+  remove_file(get_fp_conv_file(), __LINE__);
+  remove_file(get_conv_file(), __LINE__);
   print_timing(t);
   return kStatusOk;
 }

@@ -2,6 +2,7 @@
 // of every stage that can be made to fail from outside, with its messages and
 // the files it leaves; the parent-children list and maximal pruning of a run;
 // and the demo example against checked-in results and a direct enumeration.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -135,6 +136,35 @@ TEST_F(Pipeline, FailureKeepsTheLogOfEarlierRuns) {
   // its PC list was truncated by the failed run's open.
   EXPECT_EQ(split_lines(read_file(path("rare.txt.fp"))).size(), 9u);
   EXPECT_EQ(read_file(path("rare.txt.pc")), "");
+}
+
+// Source line of a "quarlo(N) ..." report line.
+std::string report_line_number(const std::string& line) {
+  return line.substr(line.find('(') + 1, line.find(')') - line.find('(') - 1);
+}
+
+TEST_F(Pipeline, FailedBackConversionEndsWith2AndKeepsTheIntermediateFiles) {
+  write_file(path("basket.txt"), "1 2\n2 3\n1 2 3\n");
+  ASSERT_EQ(mkdir(path("basket.txt.fp").c_str(), 0755), 0);  // the pattern file cannot be created
+  RunResult r = run_quarlo(dir(), {"-s", "50", "basket.txt"});
+  EXPECT_EQ(r.status, 2);
+  const std::string message =
+      R"(quarlo\(\d+\) Fatal error in r_convert\(basket\.txt\.fp_conv, basket\.txt\.fp\))";
+  expect_failure_report(r, {message});
+  // The counts by length came before; the converted and numbered pattern files stay.
+  EXPECT_NE(r.out.find("  Number of Frequent Patterns[Length    2]      2\n"), std::string::npos)
+      << r.out;
+  EXPECT_EQ(list_dir(dir()), (Names{"basket.txt", "basket.txt.conv", "basket.txt.fp",
+                                    "basket.txt.fp_conv", "quarlo.log"}));
+
+  // The forward conversion reports the same text from a line of its own.
+  TempDir other;
+  RunResult missing = run_quarlo(other.path(), {"-s", "50", "basket.txt"});
+  ASSERT_EQ(missing.status, 2);
+  const std::string back = split_lines(r.out).back();
+  const std::string forward = split_lines(missing.out).back();
+  ASSERT_TRUE(matches_regex(forward, message)) << forward;
+  EXPECT_NE(report_line_number(forward), report_line_number(back)) << forward << "\n" << back;
 }
 
 TEST_F(Pipeline, NoFrequentItemWithoutPostProcessingGivesAnEmptyPatternFile) {
