@@ -1,9 +1,5 @@
 #include "lattice.h"
 
-#include <fcntl.h>
-#include <sys/types.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -17,6 +13,7 @@
 
 #include "log.h"
 #include "sequence.h"
+#include "util.h"
 
 namespace {
 
@@ -35,15 +32,6 @@ struct LatticeFiles {
   FILE* patterns = nullptr;
   FILE* pc = nullptr;
 };
-
-// Creates or truncates `name` for writing with mode 0664 before the umask.
-FILE* create_text_file(const char* name) {
-  int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC, 0664);
-  if (fd < 0) return nullptr;
-  FILE* f = fdopen(fd, "w");
-  if (f == nullptr) close(fd);
-  return f;
-}
 
 void close_files(LatticeFiles* files) {
   if (files->patterns != nullptr) fclose(files->patterns);
@@ -283,22 +271,10 @@ struct PatternTable {
   }
 };
 
-// Cuts the next white-space-separated token from the front of *rest; empty
-// when none is left.
-std::string_view cut_token(std::string_view* rest) {
-  const char* p = rest->data();
-  const char* end = p + rest->size();
-  while (p < end && is_white_space(*p)) ++p;
-  const char* start = p;
-  while (p < end && !is_white_space(*p)) ++p;
-  *rest = std::string_view(p, static_cast<size_t>(end - p));
-  return std::string_view(start, static_cast<size_t>(p - start));
-}
-
 // Reads the next token as read_number does; tokens of up to nine digits,
 // which are nearly all items, are read in place.
 bool next_number(std::string_view* rest, uint32_t* value) {
-  const std::string_view token = cut_token(rest);
+  const std::string_view token = next_token(rest);
   if (token.empty() || token.size() > 9) return read_number(token, value);
   uint32_t v = 0;
   for (char c : token) {
@@ -314,7 +290,7 @@ bool next_number(std::string_view* rest, uint32_t* value) {
 // leading fields, into `items` (ascending, no duplicates). Returns false when
 // the line opens a second itemset, which the hashed search does not handle.
 bool parse_items(std::string_view line, std::vector<uint32_t>* items) {
-  for (uint32_t f = 0; f < kPatternFields; ++f) cut_token(&line);
+  for (uint32_t f = 0; f < kPatternFields; ++f) next_token(&line);
   items->clear();
   bool open_new = true;
   uint32_t value = 0;

@@ -10,8 +10,7 @@
 namespace {
 
 const char kSrc[] = "../vscom/log";
-FILE* g_log = nullptr;   // the log stream; null until log_open
-bool g_opened = false;   // true once log_open chose a stream
+FILE* g_log = nullptr;  // the log stream; null until log_open
 
 // Formats one report into a line buffer of 4096 bytes, grown only for reports
 // that would not fit, so short reports come out exactly as vsprintf makes them.
@@ -49,7 +48,6 @@ void report(bool with_errno, const char* fmt, va_list args) {
 int log_open(const char* name) {
   if (name == nullptr) {
     g_log = stderr;
-    g_opened = true;
     return 0;
   }
   FILE* f = fopen(name, "a");
@@ -59,7 +57,6 @@ int log_open(const char* name) {
     return 1;
   }
   g_log = f;
-  g_opened = true;
   return 0;
 }
 

@@ -1,9 +1,5 @@
 #include "maxpat.h"
 
-#include <fcntl.h>
-#include <sys/types.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -14,6 +10,7 @@
 #include "lattice.h"
 #include "log.h"
 #include "sequence.h"
+#include "util.h"
 
 IdSet* unmaximal_ids = nullptr;
 
@@ -36,28 +33,7 @@ uint64_t hash_text(std::string_view text) {
   return h;
 }
 
-// Cuts the next white-space-separated token from the front of *rest; empty
-// when none is left.
-std::string_view next_token(std::string_view* rest) {
-  const char* p = rest->data();
-  const char* end = p + rest->size();
-  while (p < end && is_white_space(*p)) ++p;
-  const char* start = p;
-  while (p < end && !is_white_space(*p)) ++p;
-  *rest = std::string_view(p, static_cast<size_t>(end - p));
-  return std::string_view(start, static_cast<size_t>(p - start));
-}
-
 bool is_comment(std::string_view line) { return !line.empty() && line.front() == '#'; }
-
-// Creates or truncates `name` for writing with mode 0664 before the umask.
-FILE* create_text_file(const char* name) {
-  int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC, 0664);
-  if (fd < 0) return nullptr;
-  FILE* f = fdopen(fd, "w");
-  if (f == nullptr) close(fd);
-  return f;
-}
 
 void write_line(FILE* out, std::string_view line) {
   if (out == nullptr) return;

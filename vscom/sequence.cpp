@@ -10,18 +10,6 @@ namespace {
 
 constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
 
-// Cuts the next white-space-separated token from the front of *rest; returns
-// an empty view when none is left.
-std::string_view next_token(std::string_view* rest) {
-  size_t i = 0;
-  while (i < rest->size() && is_white_space((*rest)[i])) ++i;
-  size_t j = i;
-  while (j < rest->size() && !is_white_space((*rest)[j])) ++j;
-  std::string_view token = rest->substr(i, j - i);
-  rest->remove_prefix(j);
-  return token;
-}
-
 // True when every item of `sub` is in `super`; both ascending.
 bool is_subset(const Itemset& super, const Itemset& sub) {
   if (sub.size() > super.size()) return false;

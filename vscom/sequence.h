@@ -16,6 +16,18 @@ inline bool is_white_space(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+// Cuts the next white-space-separated token from the front of *rest; an empty
+// view when none is left.
+inline std::string_view next_token(std::string_view* rest) {
+  const char* p = rest->data();
+  const char* const end = p + rest->size();
+  while (p < end && is_white_space(*p)) ++p;
+  const char* const start = p;
+  while (p < end && !is_white_space(*p)) ++p;
+  *rest = std::string_view(p, static_cast<size_t>(end - p));
+  return std::string_view(start, static_cast<size_t>(p - start));
+}
+
 // Reads `token` as an unsigned 32-bit decimal: one or more digits whose value
 // fits in 32 bits, or exactly "-1", which reads as 4294967295. Writes the value
 // and returns true; returns false for any other token.

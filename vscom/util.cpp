@@ -1,6 +1,8 @@
 #include "util.h"
 
+#include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,14 @@ char* name_join(const char* base, const char* suffix) {
   out[nb] = '.';
   memcpy(out + nb + 1, suffix, ns + 1);
   return out;
+}
+
+FILE* create_text_file(const char* name) {
+  const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (fd < 0) return nullptr;
+  FILE* f = fdopen(fd, "w");
+  if (f == nullptr) close(fd);
+  return f;
 }
 
 double wall_seconds() {
