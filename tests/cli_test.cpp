@@ -310,8 +310,11 @@ TEST_F(Cli, FailedStagesEndWithStatus2AndTheirMessage) {
   // An empty FILE derives no names; the run must fail cleanly, not crash.
   TempDir run;
   RunResult empty = run_quarlo(run.path(), {"-s", "40", ""});
-  EXPECT_GT(empty.status, 0);
-  EXPECT_LT(empty.status, 128) << empty.err;
+  EXPECT_EQ(empty.status, 2) << empty.err;
+  lines = split_lines(empty.out);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(matches_regex(lines.back(), R"(quarlo\(\d+\) No file names can be derived from an empty FILE)"))
+      << empty.out;
   EXPECT_EQ(list_dir(run.path()), std::vector<std::string>{"quarlo.log"});
 }
 
