@@ -62,6 +62,18 @@ bool read_decimal(std::string_view text, uint32_t* value) {
   return true;
 }
 
+// Opens `input` for reading and creates or truncates `output` (mode 0664
+// before the umask); both are attempted. False, with neither left open, when
+// either fails.
+bool open_pair(const char* input, const char* output, int* in, int* out) {
+  *in = open(input, O_RDONLY);
+  *out = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (*in >= 0 && *out >= 0) return true;
+  if (*in >= 0) close(*in);
+  if (*out >= 0) close(*out);
+  return false;
+}
+
 }  // namespace
 
 void LabelTable::add_reserved_token(std::string_view text) {
@@ -184,13 +196,9 @@ uint32_t LabelTable::item_number_of(std::string_view text) {
 }
 
 unsigned LabelTable::convert(const char* input, const char* output) {
-  int in = open(input, O_RDONLY);
-  int out_fd = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0664);
-  if (in < 0 || out_fd < 0) {
-    if (in >= 0) close(in);
-    if (out_fd >= 0) close(out_fd);
-    return 1;
-  }
+  int in = -1;
+  int out_fd = -1;
+  if (!open_pair(input, output, &in, &out_fd)) return 1;
   {
     LineReader reader(in);
     OutBuffer out(out_fd);
@@ -215,13 +223,9 @@ unsigned LabelTable::convert(const char* input, const char* output) {
 }
 
 unsigned LabelTable::r_convert(const char* input, const char* output, unsigned skip) const {
-  int in = open(input, O_RDONLY);
-  int out_fd = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0664);
-  if (in < 0 || out_fd < 0) {
-    if (in >= 0) close(in);
-    if (out_fd >= 0) close(out_fd);
-    return 1;
-  }
+  int in = -1;
+  int out_fd = -1;
+  if (!open_pair(input, output, &in, &out_fd)) return 1;
   bool ok = true;
   {
     LineReader reader(in);
