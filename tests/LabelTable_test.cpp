@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <set>
@@ -14,33 +12,21 @@
 #include <vector>
 
 #include "sequence.h"
+#include "support/harness.h"
 #include "ttoqr.h"
 
 namespace {
 
 using namespace std::string_literals;
 
-class LabelTableTest : public ::testing::Test {
+class LabelTableTest : public quarlo_test::TempDirTest {
  protected:
-  void SetUp() override {
-    std::string tmpl = ::testing::TempDir() + "labeltable_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-    table_.add_reserved_token("-1");
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  void SetUp() override { table_.add_reserved_token("-1"); }
 
   void write(const std::string& name, const std::string& bytes) const {
-    std::ofstream(path(name), std::ios::binary) << bytes;
+    quarlo_test::write_file(path(name), bytes);
   }
-  std::string read(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
+  std::string read(const std::string& name) const { return quarlo_test::read_file(path(name)); }
   // Loads `text` as FILE and returns its converted file.
   std::string load_and_convert(const std::string& text) {
     write("in", text);
@@ -54,7 +40,6 @@ class LabelTableTest : public ::testing::Test {
     return out;
   }
 
-  std::string dir_;
   LabelTable table_;
 };
 

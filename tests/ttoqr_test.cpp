@@ -9,38 +9,23 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "sequence.h"
+#include "support/harness.h"
 
 namespace {
 
 using namespace std::string_literals;
 
-class TtoqrTest : public ::testing::Test {
+class TtoqrTest : public quarlo_test::TempDirTest {
  protected:
-  void SetUp() override {
-    std::string tmpl = ::testing::TempDir() + "ttoqr_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
   void write(const std::string& name, const std::string& bytes) const {
-    std::ofstream(path(name), std::ios::binary) << bytes;
+    quarlo_test::write_file(path(name), bytes);
   }
-  std::string read(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
+  std::string read(const std::string& name) const { return quarlo_test::read_file(path(name)); }
   // Converts `conv` and returns the binary file as 32-bit words.
   std::vector<uint32_t> words_of(const std::string& conv, unsigned* status = nullptr) {
     write("f.conv", conv);
@@ -59,7 +44,6 @@ class TtoqrTest : public ::testing::Test {
     return words;
   }
 
-  std::string dir_;
   std::string report_;
 };
 
