@@ -8,7 +8,7 @@
 #include <string>
 
 #include "sequence.h"
-#include "ttoqr.h"
+#include "util.h"
 
 namespace {
 

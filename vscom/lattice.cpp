@@ -315,7 +315,7 @@ bool parse_items(std::string_view line, std::vector<uint32_t>* items) {
 // Loads every line of `in` into `table` and indexes it. Returns false when a
 // record of more than one itemset was met (the table is then incomplete).
 bool load_patterns(FILE* in, PatternTable* table) {
-  TextLines lines(in);
+  LineReader lines(fileno(in));
   std::string_view line;
   std::vector<uint32_t> items;
   while (lines.next(&line)) {
@@ -575,39 +575,6 @@ int lattice_hashed(FILE* in, FILE* out) {
 }
 
 }  // namespace
-
-bool TextLines::next(std::string_view* line) {
-  for (;;) {
-    const char* start = buf_.data() + begin_;
-    const size_t avail = end_ - begin_;
-    const void* newline = memchr(start, '\n', avail);
-    if (newline != nullptr) {
-      const size_t len = static_cast<size_t>(static_cast<const char*>(newline) - start);
-      *line = std::string_view(start, len);
-      begin_ += len + 1;
-      return true;
-    }
-    if (at_end_) {
-      if (avail == 0) return false;
-      *line = std::string_view(start, avail);
-      begin_ = end_;
-      return true;
-    }
-    refill();
-  }
-}
-
-// Moves the unread tail to the front (doubling the buffer when the tail fills
-// it: a line longer than the buffer) and appends what the stream has next.
-void TextLines::refill() {
-  memmove(buf_.data(), buf_.data() + begin_, end_ - begin_);
-  end_ -= begin_;
-  begin_ = 0;
-  if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);
-  const size_t n = in_ != nullptr ? fread(buf_.data() + end_, 1, buf_.size() - end_, in_) : 0;
-  if (n == 0) at_end_ = true;
-  end_ += n;
-}
 
 int generate_lattice(const char* pattern_file, const char* pc_file) {
   LatticeFiles files;

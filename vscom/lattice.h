@@ -25,24 +25,4 @@ int generate_lattice(const char* pattern_file, const char* pc_file);
 // records of more than one itemset. Same results and reports.
 int generate_lattice_by_scan(const char* pattern_file, const char* pc_file);
 
-// Reads the lines of a text stream by large blocks (the post-processing
-// readers go through files of millions of lines). A line ends at a newline,
-// which the view leaves out; a last line without one is still a line. A null
-// stream has no lines. Each view stays valid until the next call of next().
-class TextLines {
- public:
-  explicit TextLines(FILE* in) : in_(in) {}
-  // Views the next line; false at the end of the stream or on a read error.
-  bool next(std::string_view* line);
-
- private:
-  void refill();
-
-  FILE* in_;
-  std::vector<char> buf_ = std::vector<char>(size_t{1} << 20);
-  size_t begin_ = 0;  // first unread byte
-  size_t end_ = 0;    // one past the last byte read
-  bool at_end_ = false;
-};
-
 #endif  // QUARLO_VSCOM_LATTICE_H_

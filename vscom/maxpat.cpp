@@ -1,5 +1,8 @@
 #include "maxpat.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -7,7 +10,6 @@
 #include <new>
 #include <string>
 
-#include "lattice.h"
 #include "log.h"
 #include "sequence.h"
 #include "util.h"
@@ -166,8 +168,8 @@ int create_unmaximal_set() {
 
 void load_unmaximal_ids(const char* pc_file) {
   if (unmaximal_ids == nullptr) return;
-  FILE* in = fopen(pc_file, "r");
-  TextLines lines(in);
+  const int in = open(pc_file, O_RDONLY);
+  LineReader lines(in);
   std::string_view line;
   while (lines.next(&line)) {
     if (is_comment(line)) continue;
@@ -176,14 +178,14 @@ void load_unmaximal_ids(const char* pc_file) {
       unmaximal_ids->insert(id);
     }
   }
-  if (in != nullptr) fclose(in);
+  if (in >= 0) close(in);
 }
 
 uint32_t copy_maximal_records(const char* file) {
   const std::string tmp = std::string(file) + ".tmp";
-  FILE* in = fopen(file, "r");
+  const int in = open(file, O_RDONLY);
   FILE* out = create_text_file(tmp.c_str());
-  TextLines lines(in);
+  LineReader lines(in);
   std::string_view line;
   uint32_t kept = 0;
   while (lines.next(&line)) {
@@ -196,7 +198,7 @@ uint32_t copy_maximal_records(const char* file) {
     write_line(out, line);
     ++kept;
   }
-  if (in != nullptr) fclose(in);
+  if (in >= 0) close(in);
   if (out != nullptr) fclose(out);
   return kept;
 }

@@ -4,6 +4,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,4 +33,102 @@ double wall_seconds() {
   struct timeval tv;
   gettimeofday(&tv, nullptr);
   return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1000000.0;
+}
+
+namespace {
+constexpr size_t kReadChunk = size_t{1} << 20;  // first size of a line reader's buffer
+}  // namespace
+
+LineReader::LineReader(int fd) : fd_(fd), buf_(new char[kReadChunk]), cap_(kReadChunk) {}
+
+bool LineReader::next(std::string_view* line, bool* terminated) {
+  for (;;) {
+    const char* base = buf_.get();
+    const void* nl = memchr(base + scan_, '\n', end_ - scan_);
+    if (nl != nullptr) {
+      const size_t pos = static_cast<const char*>(nl) - base;
+      *line = std::string_view(base + begin_, pos - begin_);
+      if (terminated != nullptr) *terminated = true;
+      begin_ = scan_ = pos + 1;
+      return true;
+    }
+    scan_ = end_;
+    if (eof_) {
+      if (begin_ == end_) return false;
+      *line = std::string_view(base + begin_, end_ - begin_);
+      if (terminated != nullptr) *terminated = false;
+      begin_ = scan_ = end_;
+      return true;
+    }
+    fill();
+  }
+}
+
+// Moves the unread bytes to the front (growing the buffer when they fill it)
+// and reads more after them.
+void LineReader::fill() {
+  if (begin_ > 0) {
+    memmove(buf_.get(), buf_.get() + begin_, end_ - begin_);
+    end_ -= begin_;
+    scan_ -= begin_;
+    begin_ = 0;
+  }
+  if (end_ == cap_) {
+    std::unique_ptr<char[]> bigger(new char[2 * cap_]);
+    memcpy(bigger.get(), buf_.get(), end_);
+    buf_ = std::move(bigger);
+    cap_ *= 2;
+  }
+  ssize_t n;
+  do {
+    n = read(fd_, buf_.get() + end_, cap_ - end_);
+  } while (n < 0 && errno == EINTR);
+  if (n <= 0) {
+    eof_ = true;
+  } else {
+    end_ += static_cast<size_t>(n);
+  }
+}
+
+OutBuffer::OutBuffer(int fd) : fd_(fd), buf_(new char[kSize]) {}
+
+void OutBuffer::put(const void* bytes, size_t n) {
+  const char* p = static_cast<const char*>(bytes);
+  while (n > 0) {
+    if (used_ == kSize) flush();
+    const size_t k = std::min(n, kSize - used_);
+    memcpy(buf_.get() + used_, p, k);
+    used_ += k;
+    p += k;
+    n -= k;
+  }
+}
+
+void OutBuffer::put_decimal(uint32_t v) {
+  char digits[10];
+  int k = 0;
+  do {
+    digits[k++] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  if (kSize - used_ < 10) flush();
+  while (k > 0) buf_[used_++] = digits[--k];
+}
+
+int OutBuffer::flush() {
+  size_t done = 0;
+  while (!failed_ && done < used_) {
+    ssize_t n = write(fd_, buf_.get() + done, used_ - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      failed_ = true;
+      error_ = n < 0 ? errno : EIO;
+    } else {
+      done += static_cast<size_t>(n);
+    }
+  }
+  used_ = 0;
+  if (!failed_) return 0;
+  errno = error_;
+  return -1;
 }

@@ -1,10 +1,15 @@
 // Small helpers shared by both miners: derived file names, text files created
-// with the product's mode, and the wall clock.
+// with the product's mode, block-wise line reading and buffered writing of
+// files of millions of lines, and the wall clock.
 // Owns no process-wide state.
 #ifndef QUARLO_VSCOM_UTIL_H_
 #define QUARLO_VSCOM_UTIL_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <string_view>
 
 // Returns a new malloc'ed "base.suffix", or null when either part is empty or
 // memory is short. The caller owns the result.
@@ -16,5 +21,53 @@ FILE* create_text_file(const char* name);
 
 // Seconds since the epoch, with microseconds, from gettimeofday.
 double wall_seconds();
+
+// Reads a file descriptor line by line through one large buffer that grows
+// only for a line longer than itself. Does not close the descriptor.
+class LineReader {
+ public:
+  explicit LineReader(int fd);
+  // The next line without its newline in *line (valid until the next call);
+  // *terminated tells whether a newline ended it. False at end of file (a
+  // read error counts as end of file).
+  bool next(std::string_view* line, bool* terminated = nullptr);
+
+ private:
+  void fill();
+
+  int fd_;
+  std::unique_ptr<char[]> buf_;
+  size_t cap_;
+  size_t begin_ = 0;  // first unread byte
+  size_t scan_ = 0;   // bytes before this hold no newline after begin_
+  size_t end_ = 0;    // end of the bytes read
+  bool eof_ = false;
+};
+
+// Collects output bytes in one large buffer and writes it with few system
+// calls. Does not close the descriptor. After a failed write the rest is dropped.
+class OutBuffer {
+ public:
+  explicit OutBuffer(int fd);
+  void put(const void* bytes, size_t n);
+  void put_char(char c) {
+    if (used_ == kSize) flush();
+    buf_[used_++] = c;
+  }
+  void put_decimal(uint32_t v);
+  // Writes out what is buffered. Returns 0, or -1 once any write has failed
+  // (errno then holds the error of that write).
+  int flush();
+  bool failed() const { return failed_; }
+  int error() const { return error_; }  // errno of the failed write
+
+ private:
+  static constexpr size_t kSize = size_t{1} << 20;
+  int fd_;
+  std::unique_ptr<char[]> buf_;
+  size_t used_ = 0;
+  bool failed_ = false;
+  int error_ = 0;
+};
 
 #endif  // QUARLO_VSCOM_UTIL_H_
