@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "util.h"
 #include "vscmdl.h"
 
 namespace {
@@ -38,17 +39,6 @@ char* g_pct = nullptr;
 void flush_out() {
   if (g_used > 0) fwrite(g_buf, 1, g_used, g_out);
   g_used = 0;
-}
-
-char* put_uint(char* out, uint32_t v) {
-  char tmp[10];
-  int n = 0;
-  do {
-    tmp[n++] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  } while (v != 0);
-  while (n > 0) *out++ = tmp[--n];
-  return out;
 }
 
 char* put_percent(char* out, int32_t support) {
@@ -130,11 +120,11 @@ void write_freqpattern(const Pattern& p) {
   if (!reserve_lengths(len)) return;
   if (kOutBytes - g_used < kSlack) flush_out();
   char* out = g_buf + g_used;
-  out = put_uint(out, len - 1);
+  out = put_decimal(out, len - 1);
   *out++ = '-';
-  out = put_uint(out, g_per_length[len - 1]++);
+  out = put_decimal(out, g_per_length[len - 1]++);
   *out++ = ' ';
-  out = put_uint(out, static_cast<uint32_t>(p.support));
+  out = put_decimal(out, static_cast<uint32_t>(p.support));
   *out++ = ' ';
   out = put_percent(out, p.support);
   memcpy(g_scratch, p.items, sizeof(uint32_t) * len);
@@ -146,7 +136,7 @@ void write_freqpattern(const Pattern& p) {
       out = g_buf;
     }
     *out++ = ' ';
-    out = put_uint(out, g_scratch[i]);
+    out = put_decimal(out, g_scratch[i]);
   }
   *out++ = '\n';
   g_used = static_cast<size_t>(out - g_buf);

@@ -104,15 +104,20 @@ void OutBuffer::put(const void* bytes, size_t n) {
   }
 }
 
-void OutBuffer::put_decimal(uint32_t v) {
+char* put_decimal(char* out, uint32_t v) {
   char digits[10];
   int k = 0;
   do {
     digits[k++] = static_cast<char>('0' + v % 10);
     v /= 10;
   } while (v != 0);
+  while (k > 0) *out++ = digits[--k];
+  return out;
+}
+
+void OutBuffer::put_decimal(uint32_t v) {
   if (kSize - used_ < 10) flush();
-  while (k > 0) buf_[used_++] = digits[--k];
+  used_ = static_cast<size_t>(::put_decimal(buf_.get() + used_, v) - buf_.get());
 }
 
 int OutBuffer::flush() {

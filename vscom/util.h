@@ -19,6 +19,9 @@ char* name_join(const char* base, const char* suffix);
 // before the umask (fopen would give 0666). Null when it cannot be opened.
 FILE* create_text_file(const char* name);
 
+// Writes v in decimal (at most 10 characters) at `out`; returns the end.
+char* put_decimal(char* out, uint32_t v);
+
 // Seconds since the epoch, with microseconds, from gettimeofday.
 double wall_seconds();
 
