@@ -6,12 +6,11 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_DIR := build/demo
 
-.PHONY: all release demo test deps clean
+.PHONY: all release demo test build-deps test-deps clean
 
 all: release
 
-release:
-	@command -v cmake >/dev/null || { echo "quarlo: cmake is missing; install the Debian package 'cmake'"; exit 1; }
+release: build-deps
 	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
 	cmake --build build/release -j $(JOBS) --target quarlo
 
@@ -23,10 +22,13 @@ demo: release
 	  echo "--- $(DEMO_DIR)/groceries.txt.fp (first lines)"; head -n 12 groceries.txt.fp 2>/dev/null; \
 	  exit $$status
 
-deps:
-	@sh tools/ensure-deps.sh
+build-deps:
+	@sh tools/ensure-deps.sh build
 
-test: deps
+test-deps:
+	@sh tools/ensure-deps.sh test
+
+test: test-deps
 	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON
 	cmake --build build/asan -j $(JOBS)
 	cd build/asan && ctest --output-on-failure -j $(JOBS)

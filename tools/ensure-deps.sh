@@ -1,11 +1,14 @@
 #!/bin/sh
-# Makes sure the test build's tools are present: g++, cmake and GoogleTest.
-# As root, missing Debian packages are installed; otherwise the script names them.
+# Makes sure the build's tools are present: g++, cmake and make, plus
+# GoogleTest when called with "test". As root, missing Debian packages are
+# installed with apt-get; otherwise the script names them and fails.
 missing=""
 command -v g++ >/dev/null 2>&1 || missing="$missing g++"
 command -v cmake >/dev/null 2>&1 || missing="$missing cmake"
 command -v make >/dev/null 2>&1 || missing="$missing make"
-[ -f /usr/include/gtest/gtest.h ] || missing="$missing libgtest-dev"
+if [ "${1:-build}" = "test" ] && [ ! -f /usr/include/gtest/gtest.h ]; then
+  missing="$missing libgtest-dev"
+fi
 [ -n "$missing" ] || exit 0
 if [ "$(id -u)" = "0" ] && command -v apt-get >/dev/null 2>&1; then
   echo "quarlo: installing$missing"
@@ -13,5 +16,5 @@ if [ "$(id -u)" = "0" ] && command -v apt-get >/dev/null 2>&1; then
   echo "quarlo: apt-get could not install$missing" >&2
   exit 1
 fi
-echo "quarlo: missing Debian package(s):$missing; install them (apt-get install$missing) and run 'make test' again" >&2
+echo "quarlo: missing Debian package(s):$missing; install them (apt-get install$missing) and run make again" >&2
 exit 1
