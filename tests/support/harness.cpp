@@ -204,19 +204,6 @@ std::string mask_timings(const std::string& report) {
   return std::regex_replace(report, kTime, "#.### sec");
 }
 
-std::string report_block(const std::string& report, const std::string& title) {
-  const std::string head = title + " -";
-  std::string block;
-  bool inside = false;
-  for (const std::string& line : split_lines(report)) {
-    if (!inside && line.size() == 80 && line.rfind(head, 0) == 0) inside = true;
-    if (!inside) continue;
-    block += line + "\n";
-    if (line.empty()) break;
-  }
-  return block;
-}
-
 bool matches_regex(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }

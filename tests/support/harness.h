@@ -3,16 +3,6 @@
 // a code block or of the built program, and the paths of the checked-in
 // fixtures. Every test executable links these helpers; nothing here holds
 // state between calls.
-//
-// Typical end-to-end test:
-//
-//   class MyCli : public quarlo_test::TempDirTest {};
-//   TEST_F(MyCli, WritesPatterns) {
-//     write_file(path("in.txt"), "1 2\n2 3\n");
-//     RunResult r = run_quarlo(dir(), {"-s", "50", "in.txt"});
-//     ASSERT_EQ(r.status, 0) << r.err;
-//     EXPECT_EQ(read_file(path("in.txt.fp")), "...");
-//   }
 #ifndef QUARLO_TESTS_SUPPORT_HARNESS_H_
 #define QUARLO_TESTS_SUPPORT_HARNESS_H_
 
@@ -89,11 +79,6 @@ std::vector<std::string> split_lines(const std::string& text);
 // `report` with every "N.NNN sec" time replaced by "#.### sec", so the reports
 // of two runs compare equal when only their timings differ.
 std::string mask_timings(const std::string& report);
-
-// The report block titled `title` ("Options", "Solution", ...): from its
-// title line ("Options ---...") up to and including the empty line that
-// ends it, or "" when the report holds no such block.
-std::string report_block(const std::string& report, const std::string& title);
 
 // True when the whole of `text` matches the ECMAScript regular expression
 // `pattern` (use it for report lines whose source line numbers may change).
