@@ -22,10 +22,27 @@ MiningCounters g_counters = {};
 uint32_t* g_rank = nullptr;
 uint32_t g_rank_capacity = 0;
 
-// The root's child of every rank, and its last child, while a tree is built:
-// the root can have as many children as there are frequent items.
-FPNode** g_root_child = nullptr;
-FPNode* g_root_last = nullptr;
+// Child index of the tree being built. A node with more than kScanChildren
+// children (the root and the upper nodes of sparse data can have thousands)
+// has all of them, and its last child under the key kLastChild, in this
+// open-addressing table keyed by (parent, item); other nodes are searched by
+// walking their child list. Entries of earlier builds are told apart by their
+// generation, so starting a build clears nothing.
+constexpr uint32_t kScanChildren = 8;
+constexpr uint32_t kLastChild = 0xffffffffu;
+
+struct ChildSlot {
+  const FPNode* parent;
+  FPNode* child;
+  uint32_t item;
+  uint32_t gen;
+};
+
+ChildSlot* g_slots = nullptr;
+size_t g_slot_mask = 0;   // capacity - 1 (capacity a power of two, or 0)
+size_t g_slots_used = 0;  // slots of the current generation
+uint32_t g_gen = 0;
+bool g_index_ok = false;  // false when growing failed: this build walks lists
 
 // Scratch of the recursion: the ancestor items of one node (filled and used
 // before the recursion descends), the item count and the maximum output size.
@@ -36,18 +53,86 @@ uint32_t g_max_size = 0xffffffffu;
 bool ensure_rank(uint32_t nitems) {
   if (g_rank != nullptr && nitems <= g_rank_capacity) return true;
   uint32_t* grown = static_cast<uint32_t*>(calloc(nitems + 1, sizeof(uint32_t)));
-  FPNode** roots = static_cast<FPNode**>(calloc(nitems + 1, sizeof(FPNode*)));
-  if (grown == nullptr || roots == nullptr) {
-    free(grown);
-    free(roots);
-    return false;
-  }
+  if (grown == nullptr) return false;
   free(g_rank);
-  free(g_root_child);
   g_rank = grown;
-  g_root_child = roots;
   g_rank_capacity = nitems;
   return true;
+}
+
+size_t slot_of(const FPNode* parent, uint32_t item) {
+  uint64_t h = reinterpret_cast<uintptr_t>(parent) * 0x9e3779b97f4a7c15ull;
+  h ^= (item + 0x632be59bd9b4e019ull) * 0xc2b2ae3d27d4eb4full;
+  return static_cast<size_t>(h ^ (h >> 29)) & g_slot_mask;
+}
+
+void start_child_index() {
+  if (++g_gen == 0) {  // generations wrapped: forget every old entry
+    for (size_t i = 0; g_slots != nullptr && i <= g_slot_mask; ++i) g_slots[i].gen = 0;
+    g_gen = 1;
+  }
+  g_slots_used = 0;
+  g_index_ok = true;
+}
+
+void put_slot(ChildSlot* slots, size_t mask, const FPNode* parent, uint32_t item, FPNode* child) {
+  size_t i = slot_of(parent, item) & mask;
+  while (slots[i].gen == g_gen && (slots[i].parent != parent || slots[i].item != item)) {
+    i = (i + 1) & mask;
+  }
+  if (slots[i].gen != g_gen) ++g_slots_used;
+  slots[i] = {parent, child, item, g_gen};
+}
+
+// Doubles the table (at least 1024 slots), keeping the current generation.
+bool grow_child_index() {
+  const size_t old_cap = g_slots == nullptr ? 0 : g_slot_mask + 1;
+  const size_t cap = old_cap == 0 ? 1024 : 2 * old_cap;
+  ChildSlot* slots = static_cast<ChildSlot*>(calloc(cap, sizeof(ChildSlot)));
+  if (slots == nullptr) return false;
+  ChildSlot* old = g_slots;
+  g_slots = slots;
+  g_slot_mask = cap - 1;
+  g_slots_used = 0;
+  for (size_t i = 0; i < old_cap; ++i) {
+    if (old[i].gen == g_gen) put_slot(g_slots, g_slot_mask, old[i].parent, old[i].item, old[i].child);
+  }
+  free(old);
+  return true;
+}
+
+void index_child(const FPNode* parent, uint32_t item, FPNode* child) {
+  if (!g_index_ok) return;
+  if (2 * (g_slots_used + 1) > (g_slots == nullptr ? 0 : g_slot_mask + 1) && !grow_child_index()) {
+    g_index_ok = false;
+    return;
+  }
+  put_slot(g_slots, g_slot_mask, parent, item, child);
+}
+
+FPNode* indexed_child(const FPNode* parent, uint32_t item) {
+  for (size_t i = slot_of(parent, item);; i = (i + 1) & g_slot_mask) {
+    const ChildSlot& s = g_slots[i];
+    if (s.gen != g_gen) return nullptr;
+    if (s.parent == parent && s.item == item) return s.child;
+  }
+}
+
+bool is_indexed(const FPNode* node) { return g_index_ok && node->nchild > kScanChildren; }
+
+// Registers the new child `node` of `parent`; a parent that has just become
+// wide gets all its children registered.
+void note_child(FPNode* parent, FPNode* node) {
+  ++parent->nchild;
+  if (parent->nchild < kScanChildren + 1) return;
+  if (parent->nchild == kScanChildren + 1) {
+    for (FPNode* c = parent->first_child; c != nullptr; c = c->next_sibling) {
+      index_child(parent, c->item, c);
+    }
+  } else {
+    index_child(parent, node->item, node);
+  }
+  index_child(parent, kLastChild, node);
 }
 
 FPNodeBlock* new_block() {
@@ -74,9 +159,7 @@ int make_header(int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   for (int32_t p = 0; p < nfreq; ++p) {
     tree->header[p] = {*list[p].items, list[p].support, nullptr, nullptr};
     g_rank[*list[p].items] = static_cast<uint32_t>(nfreq - p);
-    g_root_child[nfreq - p] = nullptr;
   }
-  g_root_last = nullptr;
   tree->nheader = nfreq;
   tree->top_support = nfreq > 0 ? list[0].support : 0;
   return 0;
@@ -154,11 +237,8 @@ FPNode* add_child(FPTree* tree, FPNode* parent, FPNode* last, uint32_t item, int
   } else {
     last->next_sibling = node;
   }
+  note_child(parent, node);
   const uint32_t rank = g_rank[item];
-  if (parent == tree->root) {
-    g_root_child[rank] = node;
-    g_root_last = node;
-  }
   HeaderEntry* h = &header[tree->nheader - static_cast<int32_t>(rank)];
   if (h->head == nullptr) h->tail = node;
   node->next_link = h->head;
@@ -167,10 +247,10 @@ FPNode* add_child(FPTree* tree, FPNode* parent, FPNode* last, uint32_t item, int
 }
 
 // Child of `node` with `item`, or null; *last then gets the last child.
-FPNode* find_child(const FPTree* tree, FPNode* node, uint32_t item, FPNode** last) {
-  if (node == tree->root) {
-    FPNode* child = g_root_child[g_rank[item]];
-    if (child == nullptr) *last = g_root_last;
+FPNode* find_child(FPNode* node, uint32_t item, FPNode** last) {
+  if (is_indexed(node)) {
+    FPNode* child = indexed_child(node, item);
+    if (child == nullptr) *last = indexed_child(node, kLastChild);
     return child;
   }
   FPNode* prev = nullptr;
@@ -208,7 +288,7 @@ int insert_tran_to_fptree(FPTree* tree, FPNode* node, const CurTran* tran, Heade
   while (n > 0) {
     uint32_t x = s[n - 1].item;
     FPNode* last = nullptr;
-    FPNode* child = find_child(tree, node, x, &last);
+    FPNode* child = find_child(node, x, &last);
     if (child != nullptr) {
       child->count += w;
     } else {
@@ -238,6 +318,7 @@ int create_fptree(TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tre
     return -1;
   }
   if (make_header(nfreq, list, tree) != 0) return -1;
+  start_child_index();
   tree->first_block = new_block();
   if (tree->first_block == nullptr) block_failure(139);
   tree->cur_block = tree->first_block;
@@ -331,9 +412,11 @@ void drop_from_chain(HeaderEntry* h, FPNode* prev, FPNode* v) {
 // support falls below `floor`.
 bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
   uint32_t len = min_length_of_support(h->support);
-  bool removed = true;
-  while (removed) {
-    removed = false;
+  // Every node is at depth 1 or more, so when k + 1 already reaches the
+  // shortest valid length no leaf qualifies: skip the walk of the chain.
+  if (static_cast<int64_t>(k) + 1 >= static_cast<int64_t>(len)) return true;
+  for (;;) {
+    const uint32_t len_before = len;
     FPNode* gone = nullptr;  // the leaves removed in this pass
     FPNode* prev = nullptr;
     for (FPNode* v = h->head; v != nullptr;) {
@@ -345,19 +428,19 @@ bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
         drop_from_chain(h, prev, v);
         v->next_link = gone;
         gone = v;
-        removed = true;
         ++g_counters.pruned_nodes;
       } else {
         prev = v;
       }
       v = next;
     }
-    // Leaves of h are never parents of other leaves of h, so unlinking them
-    // after the pass decides exactly as unlinking each one at once.
+    // Leaves of h are never parents of other nodes of h, so unlinking them
+    // after the pass decides exactly as unlinking each one at once, and a
+    // further pass can only find a leaf when this one raised the length.
     unlink_removed(gone);
     if (h->support < floor) return false;
+    if (gone == nullptr || len == len_before) return true;
   }
-  return true;
 }
 
 // Fills `cdb` with one record per node of h deep enough to give a pattern of

@@ -2,8 +2,8 @@
 // it: trees are built with path pruning by the length-decreasing support,
 // mined with node pruning, conditional trees and a single-path shortcut, and
 // every frequent pattern goes to the pattern writer. Owns the process-wide
-// item-rank index used while a tree is built, the pattern scratch of the
-// recursion and the mining counters.
+// item-rank index and the child index used while a tree is built, the
+// pattern scratch of the recursion and the mining counters.
 #ifndef QUARLO_MINER_CFPTREE_H_
 #define QUARLO_MINER_CFPTREE_H_
 
@@ -23,6 +23,7 @@ struct FPNode {
   FPNode* next_sibling;
   FPNode* next_link;  // next node of the same item (header chain)
   uint32_t depth;     // edges from the root (root 0)
+  uint32_t nchild;    // children made while the tree was built
 };
 static_assert(sizeof(FPNode) == 48, "FPNode should stay six words");
 
