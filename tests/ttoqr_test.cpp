@@ -1,14 +1,12 @@
+// The converted text file to the binary transaction file: records, the item
+// count, the line sizing, the failure reports, and the buffered writer against
+// a plain line-by-line writer built from parse_sequence and tseq_to_vsseq.
 #include "ttoqr.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -19,132 +17,122 @@
 namespace {
 
 using namespace std::string_literals;
+using quarlo_test::StdoutCapture;
+using Words = std::vector<uint32_t>;
 
-class TtoqrTest : public quarlo_test::TempDirTest {
+class Ttoqr : public quarlo_test::TempDirTest {
  protected:
   void write(const std::string& name, const std::string& bytes) const {
     quarlo_test::write_file(path(name), bytes);
   }
   std::string read(const std::string& name) const { return quarlo_test::read_file(path(name)); }
-  // Converts `conv` and returns the binary file as 32-bit words.
-  std::vector<uint32_t> words_of(const std::string& conv, unsigned* status = nullptr) {
+  // Converts `conv` to "f.qr"; what was printed lands in report_.
+  unsigned convert(const std::string& conv, const std::string& output = "f.qr") {
     write("f.conv", conv);
-    testing::internal::CaptureStdout();
-    const unsigned s = ttoqr(path("f.conv").c_str(), path("f.qr").c_str());
-    report_ = testing::internal::GetCapturedStdout();
-    if (status != nullptr) *status = s;
-    else EXPECT_EQ(s, 0u) << report_;
+    StdoutCapture capture;
+    const unsigned status = ttoqr(path("f.conv").c_str(), path(output).c_str());
+    report_ = capture.release();
+    return status;
+  }
+  // The binary file as little-endian 32-bit words.
+  Words words() const {
     const std::string bytes = read("f.qr");
     EXPECT_EQ(bytes.size() % 4, 0u);
-    std::vector<uint32_t> words(bytes.size() / 4);
-    for (size_t i = 0; i < words.size(); ++i) {
+    Words out(bytes.size() / 4);
+    for (size_t i = 0; i < out.size(); ++i) {
       const auto* b = reinterpret_cast<const unsigned char*>(bytes.data() + 4 * i);
-      words[i] = b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
+      out[i] = b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
     }
-    return words;
+    return out;
   }
 
   std::string report_;
 };
 
-using Words = std::vector<uint32_t>;
-
-TEST_F(TtoqrTest, RecordIsCountThenAscendingItemsLittleEndian) {
-  write("f.conv", "3 7 3 \n");
-  ASSERT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str()), 0u);
-  EXPECT_EQ(read("f.qr"), "\x02\0\0\0\x03\0\0\0\x07\0\0\0"s);
-  EXPECT_EQ(item_count, 8u);
-  EXPECT_EQ(words_of("300 2 \n70000 1 \n"), (Words{2, 2, 300, 2, 1, 70000}));
-  EXPECT_EQ(item_count, 70001u);
+// A record is the item count, then the distinct items ascending, all as
+// little-endian 32-bit words: "3 7 3 " gives exactly 12 bytes.
+TEST_F(Ttoqr, RecordsAndItemCount) {
+  const struct {
+    std::string conv;
+    Words words;
+    uint32_t item_count;
+  } cases[] = {
+      {"3 7 3 \n", {2, 3, 7}, 8},
+      {"300 2 \n70000 1 \n", {2, 2, 300, 2, 1, 70000}, 70001},
+      // "-1" before or after the items opens no second itemset.
+      {"4 -1 \n-1 5\n-1 \n\n-1 -1 6 6 -1 -1 \n", {1, 4, 1, 5, 1, 6}, 7},
+      {"\n\n-1 \n   \r\n", {}, 0},
+      {"", {}, 0},
+      // Items stop at the first token that is not a number, or at a NUL byte.
+      {"4 2 x 7\n8 1.5 3\n3 2\0 5\n6\0"s, {2, 2, 4, 1, 8, 2, 2, 3, 1, 6}, 9},
+      // The count is raised on signed values: 2^31 - 1 and above do not raise it.
+      {"5 2147483647 \n", {2, 5, 2147483647}, 6},
+      {"2147483646 \n", {1, 2147483646}, 2147483647},
+      // A last line without newline, longer than every terminated line, comes
+      // in pieces of the sized buffer, even when a piece ends inside a number.
+      {"1\n2 3", {1, 1, 1, 2, 1, 3}, 4},
+      {"10 20 \n30 40 50", {2, 10, 20, 3, 5, 30, 40, 1, 0}, 41},
+  };
+  for (const auto& c : cases) {
+    ASSERT_EQ(convert(c.conv), 0u) << c.conv << report_;
+    EXPECT_EQ(words(), c.words) << c.conv;
+    EXPECT_EQ(item_count, c.item_count) << c.conv;
+  }
 }
 
-TEST_F(TtoqrTest, MinusOneAroundItemsIsNoItemset) {
-  EXPECT_EQ(words_of("4 -1 \n-1 5\n-1 \n\n-1 -1 6 6 -1 -1 \n"), (Words{1, 4, 1, 5, 1, 6}));
-  EXPECT_EQ(item_count, 7u);
-}
-
-TEST_F(TtoqrTest, LinesWithoutItemsGiveAnEmptyFile) {
-  EXPECT_TRUE(words_of("\n\n-1 \n   \r\n").empty());
-  EXPECT_EQ(item_count, 0u);
-  EXPECT_TRUE(words_of("").empty());
-}
-
-TEST_F(TtoqrTest, TwoItemsetsOnALineFailAfterEarlierRecords) {
-  unsigned status = 0;
-  EXPECT_EQ(words_of("9 \n1 -1 2 \n5 \n", &status), (Words{1, 9}));
-  EXPECT_EQ(status, 1u);
-  EXPECT_EQ(report_,
-            "ttoqr(26) Sequence with more than one itemsets detected\n"
-            "ttoqr(98) Fatal error in tseq_to_vsseq()\n");
-}
-
-TEST_F(TtoqrTest, ItemsStopAtFirstNonNumberOrNul) {
-  EXPECT_EQ(words_of("4 2 x 7\n8 1.5 3\n3 2\0 5\n6\0"s), (Words{2, 2, 4, 1, 8, 2, 2, 3, 1, 6}));
-}
-
-// The count is raised on signed values, so an item of 2^31 - 1 or more does
-// not raise it.
-TEST_F(TtoqrTest, ItemCountComparesSigned) {
-  EXPECT_EQ(words_of("5 2147483647 \n"), (Words{2, 5, 2147483647}));
-  EXPECT_EQ(item_count, 6u);
-  EXPECT_EQ(words_of("2147483646 \n"), (Words{1, 2147483646}));
-  EXPECT_EQ(item_count, 2147483647u);
-}
-
-TEST_F(TtoqrTest, LongTransactionIsOneRecord) {
+TEST_F(Ttoqr, LongTransactionIsOneRecord) {
   std::string line;
   for (uint32_t i = 100000; i-- > 0;) line += std::to_string(i) + " ";
-  const Words w = words_of(line + "\n7 \n");
-  ASSERT_EQ(w.size(), 100001u + 2u);
-  EXPECT_EQ(w[0], 100000u);
-  EXPECT_EQ(w[1], 0u);
-  EXPECT_EQ(w[100000], 99999u);
-  EXPECT_EQ(w[100001], 1u);
+  ASSERT_EQ(convert(line + "\n7 \n"), 0u);
+  const Words w = words();
+  ASSERT_EQ(w.size(), 100003u);
+  EXPECT_EQ((Words{w[0], w[1], w[100000], w[100001], w[100002]}), (Words{100000, 0, 99999, 1, 7}));
   EXPECT_EQ(item_count, 100000u);
 }
 
-TEST_F(TtoqrTest, MissingInputReportsTheSizingStep) {
-  const std::string in = path("absent");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(ttoqr(in.c_str(), path("f.qr").c_str()), 1u);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "../vscom/util(104) fopen(" + in + ", \"r\"): No such file or directory\n" +
-                "ttoqr(64) Fatal error in max_line_size(" + in + ")\n");
-}
+TEST_F(Ttoqr, FailuresAreReportedAndEarlierRecordsStayAndTheModeIs0666) {
+  ASSERT_EQ(convert("9 \n1 -1 2 \n5 \n"), 1u);
+  EXPECT_EQ(words(), (Words{1, 9}));
+  EXPECT_EQ(report_,
+            "ttoqr(26) Sequence with more than one itemsets detected\n"
+            "ttoqr(98) Fatal error in tseq_to_vsseq()\n");
 
-TEST_F(TtoqrTest, UncreatableOutputReportsOpen) {
-  write("f.conv", "1 \n");
-  const std::string out = path("no/dir/f.qr");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(ttoqr(path("f.conv").c_str(), out.c_str()), 1u);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "ttoqr(82) open(" + out + "): No such file or directory\n");
-}
-
-TEST_F(TtoqrTest, OutputIsCreatedWith0666) {
-  write("f.conv", "1 \n");
+  EXPECT_EQ(convert("1 \n", "no/dir/f.qr"), 1u);
+  EXPECT_EQ(report_, "ttoqr(82) open(" + path("no/dir/f.qr") + "): No such file or directory\n");
+  // The output is created with mode 0666 before the umask.
   const mode_t old = umask(0);
-  const unsigned status = ttoqr(path("f.conv").c_str(), path("f.qr").c_str());
+  EXPECT_EQ(convert("1 \n", "new.qr"), 0u);
   umask(old);
-  ASSERT_EQ(status, 0u);
   struct stat st;
-  ASSERT_EQ(stat(path("f.qr").c_str(), &st), 0);
+  ASSERT_EQ(stat(path("new.qr").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0666u);
+
+  const std::string in = path("absent");
+  StdoutCapture capture;
+  EXPECT_EQ(ttoqr(in.c_str(), path("f.qr").c_str()), 1u);
+  EXPECT_EQ(capture.release(), "../vscom/util(104) fopen(" + in +
+                                   ", \"r\"): No such file or directory\n"
+                                   "ttoqr(64) Fatal error in max_line_size(" + in + ")\n");
 }
 
-TEST_F(TtoqrTest, MaxLineSizeMeasuresNewlineTerminatedLines) {
-  write("a", "12345\n1234567890\n\n123\n");
-  EXPECT_EQ(max_line_size(path("a").c_str()), 12u);
-  write("b", "12345\n1234567890123456");  // the unterminated last line is not measured
-  EXPECT_EQ(max_line_size(path("b").c_str()), 7u);
-  write("c", "");
-  EXPECT_EQ(max_line_size(path("c").c_str()), 2u);
-  std::string big(3 << 20, 'x');  // spans several read chunks
-  write("d", "ab\n" + big + "\nc\n");
-  EXPECT_EQ(max_line_size(path("d").c_str()), big.size() + 2);
-  testing::internal::CaptureStdout();
+TEST_F(Ttoqr, MaxLineSizeMeasuresNewlineTerminatedLines) {
+  const std::string big(3 << 20, 'x');  // spans several read chunks
+  const struct {
+    std::string text;
+    uint32_t size;
+  } cases[] = {
+      {"12345\n1234567890\n\n123\n", 12},
+      {"12345\n1234567890123456", 7},  // the unterminated last line is not measured
+      {"", 2},
+      {"ab\n" + big + "\nc\n", static_cast<uint32_t>(big.size() + 2)},
+  };
+  for (const auto& c : cases) {
+    write("a", c.text);
+    EXPECT_EQ(max_line_size(path("a").c_str()), c.size) << c.text.size();
+  }
+  StdoutCapture capture;
   EXPECT_EQ(max_line_size(path("absent").c_str()), 4294967295u);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  EXPECT_EQ(capture.release(),
             "../vscom/util(104) fopen(" + path("absent") + ", \"r\"): No such file or directory\n");
 }
 
@@ -152,14 +140,13 @@ TEST(TseqToVsseq, BuildsTheRecordOfOneItemset) {
   item_count = 0;
   uint32_t* block = nullptr;
   ASSERT_EQ(tseq_to_vsseq(parse_sequence("9 2 9 4", 0), &block), 0u);
-  EXPECT_EQ(std::vector<uint32_t>(block, block + 4), (std::vector<uint32_t>{3, 2, 4, 9}));
+  EXPECT_EQ(Words(block, block + 4), (Words{3, 2, 4, 9}));
   EXPECT_EQ(item_count, 10u);
   free(block);
   block = nullptr;
-  testing::internal::CaptureStdout();
+  StdoutCapture capture;
   EXPECT_EQ(tseq_to_vsseq(parse_sequence("1 -1 2", 0), &block), 1u);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "ttoqr(26) Sequence with more than one itemsets detected\n");
+  EXPECT_EQ(capture.release(), "ttoqr(26) Sequence with more than one itemsets detected\n");
   EXPECT_EQ(block, nullptr);
 }
 
@@ -173,7 +160,7 @@ unsigned reference_ttoqr(const char* input, const char* output) {
   FILE* in = fopen(input, "r");
   FILE* out = fopen(output, "wb");
   unsigned status = 0;
-  while (status == 0 && fgets(line.data(), static_cast<int>(size), in) != nullptr) {
+  while (fgets(line.data(), static_cast<int>(size), in) != nullptr) {
     Sequence s = parse_sequence(line.data(), 0);
     if (length(s) == 0) continue;
     uint32_t* block = nullptr;
@@ -189,78 +176,50 @@ unsigned reference_ttoqr(const char* input, const char* output) {
   return status;
 }
 
-std::string random_conv(std::mt19937* rng, bool allow_two_itemsets) {
-  auto pick = [rng](uint32_t n) { return static_cast<uint32_t>((*rng)() % n); };
-  const char* spaces[] = {" ", " ", " ", "  ", "\t", " \t "};
-  std::string text;
-  const uint32_t lines = 1 + pick(60);
-  for (uint32_t l = 0; l < lines; ++l) {
-    const uint32_t n = pick(5) == 0 ? pick(300) : pick(12);
-    if (pick(4) == 0) text += "-1 ";
-    for (uint32_t k = 0; k < n; ++k) {
-      text += std::to_string(pick(3) == 0 ? pick(8) : pick(5000)) + spaces[pick(6)];
-      if (allow_two_itemsets && pick(200) == 0) text += "-1 ";
-      if (pick(150) == 0) text += "x ";
-    }
-    if (pick(4) == 0) text += "-1 ";
-    text += pick(6) == 0 ? "\r\n" : "\n";
-  }
-  if (pick(2) == 0) {  // an unterminated last line, sometimes longer than every other
-    for (uint32_t k = pick(600); k > 0; --k) text += std::to_string(pick(5000)) + " ";
-  }
-  return text;
-}
-
-TEST_F(TtoqrTest, BufferedWriterMatchesLineByLineReference) {
+TEST_F(Ttoqr, BufferedWriterMatchesLineByLineReference) {
   std::mt19937 rng(7);
-  for (int round = 0; round < 150; ++round) {
-    const std::string text = random_conv(&rng, round % 3 == 0);
+  auto pick = [&rng](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
+  const char* spaces[] = {" ", " ", " ", "  ", "\t", " \t "};
+  for (int round = 0; round <= 60; ++round) {
+    std::string text;
+    if (round == 60) {
+      // Several MiB: lines straddle read chunks, one line outgrows the read
+      // buffer (its tail after "x" is not items) and the output buffer
+      // fills many times.
+      for (int l = 0; l < 60000; ++l) {
+        for (uint32_t k = pick(15); k > 0; --k) text += std::to_string(pick(100000)) + " ";
+        text += "\n";
+        if (l != 30000) continue;
+        text += "7 3 x ";
+        for (int k = 0; k < 200000; ++k) text += std::to_string(pick(1000000)) + " ";
+        text += "-1 \n";
+      }
+    } else {
+      for (uint32_t l = 1 + pick(60); l > 0; --l) {
+        if (pick(4) == 0) text += "-1 ";
+        for (uint32_t k = pick(5) == 0 ? pick(300) : pick(12); k > 0; --k) {
+          text += std::to_string(pick(3) == 0 ? pick(8) : pick(5000)) + spaces[pick(6)];
+          if (round % 3 == 0 && pick(200) == 0) text += "-1 ";  // a second itemset
+          if (pick(150) == 0) text += "x ";
+        }
+        if (pick(4) == 0) text += "-1 ";
+        text += pick(6) == 0 ? "\r\n" : "\n";
+      }
+      // An unterminated last line, sometimes longer than every other.
+      for (uint32_t k = pick(2) == 0 ? pick(600) : 0; k > 0; --k) {
+        text += std::to_string(pick(5000)) + " ";
+      }
+    }
     write("f.conv", text);
-    testing::internal::CaptureStdout();
+    StdoutCapture capture;
     const unsigned want = reference_ttoqr(path("f.conv").c_str(), path("ref.qr").c_str());
     const uint32_t want_count = item_count;
-    const std::string want_report = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-    const unsigned got = ttoqr(path("f.conv").c_str(), path("f.qr").c_str());
-    std::string got_report = testing::internal::GetCapturedStdout();
-    ASSERT_EQ(got, want) << "round " << round;
-    ASSERT_EQ(read("f.qr"), read("ref.qr")) << "round " << round;
-    if (got == 0) ASSERT_EQ(item_count, want_count) << "round " << round;
-    else ASSERT_EQ(got_report, want_report + "ttoqr(98) Fatal error in tseq_to_vsseq()\n");
+    const std::string want_report = capture.release();
+    ASSERT_EQ(convert(text), want) << "round " << round;
+    ASSERT_TRUE(read("f.qr") == read("ref.qr")) << "round " << round;
+    if (want == 0) ASSERT_EQ(item_count, want_count) << "round " << round;
+    else ASSERT_EQ(report_, want_report + "ttoqr(98) Fatal error in tseq_to_vsseq()\n");
   }
-}
-
-// Several MiB, so that lines straddle read chunks, one line outgrows the read
-// buffer (its tail after "x" is not read as items) and the output buffer
-// fills many times.
-TEST_F(TtoqrTest, ChunkBoundariesAndLongLinesMatchReference) {
-  std::mt19937 rng(99);
-  std::string text;
-  for (int l = 0; l < 60000; ++l) {
-    const int n = rng() % 15;
-    for (int k = 0; k < n; ++k) text += std::to_string(rng() % 100000) + " ";
-    text += "\n";
-    if (l == 30000) {
-      text += "7 3 x ";
-      for (int k = 0; k < 400000; ++k) text += std::to_string(rng() % 1000000) + " ";
-      text += "-1 \n";
-    }
-  }
-  ASSERT_GT(text.size(), size_t{4} << 20);
-  write("f.conv", text);
-  ASSERT_EQ(reference_ttoqr(path("f.conv").c_str(), path("ref.qr").c_str()), 0u);
-  const uint32_t want_count = item_count;
-  ASSERT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str()), 0u);
-  EXPECT_EQ(item_count, want_count);
-  EXPECT_TRUE(read("f.qr") == read("ref.qr"));
-}
-
-// A last line without newline that is longer than every terminated line comes
-// in pieces of the sized buffer, each piece a transaction of its own, even when
-// a piece ends inside a number. Converted files always end their lines.
-TEST_F(TtoqrTest, OverlongUnterminatedLastLineComesInPieces) {
-  EXPECT_EQ(words_of("1\n2 3"), (Words{1, 1, 1, 2, 1, 3}));
-  EXPECT_EQ(words_of("10 20 \n30 40 50"), (Words{2, 10, 20, 3, 5, 30, 40, 1, 0}));
 }
 
 }  // namespace
