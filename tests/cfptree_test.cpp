@@ -1,71 +1,42 @@
 // FP-tree building (shared prefixes, weights, insertion order, node blocks,
-// path pruning) and the mining recursion (single-path enumeration, size
-// limits, the floor), checked on the tree's shape and on the written lines.
+// path pruning) and the single-path enumeration, checked on the tree's shape
+// and on the written lines. The mining recursion as a whole is checked against
+// brute force by the differential test.
 #include "cfptree.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
-
 #include "np2.h"
-#include "suppfunc.h"
-#include "vscmdl.h"
+#include "support/engine.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace quarlo_test;
 
 constexpr uint32_t kItems = 200;
 
-struct Record {
-  std::vector<uint32_t> items;  // ascending
-  uint32_t weight = 1;
-};
-
-class FpTree : public ::testing::Test {
+class FpTree : public TempDirTest {
  protected:
   void SetUp() override {
-    std::string templ = (fs::temp_directory_path() / "quarlo-tree-XXXXXX").string();
-    ASSERT_NE(mkdtemp(templ.data()), nullptr);
-    dir_ = templ;
-    Options({});
+    set_options({});
     ASSERT_EQ(init_buf_pool(kItems), 0);
     ASSERT_EQ(alloc_avetbl(kItems, 1000), 0);
-    reset_mining_counters();
   }
-  void TearDown() override {
+  void TearDown() override { Release(); }
+
+  void Release() {
     if (built_) free_fptree(&tree_);
+    built_ = false;
     free_freq_tbl();
-    fs::remove_all(dir_);
   }
 
-  void Options(std::vector<std::string> args) {
-    args.insert(args.begin(), "quarlo");
-    args.push_back("db");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    parse(static_cast<int>(argv.size()), argv.data(), 0);
-  }
-
-  void Table(const std::string& lines, uint32_t ntrans) {
-    const fs::path file = dir_ / "table";
-    std::ofstream(file) << lines;
-    ASSERT_EQ(init_freq_tbl(file.c_str(), ntrans, kItems), 0);
-  }
-
-  // Builds tree_ from `records` as the engine builds the first tree.
-  void Build(const std::vector<Record>& records) {
+  // Builds tree_ from `records` as the engine builds the first tree, under the
+  // support `table` of `ntrans` transactions.
+  void Build(const std::string& table, uint32_t ntrans, const std::vector<Record>& records) {
+    Release();
+    reset_mining_counters();
+    ASSERT_EQ(set_support(table, ntrans, kItems, path("table")), 0);
     TranBuf db;
     ASSERT_EQ(init_buf(&db, kItems), 0);
-    for (const Record& r : records) {
-      insert_tran_to_trandb(&db, r.items.data(), static_cast<uint32_t>(r.items.size()), r.weight);
-    }
+    fill(&db, records);
     int32_t nfreq = 0;
     ItemEntry* list = nullptr;
     ASSERT_EQ(create_freqitemlist(&db, &nfreq, &list, kItems), 0);
@@ -77,15 +48,11 @@ class FpTree : public ::testing::Test {
 
   // Mines tree_ into a pattern file and returns its lines.
   std::vector<std::string> Mine(uint32_t ntrans) {
-    const fs::path out = dir_ / "db.fp_conv";
-    EXPECT_EQ(open_pattern_file(out.c_str(), ntrans, kItems), 0);
+    EXPECT_EQ(open_pattern_file(path("db.fp_conv").c_str(), ntrans, kItems), 0);
     EXPECT_EQ(mine_fptree(&tree_, kItems), 0);
     built_ = false;
     EXPECT_EQ(close_pattern_file(), 0);
-    std::vector<std::string> lines;
-    std::ifstream in(out);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+    return read_lines(path("db.fp_conv"));
   }
 
   // The subtree below `v` as "item:count(children...)".
@@ -93,168 +60,101 @@ class FpTree : public ::testing::Test {
     std::string s;
     for (const FPNode* c = v->first_child; c != nullptr; c = c->next_sibling) {
       if (!s.empty()) s += ",";
-      s += std::to_string(c->item);
-      s += ':';
-      s += std::to_string(c->count);
-      if (c->first_child != nullptr) {
-        s += '(';
-        s += Shape(c);
-        s += ')';
-      }
+      s += std::to_string(c->item) + ":" + std::to_string(c->count);
+      if (c->first_child != nullptr) s += "(" + Shape(c) + ")";
     }
     return s;
   }
 
-  const HeaderEntry& Header(uint32_t item) {
-    for (int32_t i = 0; i < tree_.nheader; ++i) {
-      if (tree_.header[i].item == item) return tree_.header[i];
+  // The header table as "item:support ...".
+  std::string Headers() const {
+    std::string s;
+    for (const HeaderEntry* h = tree_.header; h < tree_.header + tree_.nheader; ++h) {
+      s += (s.empty() ? "" : " ") + std::to_string(h->item) + ":" + std::to_string(h->support);
     }
-    ADD_FAILURE() << "no header entry for " << item;
-    return tree_.header[0];
+    return s;
   }
 
-  fs::path dir_;
   FPTree tree_ = {};
   bool built_ = false;
 };
 
-TEST_F(FpTree, SharedPrefixCountsTwiceAndChildrenKeepInsertionOrder) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 2, kItems), 0);
-  Build({{{1, 2}}, {{1, 3}}});
-  EXPECT_EQ(Shape(tree_.root), "1:2(2:1,3:1)");
-  ASSERT_EQ(tree_.nheader, 3);
-  EXPECT_EQ(tree_.header[0].item, 1u);
-  EXPECT_EQ(tree_.header[1].item, 2u);
-  EXPECT_EQ(tree_.header[2].item, 3u);
-  const FPNode* a = tree_.root->first_child;
-  EXPECT_EQ(a->depth, 1u);
-  EXPECT_EQ(a->first_child->depth, 2u);
-  EXPECT_EQ(a->first_child->parent, a);
-  EXPECT_EQ(Header(2).head, a->first_child);
-  EXPECT_EQ(Header(2).tail, a->first_child);
+// Records sharing a prefix share its nodes, whose counts add the records'
+// weights; a node's children keep the order they were made in. Records go in
+// longest first, equal lengths in database order; along every path items
+// follow the list order (support descending, then item ascending).
+// Path pruning (table 1 90 / 3 23 of 13: counts 12 and 3) cuts an item that
+// would need a longer pattern than any new branch can give, unless the item
+// already has its node on the path.
+TEST_F(FpTree, SharedPrefixesInListAndRecordOrderWithPathPruning) {
+  const std::vector<Record> ten_zeros(10, Record{{0}});
+  struct {
+    std::string table;
+    uint32_t ntrans;
+    std::vector<Record> records;
+    std::string tree, headers;
+    uint64_t cut_items;
+    int32_t top_support;
+  } cases[] = {
+      {"0", 2, {{{1, 2}}, {{1, 3}}}, "1:2(2:1,3:1)", "1:2 2:1 3:1", 0, 2},
+      {"0", 2, {{{1, 3}}, {{1, 2}}}, "1:2(3:1,2:1)", "1:2 2:1 3:1", 0, 2},
+      {"0", 2, {{{7}}, {{4, 5}}}, "4:1(5:1),7:1", "4:1 5:1 7:1", 0, 1},
+      {"0", 4, {{{1, 2, 9}}, {{2, 9}}, {{9}}, {{1, 9}}}, "9:4(1:2(2:1),2:1)", "9:4 1:2 2:2", 0, 4},
+      {"0", 4, {{{1, 2}, 3}, {{1}}}, "1:4(2:3)", "1:4 2:3", 0, 4},
+      {"50", 4, {{{1, 2}}, {{1}}, {{5, 6}}, {{2}}}, "1:2(2:1),2:1", "1:2 2:2", 0, 2},
+      {"1 90\n3 23\n", 13, ten_zeros, "1:3(2:3(3:3))", "0:0 1:3 2:3 3:3", 10, 10},
+      {"1 90\n3 23\n", 13, ten_zeros, "0:11(1:1(2:1)),1:2(2:2)", "0:11 1:3 2:3", 0, 11},
+  };
+  cases[6].records.insert(cases[6].records.end(), 3, Record{{1, 2, 3}});
+  cases[7].records.push_back(Record{{0, 1, 2}});
+  cases[7].records.insert(cases[7].records.end(), 2, Record{{1, 2}});
+  for (const auto& c : cases) {
+    Build(c.table, c.ntrans, c.records);
+    EXPECT_EQ(Shape(tree_.root), c.tree);
+    EXPECT_EQ(Headers(), c.headers) << c.tree;
+    EXPECT_EQ(mining_counters().cut_items, c.cut_items) << c.tree;
+    EXPECT_EQ(tree_.top_support, c.top_support) << c.tree;
+  }
 }
 
-TEST_F(FpTree, EqualLengthRecordsGoInInDatabaseOrder) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 2, kItems), 0);
-  Build({{{1, 3}}, {{1, 2}}});
-  EXPECT_EQ(Shape(tree_.root), "1:2(3:1,2:1)");
-}
-
-TEST_F(FpTree, LongerRecordsGoInFirst) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 2, kItems), 0);
-  Build({{{7}}, {{4, 5}}});
-  // All supports tie, so the lowest item number ranks highest: 4 heads its record.
-  EXPECT_EQ(Shape(tree_.root), "4:1(5:1),7:1");
-}
-
-TEST_F(FpTree, ItemsFollowSupportOrderAlongEveryPath) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 4, kItems), 0);
-  Build({{{1, 2, 9}}, {{2, 9}}, {{9}}, {{1, 9}}});
-  EXPECT_EQ(Shape(tree_.root), "9:4(1:2(2:1),2:1)");
-  EXPECT_EQ(tree_.header[0].item, 9u);
-  EXPECT_EQ(tree_.header[0].support, 4);
-}
-
-TEST_F(FpTree, WeightedRecordAddsItsWeightAlongThePath) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 4, kItems), 0);
-  Build({{{1, 2}, 3}, {{1}}});
-  EXPECT_EQ(Shape(tree_.root), "1:4(2:3)");
-  EXPECT_EQ(Header(2).support, 3);
-}
-
-TEST_F(FpTree, RecordOfInfrequentItemsAddsNoNode) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(50.0, 4, kItems), 0);  // count 2
-  Build({{{1, 2}}, {{1}}, {{5, 6}}, {{2}}});
-  EXPECT_EQ(Shape(tree_.root), "1:2(2:1),2:1");
-  EXPECT_EQ(tree_.nodes_used, 4u);
-}
-
-// A record of n items makes a path of n nodes below the root.
-std::vector<Record> OnePath(uint32_t n) {
-  Record r;
-  for (uint32_t i = 0; i < n; ++i) r.items.push_back(i);
-  return {r};
-}
-
-TEST_F(FpTree, HundredNodesFitOneBlock) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 1, kItems), 0);
-  Build(OnePath(99));
-  EXPECT_EQ(tree_.first_block, tree_.cur_block);
-  EXPECT_EQ(tree_.nodes_used, 100u);
-}
-
+// Blocks hold 100 nodes: a path of 99 items and the root fill the first, the
+// 101st node opens a second.
 TEST_F(FpTree, HundredFirstNodeOpensSecondBlock) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(0.0, 1, kItems), 0);
-  Build(OnePath(100));
-  ASSERT_NE(tree_.first_block, tree_.cur_block);
-  EXPECT_EQ(tree_.first_block->next, tree_.cur_block);
+  Record path;
+  for (uint32_t i = 0; i < 99; ++i) path.items.push_back(i);
+  Build("0", 1, {path});
+  EXPECT_EQ(tree_.first_block->next, nullptr);
+  EXPECT_EQ(tree_.nodes_used, 100u);
+  path.items.push_back(99);
+  Build("0", 1, {path});
+  ASSERT_EQ(tree_.first_block->next, tree_.cur_block);
   EXPECT_EQ(tree_.nodes_used, 1u);
   EXPECT_EQ(tree_.cur_block->node[0].depth, 100u);
 }
 
-// Ten records of item 0 and three of 1 2 3 on the table 1 90 / 3 23: item 0
-// (support 10) needs length 3, which a 1-item record cannot give, so it is cut
-// from every record; its header support drops to 0.
-TEST_F(FpTree, PathPruningCutsAnItemThatNeedsALongerPattern) {
-  Table("1 90\n3 23\n", 13);
-  std::vector<Record> records(10, Record{{0}});
-  records.insert(records.end(), 3, Record{{1, 2, 3}});
-  Build(records);
-  EXPECT_EQ(Shape(tree_.root), "1:3(2:3(3:3))");
-  EXPECT_EQ(Header(0).support, 0);
-  EXPECT_EQ(Header(0).head, nullptr);
-  EXPECT_EQ(tree_.top_support, 10);
-  EXPECT_EQ(mining_counters().cut_items, 10u);
+// Node pruning of item 5 (support 5 of 10; counts 9, 4, 1 for lengths 1, 2,
+// 3): 5 needs 2 items, so its leaf below the root goes; the 3 left need 3
+// items, so its leaf below 1 goes as well, and then 1 is a leaf too shallow.
+TEST_F(FpTree, NodePruningRaisesTheLengthWithEveryRemovedLeaf) {
+  std::vector<Record> records(5, Record{{1}});
+  records.insert(records.end(), 3, Record{{1, 5}});
+  records.insert(records.end(), 2, Record{{5}});
+  Build("1 90\n2 40\n3 10\n", 10, records);
+  EXPECT_EQ(Shape(tree_.root), "1:8(5:3),5:2");
+  EXPECT_EQ(Mine(10), std::vector<std::string>{});
+  EXPECT_EQ(mining_counters().pruned_nodes, 3u);
 }
 
-TEST_F(FpTree, PathPruningSparesItemsOnAnExistingPath) {
-  Table("1 90\n3 23\n", 13);
-  std::vector<Record> records(10, Record{{0}});
-  records.push_back(Record{{0, 1, 2}});
-  records.insert(records.end(), 2, Record{{1, 2}});
-  Build(records);
-  // The 3-item record goes in first and makes the node of 0; every 1-item
-  // record then follows that node and keeps its item.
-  EXPECT_EQ(Header(0).support, 11);
-  EXPECT_EQ(Shape(tree_.root), "0:11(1:1(2:1)),1:2(2:2)");
-  EXPECT_EQ(mining_counters().cut_items, 0u);
-}
-
+// a(5) -> b(4) -> c(2) with minimum count 2: a single path whose 7 subsets are
+// written depth first with the support of their deepest node.
 TEST_F(FpTree, ChainYieldsAllSubsetsWithTheirSupports) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(40.0, 5, kItems), 0);  // count 2
-  Build({{{0, 1, 2}}, {{0, 1, 2}}, {{0, 1}}, {{0, 1}}, {{0}}});
+  Build("40", 5, {{{0, 1, 2}}, {{0, 1, 2}}, {{0, 1}}, {{0, 1}}, {{0}}});
   EXPECT_EQ(Shape(tree_.root), "0:5(1:4(2:2))");
   EXPECT_EQ(Mine(5),
             (std::vector<std::string>{"0-0 5 100.000 0", "1-0 4 80.000 0 1", "2-0 2 40.000 0 1 2",
                                       "1-1 2 40.000 0 2", "0-1 4 80.000 1", "1-2 2 40.000 1 2",
                                       "0-2 2 40.000 2"}));
   EXPECT_EQ(mining_counters().single_paths, 1u);
-}
-
-TEST_F(FpTree, MaxSizeStopsTheSinglePathEnumeration) {
-  Options({"-M", "2"});
-  ASSERT_EQ(init_freq_tbl_with_minsup(40.0, 5, kItems), 0);
-  Build({{{0, 1, 2}}, {{0, 1, 2}}, {{0, 1}}, {{0, 1}}, {{0}}});
-  for (const std::string& line : Mine(5)) EXPECT_NE(line.substr(0, 2), "2-") << line;
-}
-
-TEST_F(FpTree, BranchingTreeMinesConditionalTrees) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(50.0, 4, kItems), 0);  // count 2
-  Build({{{1, 2, 3}}, {{1, 2}}, {{1, 3}}, {{2, 3}}});
-  std::vector<std::string> lines = Mine(4);
-  std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(lines,
-            (std::vector<std::string>{"0-0 3 75.000 3", "0-1 3 75.000 2", "0-2 3 75.000 1",
-                                      "1-0 2 50.000 2 3", "1-1 2 50.000 1 3", "1-2 2 50.000 1 2"}));
-  EXPECT_GT(mining_counters().conditional_trees, 0u);
-}
-
-TEST_F(FpTree, ItemBelowTheFloorIsNeverWrittenNorMined) {
-  ASSERT_EQ(init_freq_tbl_with_minsup(50.0, 4, kItems), 0);  // count 2
-  Build({{{1, 2}}, {{1, 2}}, {{1, 3}}, {{2, 4}}});
-  EXPECT_EQ(tree_.nheader, 2);
-  EXPECT_EQ(Mine(4),
-            (std::vector<std::string>{"0-0 3 75.000 2", "1-0 2 50.000 1 2", "0-1 3 75.000 1"}));
 }
 
 }  // namespace
