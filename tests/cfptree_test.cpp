@@ -157,4 +157,24 @@ TEST_F(FpTree, ChainYieldsAllSubsetsWithTheirSupports) {
   EXPECT_EQ(mining_counters().single_paths, 1u);
 }
 
+// Nodes with many children (here the root and item 0) find them through the
+// build's child index: repeated records still land on their existing child,
+// and new children still go to the end of the list.
+TEST_F(FpTree, WideNodesKeepCountsAndChildOrder) {
+  std::vector<Record> records;
+  for (uint32_t i = 1; i <= 30; ++i) records.push_back(Record{{0, i}});
+  records.push_back(Record{{0, 7}});
+  records.push_back(Record{{25, 0}});
+  for (uint32_t i = 31; i <= 45; ++i) records.push_back(Record{{i}});
+  records.push_back(Record{{40}});
+  Build("0", static_cast<uint32_t>(records.size()), records);
+  std::string below_zero;
+  for (uint32_t i = 1; i <= 30; ++i) {
+    below_zero += (i > 1 ? "," : "") + std::to_string(i) + (i == 7 || i == 25 ? ":2" : ":1");
+  }
+  std::string expected = "0:32(" + below_zero + ")";
+  for (uint32_t i = 31; i <= 45; ++i) expected += "," + std::to_string(i) + (i == 40 ? ":2" : ":1");
+  EXPECT_EQ(Shape(tree_.root), expected);
+}
+
 }  // namespace
