@@ -406,87 +406,111 @@ void drop_from_chain(HeaderEntry* h, FPNode* prev, FPNode* v) {
   v->count = 0;
 }
 
-// Node pruning of header entry `h` for a pattern of k items plus h: removes,
-// pass after pass, every leaf of h too shallow to reach the shortest valid
-// length of h's support, which each removal raises. Returns false when h's
-// support falls below `floor`.
-bool prune_leaves(HeaderEntry* h, uint32_t k, int32_t floor) {
-  uint32_t len = min_length_of_support(h->support);
-  // Every node is at depth 1 or more, so when k + 1 already reaches the
-  // shortest valid length no leaf qualifies: skip the walk of the chain.
-  if (static_cast<int64_t>(k) + 1 >= static_cast<int64_t>(len)) return true;
-  for (;;) {
-    const uint32_t len_before = len;
-    FPNode* gone = nullptr;  // the leaves removed in this pass
-    FPNode* prev = nullptr;
-    for (FPNode* v = h->head; v != nullptr;) {
-      FPNode* next = v->next_link;
-      if (v->first_child == nullptr &&
-          static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(len)) {
-        h->support -= v->count;
-        len = min_length_of_support(h->support);
-        drop_from_chain(h, prev, v);
-        v->next_link = gone;
-        gone = v;
-        ++g_counters.pruned_nodes;
-      } else {
-        prev = v;
-      }
-      v = next;
-    }
-    // Leaves of h are never parents of other nodes of h, so unlinking them
-    // after the pass decides exactly as unlinking each one at once, and a
-    // further pass can only find a leaf when this one raised the length.
-    unlink_removed(gone);
-    if (h->support < floor) return false;
-    if (gone == nullptr || len == len_before) return true;
-  }
-}
-
-// Fills `cdb` with one record per node of h deep enough to give a pattern of
-// `len` items: the node's ancestors below the root, least frequent first,
-// weighted by the node's count.
-int collect_conditional(const HeaderEntry* h, uint32_t k, uint32_t len, TranBuf* cdb) {
-  for (const FPNode* v = h->head; v != nullptr; v = v->next_link) {
-    if (v->depth <= 1 || static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(len)) continue;
-    uint32_t n = 0;
-    for (const FPNode* a = v->parent; a->parent != nullptr; a = a->parent) g_path[n++] = a->item;
-    if (insert_tran_to_trandb(cdb, g_path, n, static_cast<uint32_t>(v->count)) != 0) {
-      fprintf(stderr, "%s(%d) : insert_tran_to_trandb\n", kSrc, 740);
-      return -1;
-    }
+// Appends the record of node `v` to `cdb`: its ancestors below the root,
+// least frequent first, weighted by v's count. Returns 0, or -1 after a
+// diagnostic.
+int append_path(const FPNode* v, TranBuf* cdb) {
+  uint32_t n = 0;
+  for (const FPNode* a = v->parent; a->parent != nullptr; a = a->parent) g_path[n++] = a->item;
+  if (insert_tran_to_trandb(cdb, g_path, n, static_cast<uint32_t>(v->count)) != 0) {
+    fprintf(stderr, "%s(%d) : insert_tran_to_trandb\n", kSrc, 740);
+    return -1;
   }
   return 0;
 }
 
-// Builds the conditional tree of pattern `q` (k + 1 items, the last being h's)
-// and mines it. Returns 0, or -1 after a diagnostic.
-int mine_conditional(const HeaderEntry* h, const Pattern& q, uint32_t depth) {
-  const uint32_t k = q.length - 1;
-  const uint32_t len = min_length_of_support(h->support);
-  TranBuf cdb;
-  if (init_buf(&cdb, g_nitems) != 0) {
-    fprintf(stderr, "%s(%d) : init_buf\n", kSrc, 684);
-    return -1;
+// True when node v of a pattern of k items plus v's item is deep enough to
+// give a pattern of `len` items (nodes below the root alone give nothing).
+bool contributes(const FPNode* v, uint32_t k, uint32_t len) {
+  return v->depth > 1 && static_cast<int64_t>(v->depth) + k >= static_cast<int64_t>(len);
+}
+
+// Fills `cdb` with the record of every node of h that contributes under `len`.
+int collect_conditional(const HeaderEntry* h, uint32_t k, uint32_t len, TranBuf* cdb) {
+  for (const FPNode* v = h->head; v != nullptr; v = v->next_link) {
+    if (contributes(v, k, len) && append_path(v, cdb) != 0) return -1;
   }
-  if (collect_conditional(h, k, len, &cdb) != 0) return -1;
+  return 0;
+}
+
+// One pass of node pruning over h's chain: every leaf too shallow to reach
+// the shortest valid length `*len` goes, and each removal raises `*len`. When
+// `cdb` is not null, every node kept is offered to it under `collect_len`.
+// Returns false when a record cannot be appended.
+bool prune_pass(HeaderEntry* h, uint32_t k, uint32_t* len, TranBuf* cdb, uint32_t collect_len) {
+  FPNode* gone = nullptr;  // the leaves removed in this pass
+  FPNode* prev = nullptr;
+  for (FPNode* v = h->head; v != nullptr;) {
+    FPNode* next = v->next_link;
+    if (v->first_child == nullptr &&
+        static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(*len)) {
+      h->support -= v->count;
+      *len = min_length_of_support(h->support);
+      drop_from_chain(h, prev, v);
+      v->next_link = gone;
+      gone = v;
+      ++g_counters.pruned_nodes;
+    } else {
+      if (cdb != nullptr && contributes(v, k, collect_len) && append_path(v, cdb) != 0) return false;
+      prev = v;
+    }
+    v = next;
+  }
+  // Leaves of h are never parents of other nodes of h, so unlinking them
+  // after the pass decides exactly as unlinking each one at once.
+  unlink_removed(gone);
+  return true;
+}
+
+enum class Pruned { kBelowFloor, kCollected, kFailed };
+
+// Node pruning of h for a pattern of k items plus h, then h's conditional
+// database in `cdb` (made by init_buf). Passes repeat while one raised the
+// shortest valid length, since only that can make another leaf too shallow
+// (removing a leaf of h never makes another node of h a leaf). The first pass
+// also collects the records: when it leaves the length as it found it, those
+// are exactly the records of a separate walk after the pruning; otherwise
+// they are dropped and collected again.
+Pruned prune_and_collect(HeaderEntry* h, uint32_t k, int32_t floor, TranBuf* cdb) {
+  uint32_t len = min_length_of_support(h->support);
+  // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
+  if (static_cast<int64_t>(k) + 1 >= static_cast<int64_t>(len)) {
+    return collect_conditional(h, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
+  }
+  const uint32_t first_len = len;
+  if (!prune_pass(h, k, &len, cdb, first_len)) return Pruned::kFailed;
+  if (h->support < floor) return Pruned::kBelowFloor;
+  if (len == first_len) return Pruned::kCollected;
+  cdb->position = 0;
+  cdb->data[0] = 0;
+  for (uint32_t before = 0; len != before;) {
+    before = len;
+    prune_pass(h, k, &len, nullptr, 0);
+    if (h->support < floor) return Pruned::kBelowFloor;
+  }
+  return collect_conditional(h, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
+}
+
+// Builds the conditional tree of pattern `q` (k + 1 items, the last being h's)
+// from `cdb`, which it releases, and mines it. Returns 0, or -1 after a diagnostic.
+int mine_conditional(const Pattern& q, TranBuf* cdb, uint32_t depth) {
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
-  if (create_freqitemlist(&cdb, &nfreq, &list, g_nitems) != 0) {
+  if (create_freqitemlist(cdb, &nfreq, &list, g_nitems) != 0) {
     log_printf("%s(%u) Fatal error in create_freqitemlist()", kSrc, 755u);
     return -1;
   }
   if (nfreq <= 0) {
-    free_buf(&cdb);
+    free_buf(cdb);
     return 0;
   }
-  cur_pattern_length = k + 1;
+  cur_pattern_length = q.length;
   FPTree tree = {};
-  if (create_fptree(&cdb, nfreq, list, &tree, g_nitems) != 0) {
+  if (create_fptree(cdb, nfreq, list, &tree, g_nitems) != 0) {
     fprintf(stderr, "%s(%d) : create_fptree\n", kSrc, 773);
     return -1;
   }
-  free_buf(&cdb);
+  free_buf(cdb);
   ++g_counters.conditional_trees;
   if (gen_freqpattern(&tree, q, depth + 1) != 0) {
     fprintf(stderr, "%s(%d) : gen_freqpattern\n", kSrc, 810);
@@ -548,9 +572,19 @@ int gen_freqpattern(FPTree* tree, const Pattern& p, uint32_t depth) {
     q.items[k] = h->item;
     q.support = h->support;
     if (at_least(q.support, need)) write_freqpattern(q);
-    if (!prune_leaves(h, k, floor)) continue;
+    TranBuf cdb;
+    if (init_buf(&cdb, g_nitems) != 0) {
+      fprintf(stderr, "%s(%d) : init_buf\n", kSrc, 684);
+      return -1;
+    }
+    const Pruned pruned = prune_and_collect(h, k, floor, &cdb);
+    if (pruned == Pruned::kFailed) return -1;
+    if (pruned == Pruned::kBelowFloor) {
+      free_buf(&cdb);
+      continue;
+    }
     q.support = h->support;
-    if (mine_conditional(h, q, depth) != 0) return -1;
+    if (mine_conditional(q, &cdb, depth) != 0) return -1;
   }
   free_fptree(tree);
   return 0;
