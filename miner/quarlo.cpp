@@ -173,6 +173,7 @@ bool read_whole_file(const char* file, std::string* text) {
 
 std::vector<LineRef> split_lines(const std::string& text) {
   std::vector<LineRef> lines;
+  lines.reserve(static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
   size_t begin = 0;
   while (begin < text.size()) {
     size_t end = text.find('\n', begin);
@@ -183,47 +184,52 @@ std::vector<LineRef> split_lines(const std::string& text) {
   return lines;
 }
 
-// Orders the lines by key, keeping file order within a key; lines without a
-// key come last. A counting sort over the keys when they are small (pattern
-// lengths always are), a stable sort otherwise.
-std::vector<LineRef> group_by_key(const std::vector<LineRef>& lines) {
+// The line indexes ordered by key, file order kept within a key; lines
+// without a key come last. A counting sort over the keys when they are small
+// (pattern lengths always are), a stable sort otherwise.
+std::vector<uint32_t> group_by_key(const std::vector<LineRef>& lines) {
   const uint64_t kMaxDirectKey = uint64_t{1} << 20;
   uint64_t max_key = 0;
   for (const LineRef& l : lines) {
     if (l.key != kNoKey) max_key = std::max(max_key, l.key);
   }
-  std::vector<LineRef> sorted(lines);
+  std::vector<uint32_t> order(lines.size());
   if (max_key >= kMaxDirectKey) {
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const LineRef& a, const LineRef& b) { return a.key < b.key; });
-    return sorted;
+    for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&lines](uint32_t a, uint32_t b) { return lines[a].key < lines[b].key; });
+    return order;
   }
   // start[k] = first output index of key k; slot max_key + 1 holds the lines without a key.
+  auto slot = [max_key](uint64_t key) { return key == kNoKey ? max_key + 1 : key; };
   std::vector<size_t> start(max_key + 3, 0);
-  for (const LineRef& l : lines) ++start[(l.key == kNoKey ? max_key + 1 : l.key) + 1];
+  for (const LineRef& l : lines) ++start[slot(l.key) + 1];
   for (size_t k = 1; k < start.size(); ++k) start[k] += start[k - 1];
-  for (const LineRef& l : lines) sorted[start[l.key == kNoKey ? max_key + 1 : l.key]++] = l;
-  return sorted;
+  for (uint32_t i = 0; i < lines.size(); ++i) order[start[slot(lines[i].key)]++] = i;
+  return order;
 }
 
-void write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines) {
+void write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines,
+                 const std::vector<uint32_t>& order) {
   int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
   if (fd < 0) return;
   OutBuffer out(fd);
-  for (const LineRef& l : lines) {
-    out.put(text.data() + l.begin, l.len);
+  for (uint32_t i : order) {
+    out.put(text.data() + lines[i].begin, lines[i].len);
     out.put_char('\n');
   }
   out.flush();
   close(fd);
 }
 
-void report_length_counts(const std::vector<LineRef>& lines, const char* format) {
+void report_length_counts(const std::vector<LineRef>& lines, const std::vector<uint32_t>& order,
+                          const char* format) {
   size_t i = 0;
-  while (i < lines.size() && lines[i].key != kNoKey) {
+  while (i < order.size() && lines[order[i]].key != kNoKey) {
+    const uint64_t key = lines[order[i]].key;
     size_t j = i;
-    while (j < lines.size() && lines[j].key == lines[i].key) ++j;
-    log_printf(format, static_cast<unsigned>(lines[i].key + 1), static_cast<unsigned>(j - i));
+    while (j < order.size() && lines[order[j]].key == key) ++j;
+    log_printf(format, static_cast<unsigned>(key + 1), static_cast<unsigned>(j - i));
     i = j;
   }
 }
@@ -248,7 +254,8 @@ int run_pipeline() {
 void sort_by_length(const char* file, const char* format) {
   std::string text;
   if (!read_whole_file(file, &text)) text.clear();
-  const std::vector<LineRef> lines = group_by_key(split_lines(text));
-  write_lines(file, text, lines);
-  if (format != nullptr) report_length_counts(lines, format);
+  const std::vector<LineRef> lines = split_lines(text);
+  const std::vector<uint32_t> order = group_by_key(lines);
+  write_lines(file, text, lines, order);
+  if (format != nullptr) report_length_counts(lines, order, format);
 }
