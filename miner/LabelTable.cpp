@@ -34,34 +34,6 @@ uint64_t text_hash(std::string_view s) {
   return h ^ (h >> 29);
 }
 
-// Calls f(token) for every white-space-separated token of `line`; a NUL byte
-// is an ordinary token byte.
-template <typename F>
-void for_each_token(std::string_view line, F f) {
-  const char* p = line.data();
-  const char* const end = p + line.size();
-  for (;;) {
-    while (p < end && is_white_space(*p)) ++p;
-    if (p == end) return;
-    const char* token = p;
-    while (p < end && !is_white_space(*p)) ++p;
-    f(std::string_view(token, p - token));
-  }
-}
-
-// Reads an unsigned decimal of one or more digits that fits in 32 bits.
-bool read_decimal(std::string_view text, uint32_t* value) {
-  if (text.empty() || text.size() > 10) return false;
-  uint64_t v = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + static_cast<uint64_t>(c - '0');
-  }
-  if (v > 4294967295u) return false;
-  *value = static_cast<uint32_t>(v);
-  return true;
-}
-
 // Opens `input` for reading and creates or truncates `output` (mode 0664
 // before the umask); both are attempted. False, with neither left open, when
 // either fails.
@@ -91,7 +63,7 @@ bool LabelTable::is_number(std::string_view text) {
 // A number token whose value does not fit in 32 bits is kept as a label, so
 // that it is never confused with a smaller number and comes back unchanged.
 bool LabelTable::number_value(std::string_view text, uint32_t* value) {
-  return is_number(text) && read_decimal(text, value);
+  return is_number(text) && read_number(text, value);
 }
 
 void LabelTable::register_token(std::string_view text) {
@@ -108,11 +80,10 @@ void LabelTable::load_labels(const char* name) {
   if (fd >= 0) {
     LineReader reader(fd);
     std::string_view line;
-    bool terminated = false;
-    while (reader.next(&line, &terminated)) {
-      for_each_token(line, [this](std::string_view token) {
-        if (!is_reserved(token)) register_token(token);
-      });
+    while (reader.next(&line)) {
+      for (std::string_view t = next_token(&line); !t.empty(); t = next_token(&line)) {
+        if (!is_reserved(t)) register_token(t);
+      }
     }
     close(fd);
   }
@@ -203,16 +174,15 @@ unsigned LabelTable::convert(const char* input, const char* output) {
     LineReader reader(in);
     OutBuffer out(out_fd);
     std::string_view line;
-    bool terminated = false;
-    while (reader.next(&line, &terminated)) {
-      for_each_token(line, [this, &out](std::string_view token) {
-        if (is_reserved(token)) {
-          out.put(token.data(), token.size());
+    while (reader.next(&line)) {
+      for (std::string_view t = next_token(&line); !t.empty(); t = next_token(&line)) {
+        if (is_reserved(t)) {
+          out.put(t.data(), t.size());
         } else {
-          out.put_decimal(item_number_of(token));
+          out.put_decimal(item_number_of(t));
         }
         out.put_char(' ');
-      });
+      }
       out.put_char('\n');
     }
     out.flush();
@@ -231,22 +201,20 @@ unsigned LabelTable::r_convert(const char* input, const char* output, unsigned s
     LineReader reader(in);
     OutBuffer out(out_fd);
     std::string_view line;
-    bool terminated = false;
-    while (ok && reader.next(&line, &terminated)) {
+    while (ok && reader.next(&line)) {
       unsigned index = 0;
-      for_each_token(line, [&](std::string_view token) {
+      for (std::string_view t = next_token(&line); ok && !t.empty(); t = next_token(&line)) {
         uint32_t n = 0;
-        if (!ok) return;
-        if (index++ < skip || is_reserved(token)) {
-          out.put(token.data(), token.size());
-        } else if (read_decimal(token, &n) && n < label_list_.size()) {
+        if (index++ < skip || is_reserved(t)) {
+          out.put(t.data(), t.size());
+        } else if (read_number(t, &n) && n < label_list_.size()) {
           out.put(label_list_[n].data(), label_list_[n].size());
         } else {
           ok = false;
-          return;
+          break;
         }
         out.put_char(' ');
-      });
+      }
       if (ok) out.put_char('\n');
     }
     out.flush();
