@@ -158,7 +158,9 @@ int load_trandb(const char* path, TranBuf* buf) {
 int insert_tran_to_trandb(TranBuf* buf, const uint32_t* items, uint32_t n, uint32_t w) {
   if (w == 0) return 0;
   const uint32_t head_words = (w == 1) ? 1 : 2;
-  if (buf->position + 4 * n + 4 * head_words >= buf->capacity) {
+  const uint64_t bytes = 4 * (uint64_t{n} + head_words);
+  // One step per append as a rule; a record longer than a step takes more.
+  while (buf->position + bytes >= buf->capacity) {
     if (grow(buf, w == 1 ? 247 : 274) != 0) return -1;
   }
   int32_t* out = buf->data + buf->position / 4;

@@ -110,4 +110,18 @@ TEST(TranPool, FullBufferGrowsAndReturnedBlocksAreLentAgain) {
   free_buf(&b);
 }
 
+// A record longer than one growth step (a conditional path of a very long
+// transaction) makes the buffer grow as often as it needs to hold it.
+TEST_F(TranStore, RecordLongerThanOneGrowthStepIsStoredWhole) {
+  Items items(3 * kTranBlockBytes / 4, 0);
+  for (uint32_t i = 0; i < items.size(); ++i) items[i] = i;
+  ASSERT_EQ(init_buf_pool(static_cast<uint32_t>(items.size())), 0);
+  fill(&buf_, {{{1}, 1}, {items, 2}});
+  EXPECT_EQ(buf_.capacity, 4 * kTranBlockBytes);
+  buf_.position = 0;
+  EXPECT_EQ(Read(), std::make_pair(Items{1}, 1));
+  EXPECT_EQ(Read(), std::make_pair(items, 2));
+  EXPECT_EQ(Read(), std::make_pair(Items{}, 0));
+}
+
 }  // namespace
