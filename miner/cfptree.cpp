@@ -375,27 +375,17 @@ bool at_least(int32_t support, uint32_t need) {
   return static_cast<int64_t>(support) >= static_cast<int64_t>(need);
 }
 
-// Takes every node of the list `removed` (linked by next_link, counts set to
-// 0) out of its parent's child list, one sweep per parent; the other children
-// keep their order. A swept node gets count -1 so that its parent is swept once.
+// Takes every node of the list `removed` (linked by next_link) out of its
+// parent's child list; the other children keep their order.
 void unlink_removed(FPNode* removed) {
   for (FPNode* v = removed; v != nullptr; v = v->next_link) {
-    if (v->count != 0) continue;
     FPNode** at = &v->parent->first_child;
-    while (*at != nullptr) {
-      FPNode* c = *at;
-      if (c->count == 0) {
-        *at = c->next_sibling;
-        c->count = -1;
-      } else {
-        at = &c->next_sibling;
-      }
-    }
+    while (*at != v) at = &(*at)->next_sibling;
+    *at = v->next_sibling;
   }
 }
 
-// Takes `v` (behind `prev`, or the head) out of h's chain and marks it as
-// removed by count 0.
+// Takes `v` (behind `prev`, or the head) out of h's chain.
 void drop_from_chain(HeaderEntry* h, FPNode* prev, FPNode* v) {
   if (prev == nullptr) {
     h->head = v->next_link;
@@ -403,7 +393,6 @@ void drop_from_chain(HeaderEntry* h, FPNode* prev, FPNode* v) {
     prev->next_link = v->next_link;
   }
   if (h->tail == v) h->tail = prev;
-  v->count = 0;
 }
 
 // Appends the record of node `v` to `cdb`: its ancestors below the root,
