@@ -163,10 +163,16 @@ bool read_whole_file(const char* file, std::string* text) {
   int fd = open(file, O_RDONLY);
   if (fd < 0) return false;
   struct stat st;
-  if (fstat(fd, &st) == 0 && st.st_size > 0) text->reserve(static_cast<size_t>(st.st_size));
-  char chunk[1 << 16];
-  ssize_t n;
-  while ((n = read(fd, chunk, sizeof chunk)) > 0) text->append(chunk, static_cast<size_t>(n));
+  const size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  text->resize(size);  // read straight into the text
+  size_t filled = 0;
+  ssize_t n = 1;
+  while (filled < size && (n = read(fd, text->data() + filled, size - filled)) > 0) {
+    filled += static_cast<size_t>(n);
+  }
+  text->resize(filled);
+  char chunk[1 << 16];  // whatever a growing file has beyond its size at open
+  while (n > 0 && (n = read(fd, chunk, sizeof chunk)) > 0) text->append(chunk, static_cast<size_t>(n));
   close(fd);
   return true;
 }

@@ -92,7 +92,8 @@ void LineReader::fill() {
 
 OutBuffer::OutBuffer(int fd) : fd_(fd), buf_(new char[kSize]) {}
 
-void OutBuffer::put(const void* bytes, size_t n) {
+// Fills the buffer, flushes, and goes on until the bytes are all taken.
+void OutBuffer::put_spanning(const void* bytes, size_t n) {
   const char* p = static_cast<const char*>(bytes);
   while (n > 0) {
     if (used_ == kSize) flush();

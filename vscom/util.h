@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -52,7 +53,14 @@ class LineReader {
 class OutBuffer {
  public:
   explicit OutBuffer(int fd);
-  void put(const void* bytes, size_t n);
+  void put(const void* bytes, size_t n) {
+    if (n <= kSize - used_) {  // the usual case: a token that fits
+      memcpy(buf_.get() + used_, bytes, n);
+      used_ += n;
+    } else {
+      put_spanning(bytes, n);
+    }
+  }
   void put_char(char c) {
     if (used_ == kSize) flush();
     buf_[used_++] = c;
@@ -65,6 +73,8 @@ class OutBuffer {
   int error() const { return error_; }  // errno of the failed write
 
  private:
+  void put_spanning(const void* bytes, size_t n);
+
   static constexpr size_t kSize = size_t{1} << 20;
   int fd_;
   std::unique_ptr<char[]> buf_;
