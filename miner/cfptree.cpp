@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "log.h"
 #include "np2.h"
@@ -49,6 +50,24 @@ bool g_index_ok = false;  // false when growing failed: this build walks lists
 uint32_t* g_path = nullptr;
 uint32_t g_nitems = 0;
 uint32_t g_max_size = 0xffffffffu;
+
+// Scratch of the insertion ordering: records per length, and the ordered refs.
+std::vector<uint32_t> g_length_start;
+std::vector<TranRef> g_ordered_refs;
+
+// Orders tran_refs[0, n) longest record first, records of equal length in
+// database order. reduce_records lists them in database order, so a stable
+// counting sort by length gives exactly that order in linear time.
+void order_insertions(uint32_t n, uint32_t max_length) {
+  g_length_start.assign(max_length + 2, 0);
+  for (uint32_t r = 0; r < n; ++r) ++g_length_start[max_length - tran_refs[r].count + 1];
+  for (uint32_t k = 1; k < g_length_start.size(); ++k) g_length_start[k] += g_length_start[k - 1];
+  if (g_ordered_refs.size() < n) g_ordered_refs.resize(n);
+  for (uint32_t r = 0; r < n; ++r) {
+    g_ordered_refs[g_length_start[max_length - tran_refs[r].count]++] = tran_refs[r];
+  }
+  std::copy(g_ordered_refs.begin(), g_ordered_refs.begin() + n, tran_refs);
+}
 
 bool ensure_rank(uint32_t nitems) {
   if (g_rank != nullptr && nitems <= g_rank_capacity) return true;
@@ -331,10 +350,7 @@ int create_fptree(TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tre
     item_min_length[h.item] = min_length_of_support(h.support);
     item_cur_support[h.item] = h.support;
   }
-  // Longer records first; records of equal length in database order.
-  std::sort(tran_refs, tran_refs + nrefs, [](const TranRef& a, const TranRef& b) {
-    return a.count != b.count ? a.count > b.count : a.offset < b.offset;
-  });
+  order_insertions(nrefs, static_cast<uint32_t>(nfreq));
   CurTran* tran = nullptr;
   for (uint32_t r = 0; r < nrefs; ++r) {
     const int32_t w = read_tran_at(db, &tran, tran_refs[r].offset);

@@ -2,8 +2,8 @@
 // it: trees are built with path pruning by the length-decreasing support,
 // mined with node pruning, conditional trees and a single-path shortcut, and
 // every frequent pattern goes to the pattern writer. Owns the process-wide
-// item-rank index and the child index used while a tree is built, the
-// pattern scratch of the recursion and the mining counters.
+// item-rank index, the child index and the insertion-order scratch used while
+// a tree is built, the pattern scratch of the recursion and the mining counters.
 #ifndef QUARLO_MINER_CFPTREE_H_
 #define QUARLO_MINER_CFPTREE_H_
 
