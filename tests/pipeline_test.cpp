@@ -2,6 +2,10 @@
 // closing report lines and files left behind of every run that can be
 // provoked from outside, the parent-children list and maximal pruning, and
 // the groceries example against checked-in results and a direct enumeration.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -16,6 +20,7 @@
 namespace {
 
 using quarlo_test::copy_file;
+using quarlo_test::file_exists;
 using quarlo_test::data_path;
 using quarlo_test::golden_path;
 using quarlo_test::list_dir;
@@ -235,6 +240,37 @@ RunResult run_on(const TempDir& run, const std::string& input, const std::string
   args.insert(args.end(), options.begin(), options.end());
   args.push_back("in.txt");
   return run_quarlo(run.path(), args);
+}
+
+// A console that stops reading (quarlo ... | head) must not end the run: with
+// standard output on a pipe whose reader is gone, the run still finishes with
+// status 0, writes FILE.fp, removes its intermediate files and logs the whole
+// report.
+TEST(Pipeline, RunFinishesWhenStandardOutputIsABrokenPipe) {
+  TempDir dir;
+  copy_file(example_path("groceries.txt"), dir.join("g.txt"));
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[0]);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    int null_fd = open("/dev/null", O_WRONLY);
+    dup2(null_fd, STDERR_FILENO);
+    if (chdir(dir.path().c_str()) != 0) _exit(126);
+    execl(QUARLO_BINARY, "quarlo", "-s", "20", "g.txt", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(fds[1]);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(file_exists(dir.join("g.txt.fp")));
+  EXPECT_FALSE(file_exists(dir.join("g.txt.conv")));
+  EXPECT_FALSE(file_exists(dir.join("g.txt.fp_conv")));
+  EXPECT_NE(read_file(dir.join("quarlo.log")).find("Timing Information"), std::string::npos);
 }
 
 // ---------------------------------------------------------------------------
