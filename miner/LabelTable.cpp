@@ -170,6 +170,7 @@ unsigned LabelTable::convert(const char* input, const char* output) {
   int in = -1;
   int out_fd = -1;
   if (!open_pair(input, output, &in, &out_fd)) return 1;
+  bool written = false;
   {
     LineReader reader(in);
     OutBuffer out(out_fd);
@@ -185,11 +186,11 @@ unsigned LabelTable::convert(const char* input, const char* output) {
       }
       out.put_char('\n');
     }
-    out.flush();
+    written = out.flush() == 0;
   }
   close(in);
   close(out_fd);
-  return 0;
+  return written ? 0 : 1;
 }
 
 unsigned LabelTable::r_convert(const char* input, const char* output, unsigned skip) const {
@@ -217,7 +218,7 @@ unsigned LabelTable::r_convert(const char* input, const char* output, unsigned s
       }
       if (ok) out.put_char('\n');
     }
-    out.flush();
+    if (out.flush() != 0) ok = false;
   }
   close(in);
   close(out_fd);

@@ -43,7 +43,7 @@ class LabelTable {
   // Writes `output` (mode 0664 before the umask) with every token of `input`
   // replaced by its item number (reserved tokens kept), each token followed by
   // one blank, one line per input line. Returns 0, or 1 when either file
-  // cannot be opened. Writes no message.
+  // cannot be opened or a write fails. Writes no message.
   unsigned convert(const char* input, const char* output);
 
   // Item number of a non-reserved token; an unknown token is added with 0.
@@ -57,8 +57,8 @@ class LabelTable {
   // Writes `output` (mode 0664) from the pattern file `input`: the first
   // `skip` tokens of a line and reserved tokens unchanged, every other token
   // read as an item number and replaced by its label; one blank after every
-  // token. Returns 0, or 1 when a file cannot be opened or an item token is
-  // not an unsigned decimal below the number of labels.
+  // token. Returns 0, or 1 when a file cannot be opened, a write fails, or an
+  // item token is not an unsigned decimal below the number of labels.
   unsigned r_convert(const char* input, const char* output, unsigned skip) const;
 
  private:

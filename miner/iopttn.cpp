@@ -1,6 +1,7 @@
 #include "iopttn.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,7 @@ constexpr size_t kSlack = 64;
 FILE* g_out = nullptr;
 char* g_buf = nullptr;
 size_t g_used = 0;
+int g_write_errno = 0;  // errno of the first failed write since the open, or 0
 uint32_t g_ntrans = 0;
 uint32_t g_min_size = 1;
 uint32_t g_max_size = 0xffffffffu;
@@ -37,7 +39,9 @@ constexpr size_t kPctSlot = 8;
 char* g_pct = nullptr;
 
 void flush_out() {
-  if (g_used > 0) fwrite(g_buf, 1, g_used, g_out);
+  if (g_used > 0 && fwrite(g_buf, 1, g_used, g_out) != g_used && g_write_errno == 0) {
+    g_write_errno = errno != 0 ? errno : EIO;
+  }
   g_used = 0;
 }
 
@@ -93,6 +97,7 @@ int open_pattern_file(const char* path, uint32_t ntrans, uint32_t nitems) {
     log_perror("%s(%u) fopen(%s)", kSrc, 26u, path);
     return -1;
   }
+  g_write_errno = 0;
   free(g_per_length);
   free(g_scratch);
   free(g_pct);
@@ -147,7 +152,12 @@ int close_pattern_file() {
   flush_out();
   FILE* f = g_out;
   g_out = nullptr;
-  if (f == nullptr || fclose(f) != 0) {
+  // A write that failed on the way (a full disk) fails the close as well, so a
+  // truncated pattern file never passes for a complete one.
+  const int write_errno = g_write_errno;
+  g_write_errno = 0;
+  if (f == nullptr || fclose(f) != 0 || write_errno != 0) {
+    if (write_errno != 0) errno = write_errno;
     log_perror("%s(%u) fclose() failed", kSrc, 47u);
     return -1;
   }

@@ -25,7 +25,8 @@ int open_pattern_file(const char* path, uint32_t ntrans, uint32_t nitems);
 // (as read at open); otherwise does nothing.
 void write_freqpattern(const Pattern& p);
 
-// Flushes and closes the file. Returns 0, or -1 after a report.
+// Flushes and closes the file. Returns 0, or -1 after a report when closing
+// fails or any write since the open failed (a full disk).
 int close_pattern_file();
 
 // Number of pattern lines written since the process started.

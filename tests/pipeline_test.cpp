@@ -273,6 +273,30 @@ TEST(Pipeline, RunFinishesWhenStandardOutputIsABrokenPipe) {
   EXPECT_NE(read_file(dir.join("quarlo.log")).find("Timing Information"), std::string::npos);
 }
 
+// A full disk must not pass for success: with one output file at a time
+// pointing at /dev/full, the stage writing it fails the run with status 2
+// and the stage's message, instead of leaving a truncated file behind.
+TEST(Pipeline, WriteFailuresOfTheOutputFilesEndWithStatus2) {
+  const struct {
+    const char* file;     // made a link to /dev/full
+    const char* message;  // last line of the report
+  } cases[] = {
+      {"g.txt.conv", R"(quarlo\(\d+\) Fatal error in r_convert\(g\.txt\.fp_conv, g\.txt\.fp\))"},
+      {"g.txt.fp_conv", R"(quarlo\(\d+\) Failed to find frequent patterns)"},
+      {"g.txt.fp", R"(quarlo\(\d+\) Fatal error in r_convert\(g\.txt\.fp_conv, g\.txt\.fp\))"},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    copy_file(example_path("groceries.txt"), dir.join("g.txt"));
+    ASSERT_EQ(symlink("/dev/full", dir.join(c.file).c_str()), 0);
+    RunResult r = run_quarlo(dir.path(), {"-s", "20", "g.txt"});
+    EXPECT_EQ(r.status, 2) << c.file << "\n" << r.out;
+    const Names lines = split_lines(r.out);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_TRUE(matches_regex(lines.back(), c.message)) << c.file << ": " << lines.back();
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Parent-children list and maximal pruning
 
