@@ -21,6 +21,7 @@ const char kSrc[] = "../vscom/lattice";
 // Source lines quoted in the reports, fixed so that the logs of every build agree.
 constexpr unsigned kLineOpenPatterns = 37;
 constexpr unsigned kLineOpenPc = 41;
+constexpr unsigned kLineWritePc = 45;
 // Leading text fields of a pattern line: id, support count, support percentage.
 constexpr uint32_t kPatternFields = 3;
 constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
@@ -33,10 +34,26 @@ struct LatticeFiles {
   FILE* pc = nullptr;
 };
 
-void close_files(LatticeFiles* files) {
+// Closes both files; false when the PC list could not be written whole.
+bool close_files(LatticeFiles* files) {
+  bool written = true;
   if (files->patterns != nullptr) fclose(files->patterns);
-  if (files->pc != nullptr) fclose(files->pc);
+  if (files->pc != nullptr) {
+    written = ferror(files->pc) == 0;
+    written = fclose(files->pc) == 0 && written;
+  }
   *files = LatticeFiles{};
+  return written;
+}
+
+// Closes both files after a search that ended with `result`; a PC list that
+// could not be written whole (a full disk) turns success into failure.
+int finish(LatticeFiles* files, const char* pc_file, int result) {
+  if (!close_files(files) && result == 0) {
+    log_printf("%s(%u) Failed to write %s", kSrc, kLineWritePc, pc_file);
+    return 1;
+  }
+  return result;
 }
 
 // Opens both files, reporting each that fails. Returns 0, or 1 with both closed.
@@ -584,14 +601,11 @@ int generate_lattice(const char* pattern_file, const char* pc_file) {
     rewind(files.patterns);
     result = lattice_by_scan(files.patterns, files.pc);
   }
-  close_files(&files);
-  return result;
+  return finish(&files, pc_file, result);
 }
 
 int generate_lattice_by_scan(const char* pattern_file, const char* pc_file) {
   LatticeFiles files;
   if (open_files(pattern_file, pc_file, &files) != 0) return 1;
-  const int result = lattice_by_scan(files.patterns, files.pc);
-  close_files(&files);
-  return result;
+  return finish(&files, pc_file, lattice_by_scan(files.patterns, files.pc));
 }
