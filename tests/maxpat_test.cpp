@@ -101,6 +101,19 @@ TEST_F(MaxPat, FailedRenameIsReportedAndLeavesTheTemporaryFile) {
   EXPECT_TRUE(file_exists(target + ".tmp"));
 }
 
+TEST_F(MaxPat, TemporaryFileThatCannotBeWrittenLeavesTheRecordsAlone) {
+  // A full disk while the temporary file is written: no record may be lost.
+  const std::string target = path("records");
+  write_file(target, "0-0 3 30.000 1\n1-0 2 20.000 1 2\n");
+  ASSERT_EQ(symlink("/dev/full", (target + ".tmp").c_str()), 0);
+  StdoutCapture capture;
+  EXPECT_EQ(remove_unmaximal_records(target.c_str()), 2u);
+  EXPECT_EQ(capture.release(), "../vscom/maxpat(96) Failed to write " + target +
+                                   ".tmp\n../vscom/maxpat(95) Failed to remove unmaximal "
+                                   "records from " + target + "\n");
+  EXPECT_EQ(read_file(target), "0-0 3 30.000 1\n1-0 2 20.000 1 2\n");
+}
+
 TEST(MaxPatSet, IdSetKeepsEveryIdThroughGrowth) {
   IdSet set;
   auto id = [](uint32_t len, uint32_t n) { return std::to_string(len) + "-" + std::to_string(n); };

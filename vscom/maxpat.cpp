@@ -23,6 +23,7 @@ const char kSrc[] = "../vscom/maxpat";
 constexpr unsigned kLineNew = 19;
 constexpr unsigned kLineRename = 94;
 constexpr unsigned kLineRemove = 95;
+constexpr unsigned kLineWriteTmp = 96;
 
 // FNV-1a over the bytes, then a final mix so that both the low bits (slot
 // index) and the high bits (tag) depend on every byte.
@@ -181,7 +182,11 @@ void load_unmaximal_ids(const char* pc_file) {
   if (in >= 0) close(in);
 }
 
-uint32_t copy_maximal_records(const char* file) {
+namespace {
+
+// copy_maximal_records, telling through *written whether the temporary file,
+// when it could be created, was written whole.
+uint32_t copy_records(const char* file, bool* written) {
   const std::string tmp = std::string(file) + ".tmp";
   const int in = open(file, O_RDONLY);
   FILE* out = create_text_file(tmp.c_str());
@@ -199,14 +204,29 @@ uint32_t copy_maximal_records(const char* file) {
     ++kept;
   }
   if (in >= 0) close(in);
-  if (out != nullptr) fclose(out);
+  *written = true;
+  if (out != nullptr) {
+    *written = ferror(out) == 0;
+    *written = fclose(out) == 0 && *written;
+  }
   return kept;
+}
+
+}  // namespace
+
+uint32_t copy_maximal_records(const char* file) {
+  bool written = false;
+  return copy_records(file, &written);
 }
 
 uint32_t remove_unmaximal_records(const char* file) {
   const std::string tmp = std::string(file) + ".tmp";
-  const uint32_t kept = copy_maximal_records(file);
-  if (rename(tmp.c_str(), file) != 0) {
+  bool written = false;
+  const uint32_t kept = copy_records(file, &written);
+  if (!written) {  // a full disk: keep every record rather than lose some
+    log_printf("%s(%u) Failed to write %s", kSrc, kLineWriteTmp, tmp.c_str());
+    log_printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+  } else if (rename(tmp.c_str(), file) != 0) {
     log_perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
     log_printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
   }

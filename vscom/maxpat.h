@@ -61,8 +61,8 @@ void load_unmaximal_ids(const char* pc_file);
 
 // Writes the records of `file` whose first token is not in the set to
 // "file.tmp" (see copy_maximal_records), then renames it over `file`; a failed
-// rename is reported and leaves both files as they were. Returns the number of
-// records kept, also when the rename failed.
+// rename, or a temporary file that could not be written whole, is reported and
+// leaves `file` as it was. Returns the number of records kept, also then.
 uint32_t remove_unmaximal_records(const char* file);
 
 // Copies `file` to "file.tmp" (mode 0664 before the umask) without the records
