@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -130,7 +131,7 @@ int run_stages(LabelTable* labels) {
   remove_file(get_qr_file(), __LINE__);
   status = post_process(&t);
   if (status != kStatusOk) return status;
-  sort_by_length(get_fp_conv_file(), kLengthCountFormat);
+  if (!sort_by_length(get_fp_conv_file(), kLengthCountFormat)) return kStatusConvert;
   if (labels->r_convert(get_fp_conv_file(), get_fp_file(), 3) != 0) {
     report_conversion_failure(__LINE__);
     return kStatusConvert;
@@ -215,17 +216,22 @@ std::vector<uint32_t> group_by_key(const std::vector<LineRef>& lines) {
   return order;
 }
 
-void write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines,
+// Rewrites `file` with the lines in `order`. False, with errno set, when the
+// file was truncated but could not be written whole; a file that cannot be
+// opened is left as it was.
+bool write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines,
                  const std::vector<uint32_t>& order) {
   int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
-  if (fd < 0) return;
+  if (fd < 0) return true;
   OutBuffer out(fd);
   for (uint32_t i : order) {
     out.put(text.data() + lines[i].begin, lines[i].len);
     out.put_char('\n');
   }
-  out.flush();
+  const bool written = out.flush() == 0;
   close(fd);
+  if (!written) errno = out.error();
+  return written;
 }
 
 void report_length_counts(const std::vector<LineRef>& lines, const std::vector<uint32_t>& order,
@@ -257,11 +263,15 @@ int run_pipeline() {
   return run_stages(&labels);
 }
 
-void sort_by_length(const char* file, const char* format) {
+bool sort_by_length(const char* file, const char* format) {
   std::string text;
   if (!read_whole_file(file, &text)) text.clear();
   const std::vector<LineRef> lines = split_lines(text);
   const std::vector<uint32_t> order = group_by_key(lines);
-  write_lines(file, text, lines, order);
+  if (!write_lines(file, text, lines, order)) {
+    log_perror("%s(%u) Failed to write %s", kSrc, __LINE__, file);
+    return false;
+  }
   if (format != nullptr) report_length_counts(lines, order, format);
+  return true;
 }

@@ -1,10 +1,12 @@
 // Unit tests of sort_by_length: regrouping a numbered pattern file by the
 // length in its pattern ids, and the per-length count lines. The log is never
 // opened in this process, so the count lines reach standard output only.
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <initializer_list>
+#include <csignal>
 #include <string>
 #include <utility>
 
@@ -14,6 +16,7 @@
 namespace {
 
 using quarlo_test::read_file;
+using quarlo_test::run_forked;
 
 const char kFormat[] = "  Number of Frequent Patterns[Length%5u]      %u";
 
@@ -96,6 +99,26 @@ TEST_F(SortByLength, MissingFileGivesAnEmptyFileUnreadableOneNothing) {
   ASSERT_EQ(unlink(file().c_str()), 0);
   ASSERT_EQ(mkdir(file().c_str(), 0755), 0);
   EXPECT_EQ(sort_existing(), "");
+}
+
+TEST_F(SortByLength, RewriteThatCannotBeWrittenWholeIsReported) {
+  // A file-size limit below the file's size stands in for a full disk (it
+  // caps the captured report as well, hence 4 KiB against 16 KiB of lines).
+  std::string lines;
+  for (int i = 0; i < 1000; ++i) lines += "1-" + std::to_string(i) + " 4 40.0 2 5\n";
+  quarlo_test::write_file(file(), lines);
+  const std::string name = file();
+  quarlo_test::RunResult r = run_forked([&name] {
+    signal(SIGXFSZ, SIG_IGN);
+    const struct rlimit limit = {4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return sort_by_length(name.c_str(), kFormat) ? 0 : 3;
+  });
+  EXPECT_EQ(r.status, 3);
+  EXPECT_TRUE(quarlo_test::matches_regex(
+      r.out, "quarlo\\(\\d+\\) Failed to write " + quarlo_test::regex_escape(name) +
+                 ": File too large\n"))
+      << r.out;
 }
 
 }  // namespace
