@@ -44,10 +44,6 @@ void write_line(FILE* out, std::string_view line) {
   fputc('\n', out);
 }
 
-}  // namespace
-
-namespace {
-
 // Bitmaps are kept for lengths below this; longer ids go to the text table.
 constexpr uint32_t kMaxBitmapLength = 4096;
 // Bitmap words allowed: this many plus one per insertion (8 bytes for an id

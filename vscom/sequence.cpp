@@ -1,10 +1,10 @@
 #include "sequence.h"
 
+#include <sys/types.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <new>
-
-#include <sys/types.h>
 
 namespace {
 
