@@ -166,6 +166,11 @@ uint32_t LabelTable::item_number_of(std::string_view text) {
   return it->second;
 }
 
+void LabelTable::convert_line(std::string_view line, std::string* out) {
+  out->clear();
+  convert_line<std::string>(line, out);
+}
+
 unsigned LabelTable::convert(const char* input, const char* output) {
   int in = -1;
   int out_fd = -1;
@@ -176,14 +181,7 @@ unsigned LabelTable::convert(const char* input, const char* output) {
     OutBuffer out(out_fd);
     std::string_view line;
     while (reader.next(&line)) {
-      for (std::string_view t = next_token(&line); !t.empty(); t = next_token(&line)) {
-        if (is_reserved(t)) {
-          out.put(t.data(), t.size());
-        } else {
-          out.put_decimal(item_number_of(t));
-        }
-        out.put_char(' ');
-      }
+      convert_line(line, &out);
       out.put_char('\n');
     }
     written = out.flush() == 0;

@@ -14,6 +14,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "sequence.h"
+#include "util.h"
+
 class LabelTable {
  public:
   LabelTable() = default;
@@ -46,6 +49,11 @@ class LabelTable {
   // cannot be opened or a write fails. Writes no message.
   unsigned convert(const char* input, const char* output);
 
+  // The converted text of one line, without its newline, as convert writes
+  // it: every token replaced by its item number (reserved tokens kept), each
+  // followed by one blank. Replaces what *out held.
+  void convert_line(std::string_view line, std::string* out);
+
   // Item number of a non-reserved token; an unknown token is added with 0.
   uint32_t item_number_of(std::string_view text);
 
@@ -66,6 +74,20 @@ class LabelTable {
     using is_transparent = void;
     size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
   };
+
+  // Appends the converted tokens of `line` to `out` (an OutBuffer or a string).
+  template <class Out>
+  void convert_line(std::string_view line, Out* out) {
+    char digits[10];
+    for (std::string_view t = next_token(&line); !t.empty(); t = next_token(&line)) {
+      if (is_reserved(t)) {
+        out->append(t.data(), t.size());
+      } else {
+        out->append(digits, static_cast<size_t>(put_decimal(digits, item_number_of(t)) - digits));
+      }
+      out->push_back(' ');
+    }
+  }
 
   bool is_reserved(std::string_view token) const {
     return !token.empty() && reserved_first_[static_cast<unsigned char>(token[0])] &&

@@ -1,17 +1,22 @@
 // FP-tree of a transaction database and the depth-first mining recursion over
 // it: trees are built with path pruning by the length-decreasing support,
 // mined with node pruning, conditional trees and a single-path shortcut, and
-// every frequent pattern goes to the pattern writer. Owns the process-wide
-// item-rank index, the child index and the insertion-order scratch used while
-// a tree is built, the pattern scratch of the recursion and the mining counters.
+// every frequent pattern goes to the run's pattern sink. The run's
+// TreeScratch holds the item-rank index, the child index and the
+// insertion-order scratch used while a tree is built, and the pattern scratch
+// of the recursion.
 #ifndef QUARLO_MINER_CFPTREE_H_
 #define QUARLO_MINER_CFPTREE_H_
 
 #include <cstdint>
+#include <vector>
 
 #include "iopttn.h"
+#include "np2.h"
 #include "qrcf1.h"
 #include "qrdb.h"
+
+struct Engine;
 
 // A tree node. `count` is the weighted number of records through the node;
 // the single-path enumeration negates it for a while to mark the node.
@@ -53,7 +58,7 @@ struct FPTree {
   int32_t top_support;  // support of the most frequent item before any pruning
 };
 
-// How often the recursion took each shortcut since the last reset.
+// How often the recursion took each shortcut in a run.
 struct MiningCounters {
   uint64_t single_paths;       // trees enumerated as one path
   uint64_t marked_nodes;       // path nodes marked as too rare to extend a pattern
@@ -61,33 +66,69 @@ struct MiningCounters {
   uint64_t cut_items;          // items cut from records by path pruning
   uint64_t conditional_trees;  // conditional trees built
 };
-const MiningCounters& mining_counters();
-void reset_mining_counters();
+
+// One entry of the child index: the child of `parent` with `item`, valid
+// while `gen` is the index's current generation.
+struct ChildSlot {
+  const FPNode* parent;
+  FPNode* child;
+  uint32_t item;
+  uint32_t gen;
+};
+
+// Scratch of the tree builder and the recursion, reused by every tree of a run.
+struct TreeScratch {
+  TreeScratch() = default;
+  TreeScratch(const TreeScratch&) = delete;
+  TreeScratch& operator=(const TreeScratch&) = delete;
+  ~TreeScratch();
+
+  // Rank of every item in the list of the tree being built: nfreq for the
+  // most frequent, 1 for the least, 0 for items not in the list. All zero
+  // between builds. Header index of a listed item = nfreq - rank.
+  std::vector<uint32_t> rank;
+  // Open-addressing child index of the tree being built; entries of earlier
+  // builds are told apart by their generation, so a build clears nothing.
+  ChildSlot* slots = nullptr;
+  size_t slot_mask = 0;   // capacity - 1 (capacity a power of two, or 0)
+  size_t slots_used = 0;  // slots of the current generation
+  uint32_t gen = 0;
+  bool index_ok = false;  // false when growing failed: this build walks lists
+  // Records per length and the ordered refs of the insertion ordering.
+  std::vector<uint32_t> length_start;
+  std::vector<TranRef> ordered_refs;
+  // The items of the pattern being extended (each level writes its own slot)
+  // and the ancestor items of one node.
+  std::vector<uint32_t> items;
+  std::vector<uint32_t> path;
+};
 
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of
-// `list`), applying path pruning against cur_pattern_length. Rewrites the
-// records of `db` in place, so the buffer is of no further use. Needs
-// alloc_avetbl and the support table. Returns 0, or -1 after a diagnostic on
-// stderr; ends the process with status 1 when a node block cannot be had.
-int create_fptree(TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree, uint32_t nitems);
+// `list`), applying path pruning against the run's cur_pattern_length.
+// Rewrites the records of `db` in place, so the buffer is of no further use.
+// Needs the run's pruning tables and support table. Returns 0, or -1 after a
+// trace (with e.node_block_failed set when a node block could not be had).
+int create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree);
 
 // Inserts the current transaction (items by rank ascending, the most frequent
 // last) of weight `w` below `node`, cutting items by path pruning where a new
-// branch would start. Only valid while create_fptree builds `tree`. Returns 0.
-int insert_tran_to_fptree(FPTree* tree, FPNode* node, const CurTran* tran, HeaderEntry* header,
-                          int32_t w);
+// branch would start. Only valid while create_fptree builds `tree`. Returns
+// 0, or -1 when a node block could not be had.
+int insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran* tran, int32_t w);
 
 // Releases every node block and the header table of `tree`.
 void free_fptree(FPTree* tree);
 
-// Mines the tree of the whole database (consumed) into the open pattern file.
-// Returns 0, or -1 after a diagnostic.
-int mine_fptree(FPTree* tree, uint32_t nitems);
+// Mines the tree of the whole database (consumed) into the run's sink.
+// Returns 0, or -1 after a trace.
+int mine_fptree(Engine& e, FPTree* tree);
 
-// Writes every frequent extension of `p` found in `tree` (consumed on success).
-int gen_freqpattern(FPTree* tree, const Pattern& p, uint32_t depth);
+// Hands every frequent extension of `p` found in `tree` (consumed on success)
+// to the run's sink.
+int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth);
 
-// Writes every frequent extension of `p` by nodes of the single path below `u`.
-int gen_pattern_by_nodepath(const Pattern& p, FPNode* u);
+// Hands every frequent extension of `p` by nodes of the single path below `u`
+// to the run's sink.
+int gen_pattern_by_nodepath(Engine& e, const Pattern& p, FPNode* u);
 
 #endif  // QUARLO_MINER_CFPTREE_H_

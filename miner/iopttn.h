@@ -1,35 +1,69 @@
-// Frequent-pattern file writer: one text line per pattern, "L-N support
-// percent items...", with L the length minus one, N the pattern's ordinal
-// among the written patterns of its length, and the items ascending. Applies
-// the minimum and maximum output size. Owns the process-wide writer state
-// (open stream, output buffer, per-length counters, percentage cache, total).
+// Frequent-pattern output: the sink interface through which the miner hands
+// over every pattern, and the text writer of the numbered pattern file, one
+// line per pattern, "L-N support percent items...", with L the length minus
+// one, N the pattern's ordinal among the written patterns of its length, and
+// the items ascending. A writer holds its file, buffer and counters.
 #ifndef QUARLO_MINER_IOPTTN_H_
 #define QUARLO_MINER_IOPTTN_H_
 
 #include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "report.h"
+#include "util.h"
 
 // A pattern as the miner hands it over: `length` items in the order they were
-// added (any order; the writer sorts a copy).
+// added (any order; a writer sorts a copy).
 struct Pattern {
   uint32_t length;
   int32_t support;
   uint32_t* items;
 };
 
-// Creates or truncates `path` and resets the per-length ordinals. `ntrans` is
-// the number of input transactions (the 100 % mark); `nitems` bounds the
-// pattern length. Returns 0, or -1 after a report.
-int open_pattern_file(const char* path, uint32_t ntrans, uint32_t nitems);
+// Receives the patterns of a run in the order they are found.
+class PatternSink {
+ public:
+  virtual ~PatternSink() = default;
+  virtual void put(const Pattern& p) = 0;
+};
 
-// Writes one line for `p` when get_min_size() <= length <= get_max_size()
-// (as read at open); otherwise does nothing.
-void write_freqpattern(const Pattern& p);
+// Sorts a[0..n) ascending (insertion sort for short patterns).
+void sort_items(uint32_t* a, uint32_t n);
 
-// Flushes and closes the file. Returns 0, or -1 after a report when closing
-// fails or any write since the open failed (a full disk).
-int close_pattern_file();
+class PatternFileWriter : public PatternSink {
+ public:
+  // Creates or truncates `path`. `ntrans` is the number of input transactions
+  // (the 100 % mark); `nitems` bounds the pattern length. Returns 0, or -1
+  // after a report.
+  int open(const char* path, uint32_t ntrans, uint32_t nitems, Reporter* rep);
 
-// Number of pattern lines written since the process started.
-uint32_t pattern_count();
+  // Writes one line for `p`.
+  void put(const Pattern& p) override;
+
+  // Flushes and closes the file. Returns 0, or -1 after a report when closing
+  // fails or any write since the open failed (a full disk).
+  int close();
+
+  // Closes the file without writing what is still buffered (mining failed).
+  void abandon();
+
+  // Number of pattern lines written since the open.
+  uint32_t count() const { return total_; }
+
+ private:
+  char* put_percent(char* out, int32_t support);
+
+  int fd_ = -1;
+  std::unique_ptr<OutBuffer> out_;
+  Reporter* rep_ = nullptr;
+  uint32_t ntrans_ = 0;
+  std::vector<uint32_t> per_length_;  // written patterns per length, index L - 1
+  std::vector<uint32_t> scratch_;     // the items of one pattern, sorted
+  // Percentage text by support: entry s holds the "%.3f" text of s * 100 /
+  // ntrans (first byte its length, 0 while not yet formatted).
+  std::vector<char> pct_;
+  uint32_t total_ = 0;
+};
 
 #endif  // QUARLO_MINER_IOPTTN_H_

@@ -1,65 +1,50 @@
 #include "qrcf1.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-
-#include "suppfunc.h"
+#include <new>
 
 namespace {
 
 const char kSrc[] = "qrcf1";
 
-// The item table, sized for g_capacity items: the listed entries (plus the
-// sentinel), the item numbers they point at, the running supports (all zero
-// between calls) and the items met by the current pass.
-ItemEntry* g_entries = nullptr;
-uint32_t* g_numbers = nullptr;
-int32_t* g_support = nullptr;
-uint32_t* g_touched = nullptr;
-uint32_t g_capacity = 0;
-bool g_allocated = false;
-
-int alloc_item_table(uint32_t nitems) {
+int alloc_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
   const size_t n = nitems;
-  const size_t bytes = (n + 1) * sizeof(ItemEntry) + 3 * n * sizeof(uint32_t);
-  char* block = static_cast<char*>(calloc(1, bytes));
-  if (block == nullptr) {
-    perror("malloc");
-    fprintf(stderr, "%s(%d) : malloc(%d)\n", kSrc, 48, static_cast<int>(bytes));
+  try {
+    t->entries.assign(n + 1, ItemEntry{});
+    t->numbers.resize(n);
+    t->support.assign(n, 0);
+    t->touched.resize(n);
+  } catch (const std::bad_alloc&) {
+    const size_t bytes = (n + 1) * sizeof(ItemEntry) + 3 * n * sizeof(uint32_t);
+    rep->trace_errno("malloc");
+    rep->tracef("%s(%d) : malloc(%d)\n", kSrc, 48, static_cast<int>(bytes));
     return -1;
   }
-  free(g_entries);
-  g_entries = reinterpret_cast<ItemEntry*>(block);
-  g_numbers = reinterpret_cast<uint32_t*>(g_entries + n + 1);
-  g_support = reinterpret_cast<int32_t*>(g_numbers + n);
-  g_touched = reinterpret_cast<uint32_t*>(g_support + n);
-  for (uint32_t i = 0; i < nitems; ++i) g_numbers[i] = i;
-  g_capacity = nitems;
-  g_allocated = true;
+  for (uint32_t i = 0; i < nitems; ++i) t->numbers[i] = i;
   return 0;
 }
 
 // Adds every record's weight to its items' supports and updates the input
 // statistics; returns the number of distinct items met.
-uint32_t count_items(TranBuf* db) {
+uint32_t count_items(ItemTable* t, TranPool* pool, TranBuf* db, InputStats* stats) {
   uint32_t touched = 0;
   uint32_t records = 0;
   double sum = 0.0;
   CurTran* tran = nullptr;
+  int32_t* support = t->support.data();
   db->position = 0;
-  for (int32_t w; (w = read_tran(db, &tran)) != 0;) {
+  for (int32_t w; (w = read_tran(pool, db, &tran)) != 0;) {
     const uint32_t n = static_cast<uint32_t>(tran->n);
     for (uint32_t i = 0; i < n; ++i) {
       const uint32_t item = tran->slot[i].item;
-      if (g_support[item] == 0) g_touched[touched++] = item;
-      g_support[item] += w;
+      if (support[item] == 0) t->touched[touched++] = item;
+      support[item] += w;
     }
-    if (n > tran_max_items) tran_max_items = n;
+    if (n > stats->max_items) stats->max_items = n;
     sum += static_cast<double>(n) * w;
     ++records;
   }
-  if (records > 0) tran_avg_items = sum / records;
+  if (records > 0) stats->avg_items = sum / records;
   return touched;
 }
 
@@ -68,23 +53,44 @@ bool more_frequent(const ItemEntry& a, const ItemEntry& b) {
   return *a.items < *b.items;
 }
 
-}  // namespace
-
-int create_freqitemlist(TranBuf* db, int32_t* nfreq, ItemEntry** list, uint32_t nitems) {
-  if (!g_allocated || nitems > g_capacity) {
-    if (alloc_item_table(nitems) != 0) return -1;
-  }
-  const uint32_t touched = count_items(db);
-  const int32_t floor = static_cast<int32_t>(lowest_minsup());
+// Lists the touched items at or above `floor`, clearing their supports.
+int32_t list_items(ItemTable* t, uint32_t touched, int32_t floor) {
   int32_t kept = 0;
   for (uint32_t i = 0; i < touched; ++i) {
-    const uint32_t item = g_touched[i];
-    if (g_support[item] >= floor) g_entries[kept++] = {1, g_support[item], &g_numbers[item]};
-    g_support[item] = 0;
+    const uint32_t item = t->touched[i];
+    if (t->support[item] >= floor) t->entries[kept++] = {1, t->support[item], &t->numbers[item]};
+    t->support[item] = 0;
   }
-  std::sort(g_entries, g_entries + kept, more_frequent);
-  g_entries[kept] = {1, -1, nullptr};
-  *nfreq = kept;
-  *list = (touched == 0) ? nullptr : g_entries;
+  std::sort(t->entries.begin(), t->entries.begin() + kept, more_frequent);
+  t->entries[kept] = {1, -1, nullptr};
+  return kept;
+}
+
+}  // namespace
+
+int create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
+                        uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list) {
+  if (table->numbers.size() < nitems || table->entries.empty()) {
+    if (alloc_item_table(table, nitems, pool->rep) != 0) return -1;
+  }
+  const uint32_t touched = count_items(table, pool, db, stats);
+  *nfreq = list_items(table, touched, floor);
+  *list = (touched == 0) ? nullptr : table->entries.data();
+  return 0;
+}
+
+int list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
+                       int32_t* nfreq, ItemEntry** list, Reporter* rep) {
+  if (table->numbers.size() < nitems || table->entries.empty()) {
+    if (alloc_item_table(table, nitems, rep) != 0) return -1;
+  }
+  uint32_t touched = 0;
+  for (uint32_t item = 0; item < nitems; ++item) {
+    if (supports[item] == 0) continue;
+    table->support[item] = static_cast<int32_t>(supports[item]);
+    table->touched[touched++] = item;
+  }
+  *nfreq = list_items(table, touched, floor);
+  *list = (touched == 0) ? nullptr : table->entries.data();
   return 0;
 }

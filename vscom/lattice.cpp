@@ -11,7 +11,6 @@
 #include <string_view>
 #include <vector>
 
-#include "log.h"
 #include "sequence.h"
 #include "util.h"
 
@@ -48,22 +47,23 @@ bool close_files(LatticeFiles* files) {
 
 // Closes both files after a search that ended with `result`; a PC list that
 // could not be written whole (a full disk) turns success into failure.
-int finish(LatticeFiles* files, const char* pc_file, int result) {
+int finish(LatticeFiles* files, const char* pc_file, int result, Reporter* rep) {
   if (!close_files(files) && result == 0) {
-    log_printf("%s(%u) Failed to write %s", kSrc, kLineWritePc, pc_file);
+    rep->printf("%s(%u) Failed to write %s", kSrc, kLineWritePc, pc_file);
     return 1;
   }
   return result;
 }
 
 // Opens both files, reporting each that fails. Returns 0, or 1 with both closed.
-int open_files(const char* pattern_file, const char* pc_file, LatticeFiles* files) {
+int open_files(const char* pattern_file, const char* pc_file, LatticeFiles* files,
+               Reporter* rep) {
   files->patterns = fopen(pattern_file, "r");
   if (files->patterns == nullptr) {
-    log_printf("%s(%u) Failed to open %s", kSrc, kLineOpenPatterns, pattern_file);
+    rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPatterns, pattern_file);
   }
   files->pc = create_text_file(pc_file);
-  if (files->pc == nullptr) log_printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
+  if (files->pc == nullptr) rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
   if (files->patterns != nullptr && files->pc != nullptr) return 0;
   close_files(files);
   return 1;
@@ -280,11 +280,11 @@ struct PatternTable {
   uint32_t max_item = 0;
 
   PatternGroup* group(uint32_t len) { return len < groups.size() ? &groups[len] : nullptr; }
-  void append(const std::vector<uint32_t>& items) {
-    const uint32_t len = static_cast<uint32_t>(items.size());
+  // Appends the pattern of `len` ascending items at `items`.
+  void append(const uint32_t* items, uint32_t len) {
     while (groups.size() <= len) groups.emplace_back(static_cast<uint32_t>(groups.size()));
-    groups[len].append(items.data());
-    if (len > 0) max_item = std::max(max_item, items.back());
+    groups[len].append(items);
+    if (len > 0) max_item = std::max(max_item, items[len - 1]);
   }
 };
 
@@ -337,7 +337,7 @@ bool load_patterns(FILE* in, PatternTable* table) {
   std::vector<uint32_t> items;
   while (lines.next(&line)) {
     if (!parse_items(line, &items)) return false;
-    table->append(items);
+    table->append(items.data(), static_cast<uint32_t>(items.size()));
   }
   table->hashes.cover(table->max_item);
   for (PatternGroup& g : table->groups) g.build_index(table->hashes);
@@ -520,9 +520,10 @@ class OrdinalSet {
 
 // One search per pattern, with the two frontier levels in use (the one being
 // expanded and the one being filled) kept across patterns.
+template <class Out>
 class HashedSearch {
  public:
-  HashedSearch(PatternTable* table, FILE* out) : table_(table), line_(out) {}
+  HashedSearch(PatternTable* table, Out* out) : table_(table), line_(*out) {}
 
   void run(uint32_t len, uint32_t ordinal) {
     line_.id(len - 1, ordinal);
@@ -565,11 +566,42 @@ class HashedSearch {
   }
 
   PatternTable* table_;
-  LineWriter line_;
+  Out& line_;
   OrdinalSet written_;  // parents written from the level being expanded
   Level current_;
   Level next_;
   std::vector<uint64_t> hashes_;  // of the subsets of the record being expanded
+};
+
+// Runs the search for every pattern of `table`, longest first.
+template <class Out>
+void search_all(PatternTable* table, Out* out) {
+  HashedSearch<Out> search(table, out);
+  for (size_t k = table->groups.size(); k-- > 1;) {
+    const uint32_t len = static_cast<uint32_t>(k);
+    for (uint32_t i = 0; i < table->groups[k].count(); ++i) search.run(len, i);
+  }
+}
+
+// Hands the parents of each pattern to a ParentVisitor, a line at a time.
+class ParentCollector {
+ public:
+  explicit ParentCollector(const ParentVisitor& visit) : visit_(visit) {}
+  void id(uint32_t len_minus_one, uint32_t ordinal) {
+    len_ = len_minus_one + 1;
+    ordinal_ = ordinal;
+    parents_.clear();
+  }
+  void parent(uint32_t len_minus_one, uint32_t ordinal) {
+    parents_.emplace_back(len_minus_one + 1, ordinal);
+  }
+  void end() { visit_(len_, ordinal_, parents_); }
+
+ private:
+  const ParentVisitor& visit_;
+  uint32_t len_ = 0;
+  uint32_t ordinal_ = 0;
+  std::vector<std::pair<uint32_t, uint32_t>> parents_;
 };
 
 // Returns 0, 1 when memory runs short, or kNeedsScan when a record of more
@@ -580,11 +612,8 @@ int lattice_hashed(FILE* in, FILE* out) {
   try {
     PatternTable table;
     if (!load_patterns(in, &table)) return kNeedsScan;
-    HashedSearch search(&table, out);
-    for (size_t k = table.groups.size(); k-- > 1;) {
-      const uint32_t len = static_cast<uint32_t>(k);
-      for (uint32_t i = 0; i < table.groups[k].count(); ++i) search.run(len, i);
-    }
+    LineWriter writer(out);
+    search_all(&table, &writer);
     return 0;
   } catch (const std::bad_alloc&) {
     return 1;
@@ -593,19 +622,33 @@ int lattice_hashed(FILE* in, FILE* out) {
 
 }  // namespace
 
-int generate_lattice(const char* pattern_file, const char* pc_file) {
+int generate_lattice(const char* pattern_file, const char* pc_file, Reporter* rep) {
   LatticeFiles files;
-  if (open_files(pattern_file, pc_file, &files) != 0) return 1;
+  if (open_files(pattern_file, pc_file, &files, rep) != 0) return 1;
   int result = lattice_hashed(files.patterns, files.pc);
   if (result == kNeedsScan) {
     rewind(files.patterns);
     result = lattice_by_scan(files.patterns, files.pc);
   }
-  return finish(&files, pc_file, result);
+  return finish(&files, pc_file, result, rep);
 }
 
-int generate_lattice_by_scan(const char* pattern_file, const char* pc_file) {
+int generate_lattice_by_scan(const char* pattern_file, const char* pc_file, Reporter* rep) {
   LatticeFiles files;
-  if (open_files(pattern_file, pc_file, &files) != 0) return 1;
-  return finish(&files, pc_file, lattice_by_scan(files.patterns, files.pc));
+  if (open_files(pattern_file, pc_file, &files, rep) != 0) return 1;
+  return finish(&files, pc_file, lattice_by_scan(files.patterns, files.pc), rep);
+}
+
+void find_parents(const std::vector<std::vector<uint32_t>>& by_length, const ParentVisitor& visit) {
+  PatternTable table;
+  for (uint32_t len = 1; len < by_length.size(); ++len) {
+    const std::vector<uint32_t>& flat = by_length[len];
+    for (size_t at = 0; at + len <= flat.size(); at += len) {
+      table.append(flat.data() + at, len);
+    }
+  }
+  table.hashes.cover(table.max_item);
+  for (PatternGroup& g : table.groups) g.build_index(table.hashes);
+  ParentCollector collector(visit);
+  search_all(&table, &collector);
 }

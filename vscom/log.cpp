@@ -53,7 +53,7 @@ int log_open(const char* name) {
   FILE* f = fopen(name, "a");
   if (f == nullptr) {
     perror("fopen");
-    fprintf(stderr, "%s(%d): Cannot open log file\n", kSrc, __LINE__);
+    fprintf(stderr, "%s(%d): Cannot open log file\n", kSrc, 56);
     return 1;
   }
   g_log = f;
@@ -74,18 +74,10 @@ void log_perror(const char* fmt, ...) {
   va_end(args);
 }
 
-void log_printf_exit(const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  report(false, fmt, args);
-  va_end(args);
-  exit(2);
+void LogReporter::line(std::string_view text) {
+  log_printf("%.*s", static_cast<int>(text.size()), text.data());
 }
 
-void log_perror_exit(const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  report(true, fmt, args);
-  va_end(args);
-  exit(2);
+void LogReporter::trace(std::string_view text) {
+  fwrite(text.data(), 1, text.size(), stderr);
 }

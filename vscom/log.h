@@ -4,6 +4,10 @@
 #ifndef QUARLO_VSCOM_LOG_H_
 #define QUARLO_VSCOM_LOG_H_
 
+#include <string_view>
+
+#include "report.h"
+
 // Opens `name` for appending as the log stream; a null name makes standard
 // error the log stream. Returns 0, or 1 after printing the cause on stderr.
 int log_open(const char* name);
@@ -15,8 +19,12 @@ void log_printf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // As log_printf with ": " and the text of the errno current at the call appended.
 void log_perror(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// log_printf / log_perror, then exit status 2.
-[[noreturn]] void log_printf_exit(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-[[noreturn]] void log_perror_exit(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// The program's reporter: report lines go through log_printf, traces to
+// standard error as they come.
+class LogReporter : public Reporter {
+ public:
+  void line(std::string_view text) override;
+  void trace(std::string_view text) override;
+};
 
 #endif  // QUARLO_VSCOM_LOG_H_

@@ -10,11 +10,8 @@
 #include <new>
 #include <string>
 
-#include "log.h"
 #include "sequence.h"
 #include "util.h"
-
-IdSet* unmaximal_ids = nullptr;
 
 namespace {
 
@@ -37,12 +34,6 @@ uint64_t hash_text(std::string_view text) {
 }
 
 bool is_comment(std::string_view line) { return !line.empty() && line.front() == '#'; }
-
-void write_line(FILE* out, std::string_view line) {
-  if (out == nullptr) return;
-  fwrite(line.data(), 1, line.size(), out);
-  fputc('\n', out);
-}
 
 // Bitmaps are kept for lengths below this; longer ids go to the text table.
 constexpr uint32_t kMaxBitmapLength = 4096;
@@ -154,17 +145,16 @@ void IdSet::grow() {
   }
 }
 
-int create_unmaximal_set() {
-  unmaximal_ids = new (std::nothrow) IdSet;
-  if (unmaximal_ids == nullptr) {
-    log_perror("%s(%u) new(%u)", kSrc, kLineNew, static_cast<unsigned>(sizeof(IdSet)));
+int create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep) {
+  ids->reset(new (std::nothrow) IdSet);
+  if (*ids == nullptr) {
+    rep->perror("%s(%u) new(%u)", kSrc, kLineNew, static_cast<unsigned>(sizeof(IdSet)));
     return 1;
   }
   return 0;
 }
 
-void load_unmaximal_ids(const char* pc_file) {
-  if (unmaximal_ids == nullptr) return;
+void load_unmaximal_ids(IdSet* ids, const char* pc_file) {
   const int in = open(pc_file, O_RDONLY);
   LineReader lines(in);
   std::string_view line;
@@ -172,7 +162,7 @@ void load_unmaximal_ids(const char* pc_file) {
     if (is_comment(line)) continue;
     next_token(&line);  // the listing pattern's own id
     for (std::string_view id = next_token(&line); !id.empty(); id = next_token(&line)) {
-      unmaximal_ids->insert(id);
+      ids->insert(id);
     }
   }
   if (in >= 0) close(in);
@@ -180,56 +170,47 @@ void load_unmaximal_ids(const char* pc_file) {
 
 namespace {
 
-// copy_maximal_records, telling through *written whether the temporary file,
-// when it could be created, was written whole.
-uint32_t copy_records(const char* file, bool* written) {
-  const std::string tmp = std::string(file) + ".tmp";
+// Copies the kept records of `file` to `tmp`, telling through *written
+// whether the temporary file, when it could be created, was written whole.
+uint32_t copy_records(const IdSet& ids, const char* file, const std::string& tmp, bool* written) {
   const int in = open(file, O_RDONLY);
-  FILE* out = create_text_file(tmp.c_str());
-  LineReader lines(in);
-  std::string_view line;
+  const int out_fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664);
   uint32_t kept = 0;
-  while (lines.next(&line)) {
-    if (is_comment(line)) {
-      write_line(out, line);
-      continue;
+  {
+    LineReader lines(in);
+    OutBuffer out(out_fd);
+    std::string_view line;
+    while (lines.next(&line)) {
+      std::string_view rest = line;
+      const bool comment = is_comment(line);
+      if (!comment && ids.contains(next_token(&rest))) continue;
+      if (out_fd >= 0) {
+        out.put(line.data(), line.size());
+        out.put_char('\n');
+      }
+      if (!comment) ++kept;
     }
-    std::string_view rest = line;
-    if (unmaximal_ids != nullptr && unmaximal_ids->contains(next_token(&rest))) continue;
-    write_line(out, line);
-    ++kept;
+    *written = out_fd < 0 || out.flush() == 0;
   }
   if (in >= 0) close(in);
-  *written = true;
-  if (out != nullptr) {
-    *written = ferror(out) == 0;
-    *written = fclose(out) == 0 && *written;
-  }
+  if (out_fd >= 0 && close(out_fd) != 0) *written = false;
   return kept;
 }
 
 }  // namespace
 
-uint32_t copy_maximal_records(const char* file) {
-  bool written = false;
-  return copy_records(file, &written);
-}
-
-uint32_t remove_unmaximal_records(const char* file) {
+uint32_t remove_unmaximal_records(const IdSet& ids, const char* file, Reporter* rep) {
   const std::string tmp = std::string(file) + ".tmp";
   bool written = false;
-  const uint32_t kept = copy_records(file, &written);
+  const uint32_t kept = copy_records(ids, file, tmp, &written);
   if (!written) {  // a full disk: keep every record rather than lose some
-    log_printf("%s(%u) Failed to write %s", kSrc, kLineWriteTmp, tmp.c_str());
-    log_printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+    rep->printf("%s(%u) Failed to write %s", kSrc, kLineWriteTmp, tmp.c_str());
+    rep->printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
   } else if (rename(tmp.c_str(), file) != 0) {
-    log_perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
-    log_printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+    rep->perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
+    rep->printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
   }
   return kept;
 }
 
-void destroy_unmaximal_set() {
-  delete unmaximal_ids;
-  unmaximal_ids = nullptr;
-}
+void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids) { ids->reset(); }

@@ -1,14 +1,17 @@
 // Maximal-pattern pruning on the text of the files: a pattern whose id stands as
 // a parent on some line of the parent-children list is dropped from a record
-// file, which is rewritten through "FILE.tmp" and rename. Owns the process-wide
-// `unmaximal_ids`, alive between create_unmaximal_set and destroy_unmaximal_set.
+// file, which is rewritten through "FILE.tmp" and rename. The caller owns the
+// set of ids, alive between create_unmaximal_set and destroy_unmaximal_set.
 #ifndef QUARLO_VSCOM_MAXPAT_H_
 #define QUARLO_VSCOM_MAXPAT_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "report.h"
 
 // A set of id texts, matched as whole byte strings. Only membership is ever
 // asked. An id spelled "L-N" the way the PC list writes it (decimal numbers
@@ -47,31 +50,24 @@ class IdSet {
   size_t count_ = 0;
 };
 
-// Ids of the patterns that some other pattern lists as a parent; null outside
-// create_unmaximal_set .. destroy_unmaximal_set.
-extern IdSet* unmaximal_ids;
-
-// Creates the empty set. Returns 0, or 1 after reporting when memory is short.
-int create_unmaximal_set();
+// Creates the empty set of the ids of the patterns that some other pattern
+// lists as a parent. Returns 0, or 1 after a report when memory is short.
+int create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep);
 
 // Adds every id after the first on each line of the parent-children list
 // `pc_file`; lines starting with "#" are skipped. An unreadable file adds
-// nothing and is not reported. Needs the set created.
-void load_unmaximal_ids(const char* pc_file);
+// nothing and is not reported.
+void load_unmaximal_ids(IdSet* ids, const char* pc_file);
 
-// Writes the records of `file` whose first token is not in the set to
-// "file.tmp" (see copy_maximal_records), then renames it over `file`; a failed
-// rename, or a temporary file that could not be written whole, is reported and
-// leaves `file` as it was. Returns the number of records kept, also then.
-uint32_t remove_unmaximal_records(const char* file);
-
-// Copies `file` to "file.tmp" (mode 0664 before the umask) without the records
-// whose first token is in the set. Lines starting with "#" are copied and not
-// counted; every line written ends with a newline. An unreadable `file` gives
-// an empty "file.tmp" and 0. Returns the number of records kept.
-uint32_t copy_maximal_records(const char* file);
+// Writes the records of `file` whose first token is not in `ids` to
+// "file.tmp" (mode 0664 before the umask; lines starting with "#" are copied
+// and not counted; every line written ends with a newline; an unreadable
+// `file` gives an empty "file.tmp"), then renames it over `file`; a failed
+// rename, or a temporary file that could not be written whole, is reported
+// and leaves `file` as it was. Returns the number of records kept, also then.
+uint32_t remove_unmaximal_records(const IdSet& ids, const char* file, Reporter* rep);
 
 // Frees the set if it exists.
-void destroy_unmaximal_set();
+void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids);
 
 #endif  // QUARLO_VSCOM_MAXPAT_H_

@@ -1,99 +1,52 @@
 #include "suppfunc.h"
 
-#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include "log.h"
-#include "vscmdl.h"
+#include "sequence.h"
 
 namespace {
 
 const char kSrc[] = "../vscom/suppfunc";
-const uint32_t kUnset = 4294967295u;  // length 1 not yet given while a file is read
-const int32_t kCacheSize = 100;       // counts below this are answered from the cache
+const uint32_t kUnset = 4294967295u;  // length 1 not yet given while a table is read
 const size_t kMaxWord = 19;           // longest word accepted in a support-table file
-
-uint32_t* g_minsup = nullptr;        // entry L-1: minimum support count of length L
-uint32_t g_nlengths = 0;             // number of lengths in g_minsup
-uint32_t g_lowest = 0;               // smallest minimum support of all lengths
-uint32_t* g_shortest = nullptr;      // entry s: shortest length for count s < 100
-
-// Binary search over the per-length counts as the engine expects it: index 0
-// is never examined and the last index is taken to qualify without a test.
-uint32_t search_length(int32_t support) {
-  int64_t lo = 0;
-  int64_t hi = static_cast<int64_t>(g_nlengths) - 1;
-  while (hi - lo > 1) {
-    int64_t mid = (lo + hi) / 2;
-    if (static_cast<int32_t>(g_minsup[mid]) > support) {
-      lo = mid;
-    } else {
-      hi = mid;
-    }
-  }
-  return static_cast<uint32_t>(hi + 1);
-}
 
 // Reads one blank-separated word like fscanf("%s"); false at end of file.
 bool read_word(FILE* in, std::string* word) {
   int c;
   do {
     c = getc(in);
-  } while (c != EOF && isspace(c));
+  } while (c != EOF && is_white_space(static_cast<char>(c)));
   if (c == EOF) return false;
   word->clear();
-  while (c != EOF && !isspace(c)) {
+  while (c != EOF && !is_white_space(static_cast<char>(c))) {
     word->push_back(static_cast<char>(c));
     c = getc(in);
   }
   return true;
 }
 
-// Lengths 1 .. min_size-1 get a count no pattern can reach (ntrans + 1).
-void block_short_lengths(uint32_t ntrans, uint32_t nitems) {
-  uint32_t m = get_min_size();
-  uint32_t last = m > 1 ? m - 1 : 0;
-  if (last > nitems) last = nitems;
-  for (uint32_t len = 1; len <= last; ++len) g_minsup[len - 1] = ntrans + 1;
-}
-
-uint32_t* alloc_counts(uint32_t n, unsigned line) {
-  uint32_t* p = static_cast<uint32_t*>(calloc(n > 0 ? n : 1, sizeof(uint32_t)));
-  if (p == nullptr) log_perror("%s(%u) calloc(%u, %u)", kSrc, line, n, 4u);
-  return p;
-}
-
-// Reads the "LEN F(LEN)" pairs into g_minsup. Returns 0, or 1 after a report.
-int read_table(FILE* in, const char* file, uint32_t ntrans, uint32_t nitems) {
-  g_minsup[0] = kUnset;
+// Reads the "LEN F(LEN)" pairs up to the first length outside 0 .. nitems.
+// Returns false after a report on a word that is too long.
+bool read_pairs(FILE* in, const char* file, uint32_t ntrans, uint32_t nitems, LengthCounts* pairs,
+                Reporter* rep) {
   std::string first;
   std::string second;  // keeps the previous value when a last word has no partner
   while (read_word(in, &first)) {
     read_word(in, &second);
     if (first.size() > kMaxWord || second.size() > kMaxWord) {
-      log_printf("%s(%u) Word too long (over %zu characters) in \"%s\"", kSrc, __LINE__,
-                 kMaxWord, file);
-      return 1;
+      rep->printf("%s(%u) Word too long (over %zu characters) in \"%s\"", kSrc, 77u, kMaxWord,
+                  file);
+      return false;
     }
-    long len = strtol(first.c_str(), nullptr, 10);
+    const long len = strtol(first.c_str(), nullptr, 10);
     if (len < 0 || static_cast<unsigned long>(len) > nitems) break;
-    if (len == 0) {
-      log_printf("%s(%u) Invalid length 0 in \"%s\"", kSrc, __LINE__, file);
-      return 1;
-    }
-    g_minsup[len - 1] = percent_to_count(strtod(second.c_str(), nullptr), ntrans);
+    pairs->emplace_back(len, len == 0 ? 0 : percent_to_count(strtod(second.c_str(), nullptr), ntrans));
+    if (len == 0) break;
   }
-  return 0;
-}
-
-int fill_cache_by_search() {
-  g_shortest = alloc_counts(kCacheSize, __LINE__);
-  if (g_shortest == nullptr) return 1;
-  for (int32_t s = 0; s < kCacheSize; ++s) g_shortest[s] = search_length(s);
-  return 0;
+  return true;
 }
 
 }  // namespace
@@ -117,62 +70,74 @@ uint32_t percent_to_count(double percent, uint32_t ntrans) {
   return static_cast<uint32_t>(count);
 }
 
-int init_freq_tbl(const char* file, uint32_t ntrans, uint32_t nitems) {
-  free_freq_tbl();
+// Binary search over the per-length counts as the engine expects it: index 0
+// is never examined and the last index is taken to qualify without a test.
+uint32_t SupportTable::search_length(int32_t support) const {
+  int64_t lo = 0;
+  int64_t hi = static_cast<int64_t>(nlengths_) - 1;
+  while (hi - lo > 1) {
+    int64_t mid = (lo + hi) / 2;
+    if (static_cast<int32_t>(minsup_[mid]) > support) {
+      lo = mid;
+    } else {
+      hi = mid;
+    }
+  }
+  return static_cast<uint32_t>(hi + 1);
+}
+
+// Lengths 1 .. min_size-1 get a count no pattern can reach (ntrans + 1).
+void SupportTable::block_short_lengths(uint32_t ntrans, uint32_t min_size) {
+  uint32_t last = min_size > 1 ? min_size - 1 : 0;
+  if (last > nlengths_) last = nlengths_;
+  for (uint32_t len = 1; len <= last; ++len) minsup_[len - 1] = ntrans + 1;
+}
+
+bool SupportTable::load_file(const char* file, uint32_t ntrans, uint32_t nitems,
+                             uint32_t min_size, Reporter* rep) {
   FILE* in = fopen(file, "r");
   if (in == nullptr) {
-    log_perror("%s(%u) fopen(%s, \"r\")", kSrc, __LINE__, file);
-    return 1;
+    rep->perror("%s(%u) fopen(%s, \"r\")", kSrc, 124u, file);
+    return false;
   }
-  g_minsup = alloc_counts(nitems, __LINE__);
-  if (g_minsup == nullptr || read_table(in, file, ntrans, nitems) != 0) {
-    fclose(in);
-    return 1;
+  LengthCounts pairs;
+  const bool read = read_pairs(in, file, ntrans, nitems, &pairs, rep);
+  fclose(in);
+  return read && set_pairs(pairs, file, ntrans, nitems, min_size, rep);
+}
+
+bool SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans,
+                             uint32_t nitems, uint32_t min_size, Reporter* rep) {
+  // One entry even without items, so that length 1 is always asked for.
+  minsup_.assign(nitems > 0 ? nitems : 1, 0);
+  nlengths_ = nitems;
+  minsup_[0] = kUnset;
+  for (const auto& [len, count] : pairs) {
+    if (len < 0 || static_cast<unsigned long>(len) > nitems) break;
+    if (len == 0) {
+      rep->printf("%s(%u) Invalid length 0 in \"%s\"", kSrc, 84u, name);
+      return false;
+    }
+    minsup_[static_cast<size_t>(len) - 1] = count;
   }
-  if (g_minsup[0] == kUnset) {
-    log_printf("%s(%u) Support value for length=1 must be given in \"%s\"", kSrc, __LINE__, file);
-    fclose(in);
-    return 1;
+  if (minsup_[0] == kUnset) {
+    rep->printf("%s(%u) Support value for length=1 must be given in \"%s\"", kSrc, 133u, name);
+    return false;
   }
   for (uint32_t i = 1; i < nitems; ++i) {
-    if (g_minsup[i] == 0) g_minsup[i] = g_minsup[i - 1];
+    if (minsup_[i] == 0) minsup_[i] = minsup_[i - 1];
   }
-  block_short_lengths(ntrans, nitems);
-  fclose(in);
-  g_nlengths = nitems;
-  g_lowest = g_minsup[nitems > 0 ? nitems - 1 : 0];
-  return fill_cache_by_search();
+  block_short_lengths(ntrans, min_size);
+  lowest_ = minsup_[nitems > 0 ? nitems - 1 : 0];
+  for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = search_length(s);
+  return true;
 }
 
-int init_freq_tbl_with_minsup(double percent, uint32_t ntrans, uint32_t nitems) {
-  free_freq_tbl();
-  g_minsup = alloc_counts(nitems, __LINE__);
-  if (g_minsup == nullptr) return 1;
-  const uint32_t count = percent_to_count(percent, ntrans);
-  for (uint32_t i = 0; i < nitems; ++i) g_minsup[i] = count;
-  g_nlengths = nitems;
-  g_lowest = count;
-  g_shortest = alloc_counts(kCacheSize, __LINE__);
-  if (g_shortest == nullptr) return 1;
-  const uint32_t m = get_min_size();
-  for (int32_t s = 0; s < kCacheSize; ++s) g_shortest[s] = m == 0 ? 1 : m;
-  block_short_lengths(ntrans, nitems);
-  return 0;
-}
-
-uint32_t minsup_of_length(uint32_t len) { return g_minsup[len - 1]; }
-
-uint32_t min_length_of_support(int32_t support) {
-  if (support >= 0 && support < kCacheSize) return g_shortest[support];
-  return search_length(support);
-}
-
-uint32_t lowest_minsup() { return g_lowest; }
-
-void free_freq_tbl() {
-  free(g_minsup);
-  free(g_shortest);
-  g_minsup = nullptr;
-  g_shortest = nullptr;
-  g_nlengths = 0;
+void SupportTable::set_constant(uint32_t count, uint32_t ntrans, uint32_t nitems,
+                                uint32_t min_size) {
+  minsup_.assign(nitems > 0 ? nitems : 1, count);
+  nlengths_ = nitems;
+  lowest_ = count;
+  for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = min_size == 0 ? 1 : min_size;
+  block_short_lengths(ntrans, min_size);
 }

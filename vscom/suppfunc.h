@@ -1,32 +1,63 @@
 // Length-decreasing support table: the minimum support count of every pattern
 // length, the inverse lookup from a count to the shortest length it suffices
-// for, and the lowest count of all. Owns the process-wide table, built once by
-// one of the two builders after the transactions are counted.
+// for, and the lowest count of all. One table per mining run, built once by
+// one of the builders after the transactions are counted.
 #ifndef QUARLO_VSCOM_SUPPFUNC_H_
 #define QUARLO_VSCOM_SUPPFUNC_H_
 
 #include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "report.h"
 
 // Count of transactions that `percent` of `ntrans` demands: the ceiling of
 // ntrans * percent / 100 in 80-bit extended precision; 0 % still demands 1.
 uint32_t percent_to_count(double percent, uint32_t ntrans);
 
-// Builds the table from a file of "LEN F(LEN)" lines. Returns 0, or 1 after a report.
-int init_freq_tbl(const char* file, uint32_t ntrans, uint32_t nitems);
+// (length, minimum support count) pairs in the order a table gives them.
+using LengthCounts = std::vector<std::pair<long, uint32_t>>;
 
-// Builds the table from one constant percentage. Returns 0, or 1 after a report.
-int init_freq_tbl_with_minsup(double percent, uint32_t ntrans, uint32_t nitems);
+class SupportTable {
+ public:
+  // From a file of "LEN F(LEN)" lines (percentages). Lengths 1 .. min_size-1
+  // demand ntrans + 1. Returns false after a report through `rep`.
+  bool load_file(const char* file, uint32_t ntrans, uint32_t nitems, uint32_t min_size,
+                 Reporter* rep);
 
-// Minimum support count of length `len` (1 <= len <= nitems; no range check).
-uint32_t minsup_of_length(uint32_t len);
+  // From pairs as a table file would give them, with counts already made;
+  // `name` stands for the table in reports. Reading stops at the first length
+  // above nitems. Returns false after a report.
+  bool set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans, uint32_t nitems,
+                 uint32_t min_size, Reporter* rep);
 
-// Shortest length whose minimum support is at most `support` (cached below 100).
-uint32_t min_length_of_support(int32_t support);
+  // One constant count for every length. Never fails.
+  void set_constant(uint32_t count, uint32_t ntrans, uint32_t nitems, uint32_t min_size);
 
-// The smallest minimum support over all lengths.
-uint32_t lowest_minsup();
+  // Minimum support count of length `len` (1 <= len <= nitems; no range check).
+  uint32_t minsup_of_length(uint32_t len) const { return minsup_[len - 1]; }
 
-// Releases the table.
-void free_freq_tbl();
+  // Shortest length whose minimum support is at most `support` (cached below 100).
+  uint32_t min_length_of_support(int32_t support) const {
+    if (support >= 0 && support < kCacheSize) return shortest_[support];
+    return search_length(support);
+  }
+
+  // The smallest minimum support over all lengths.
+  uint32_t lowest_minsup() const { return lowest_; }
+
+  uint32_t lengths() const { return nlengths_; }
+
+ private:
+  static constexpr int32_t kCacheSize = 100;
+
+  uint32_t search_length(int32_t support) const;
+  void block_short_lengths(uint32_t ntrans, uint32_t min_size);
+
+  std::vector<uint32_t> minsup_;  // entry L-1: minimum support count of length L
+  uint32_t nlengths_ = 0;         // lengths in the table (the number of items)
+  uint32_t shortest_[kCacheSize] = {};
+  uint32_t lowest_ = 0;
+};
 
 #endif  // QUARLO_VSCOM_SUPPFUNC_H_

@@ -66,6 +66,16 @@ class OutBuffer {
     buf_[used_++] = c;
   }
   void put_decimal(uint32_t v);
+  // The names std::string has, so that text can be built into either.
+  void append(const char* bytes, size_t n) { put(bytes, n); }
+  void push_back(char c) { put_char(c); }
+  // Room for at least n <= 64 bytes at the write end: write them through the
+  // pointer, then pass the end of what was written to commit().
+  char* reserve(size_t n) {
+    if (kSize - used_ < n) flush();
+    return buf_.get() + used_;
+  }
+  void commit(const char* end) { used_ = static_cast<size_t>(end - buf_.get()); }
   // Writes out what is buffered. Returns 0, or -1 once any write has failed
   // (errno then holds the error of that write).
   int flush();

@@ -154,7 +154,7 @@ void apply_option(int c, int selector) {
     case 'x': g_opts.maximal_flag = kFlagOn; break;
     case '?': break;  // getopt_long has already complained on stderr
     default:
-      log_printf("%s(%u) getopt returned invalid character code 0x%x\n", kSrc, __LINE__,
+      log_printf("%s(%u) getopt returned invalid character code 0x%x\n", kSrc, 157u,
                  static_cast<unsigned>(c));
   }
 }

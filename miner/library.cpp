@@ -1,0 +1,555 @@
+// The public API over the engine: numbers the labels as the program does,
+// loads the transactions into a run's buffer without writing any file, mines
+// through a collecting or visiting sink, and computes parents and maximal
+// itemsets in memory. Every failure becomes a quarlo::Error.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <unordered_map>
+
+#include "LabelTable.h"
+#include "lattice.h"
+#include "qr.h"
+#include "quarlo/quarlo.h"
+#include "sequence.h"
+#include "ttoqr.h"
+#include "util.h"
+
+namespace quarlo {
+
+// ---------------------------------------------------------------------------
+// Options and inputs
+
+struct Support::Spec {
+  SupportSpec::Kind kind = SupportSpec::kPercent;
+  double percent = 0.0;
+  uint32_t count = 1;
+  std::string file;
+  std::vector<std::pair<long, double>> percent_pairs;
+  LengthCounts count_pairs;
+};
+
+Support::Support() : spec_(std::make_shared<Spec>()) {}
+Support::~Support() = default;
+Support::Support(const Support&) = default;
+Support& Support::operator=(const Support&) = default;
+
+Support Support::percent(double percent) {
+  Support s;
+  auto spec = std::make_shared<Spec>();
+  spec->percent = percent;
+  s.spec_ = spec;
+  return s;
+}
+
+Support Support::count(uint32_t count) {
+  if (count == 0) throw Error(Error::Kind::kInvalidArgument, "a support count must be at least 1");
+  Support s;
+  auto spec = std::make_shared<Spec>();
+  spec->kind = SupportSpec::kCount;
+  spec->count = count;
+  s.spec_ = spec;
+  return s;
+}
+
+Support Support::table(std::vector<std::pair<uint32_t, double>> percent_by_length) {
+  Support s;
+  auto spec = std::make_shared<Spec>();
+  spec->kind = SupportSpec::kPercentPairs;
+  for (const auto& [len, pct] : percent_by_length) spec->percent_pairs.emplace_back(len, pct);
+  s.spec_ = spec;
+  return s;
+}
+
+Support Support::count_table(std::vector<std::pair<uint32_t, uint32_t>> count_by_length) {
+  Support s;
+  auto spec = std::make_shared<Spec>();
+  spec->kind = SupportSpec::kCountPairs;
+  for (const auto& [len, count] : count_by_length) {
+    if (count == 0) throw Error(Error::Kind::kInvalidArgument, "a support count must be at least 1");
+    spec->count_pairs.emplace_back(len, count);
+  }
+  s.spec_ = spec;
+  return s;
+}
+
+Support Support::table_file(std::string path) {
+  Support s;
+  auto spec = std::make_shared<Spec>();
+  spec->kind = SupportSpec::kTableFile;
+  spec->file = std::move(path);
+  s.spec_ = spec;
+  return s;
+}
+
+struct Transactions::Data {
+  enum Kind { kFile, kLabels, kNumbers } kind = kLabels;
+  std::string path;
+  std::vector<std::vector<std::string>> labels;
+  std::vector<std::vector<uint32_t>> numbers;
+};
+
+Transactions::Transactions() : data_(std::make_unique<Data>()) {}
+Transactions::~Transactions() = default;
+Transactions::Transactions(Transactions&&) noexcept = default;
+Transactions& Transactions::operator=(Transactions&&) noexcept = default;
+
+Transactions Transactions::from_file(std::string path) {
+  Transactions t;
+  t.data_->kind = Data::kFile;
+  t.data_->path = std::move(path);
+  return t;
+}
+
+Transactions Transactions::from_labels(std::vector<std::vector<std::string>> transactions) {
+  Transactions t;
+  t.data_->kind = Data::kLabels;
+  t.data_->labels = std::move(transactions);
+  return t;
+}
+
+Transactions Transactions::from_numbers(std::vector<std::vector<uint32_t>> transactions) {
+  Transactions t;
+  t.data_->kind = Data::kNumbers;
+  t.data_->numbers = std::move(transactions);
+  return t;
+}
+
+const char* version() { return QUARLO_VERSION; }
+
+namespace {
+
+constexpr uint32_t kItemsetBreak = 4294967295u;  // what the reserved "-1" reads as
+
+[[noreturn]] void fail(Error::Kind kind, const std::string& message) { throw Error(kind, message); }
+
+[[noreturn]] void fail_errno(const std::string& what, int err) {
+  fail(err == ENOMEM ? Error::Kind::kOutOfMemory : Error::Kind::kIo, what + ": " + strerror(err));
+}
+
+// A file the library is about to read: it must open, and be a regular file.
+void check_readable(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+  if (fd < 0) fail_errno(path, errno);
+  struct stat st;
+  const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  close(fd);
+  if (!regular) fail(Error::Kind::kIo, path + ": " + (S_ISDIR(st.st_mode) ? "is a directory" : "is not a regular file"));
+}
+
+// ---------------------------------------------------------------------------
+// Loading: the label table and the records of a run
+
+// The records of one input in a run's buffer, with their item count.
+struct Loaded {
+  LabelTable labels;
+  std::vector<std::string> label_text;  // label of every item number
+  uint32_t nitems = 0;
+};
+
+// Appends one transaction of item numbers (any order, repeats allowed).
+void add_record(Engine* e, TranBuf* db, std::vector<uint32_t>* items, uint32_t* nitems) {
+  normalize_record(items);
+  if (items->empty()) return;
+  if (insert_tran_to_trandb(&e->pool, db, items->data(), static_cast<uint32_t>(items->size()), 1) !=
+      0) {
+    throw std::bad_alloc();
+  }
+  // Signed as the binary file's writer compares, so results agree.
+  const uint32_t last = items->back();
+  if (static_cast<int32_t>(last + 1) > static_cast<int32_t>(*nitems)) *nitems = last + 1;
+}
+
+// The records of a transaction file, read as the program converts it:
+// numbered text first, then records from its lines.
+void load_file(const std::string& path, Engine* e, TranBuf* db, Loaded* in) {
+  check_readable(path);
+  in->labels.add_reserved_token("-1");
+  in->labels.load_labels(path.c_str());
+  const int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) fail_errno(path, errno);
+  LineReader reader(fd);
+  LinePieces pieces;
+  std::string conv;
+  std::vector<uint32_t> items;
+  std::string_view line;
+  bool terminated = false;
+  uint64_t number = 0;
+  while (reader.next(&line, &terminated)) {
+    ++number;
+    in->labels.convert_line(line, &conv);
+    const bool ok = pieces.each(conv, terminated, [&](std::string_view part) {
+      if (!collect_items(part, &items)) return false;
+      add_record(e, db, &items, &in->nitems);
+      return true;
+    });
+    if (!ok) {
+      close(fd);
+      fail(Error::Kind::kInvalidArgument,
+           path + ": line " + std::to_string(number) + " holds -1 between two items");
+    }
+  }
+  close(fd);
+}
+
+void check_label(const std::string& label) {
+  if (label.empty()) fail(Error::Kind::kInvalidArgument, "a label must not be empty");
+  if (std::any_of(label.begin(), label.end(), is_white_space)) {
+    fail(Error::Kind::kInvalidArgument, "label \"" + label + "\" holds white space");
+  }
+}
+
+// Records of transactions of labels, by the same rules as lines of a file.
+void load_labels(const std::vector<std::vector<std::string>>& data, Engine* e, TranBuf* db,
+                 Loaded* in) {
+  in->labels.add_reserved_token("-1");
+  for (const auto& t : data) {
+    for (const std::string& label : t) {
+      check_label(label);
+      if (label != "-1") in->labels.register_token(label);
+    }
+  }
+  in->labels.assign_item_numbers();
+  std::vector<uint32_t> items;
+  for (size_t r = 0; r < data.size(); ++r) {
+    items.clear();
+    bool after_break = false;
+    for (const std::string& label : data[r]) {
+      if (label == "-1") {
+        after_break = !items.empty();
+        continue;
+      }
+      if (after_break) {
+        fail(Error::Kind::kInvalidArgument,
+             "transaction " + std::to_string(r) + " holds -1 between two items");
+      }
+      items.push_back(in->labels.item_number_of(label));
+    }
+    add_record(e, db, &items, &in->nitems);
+  }
+}
+
+// Records of transactions of integer labels: numbers sort by value, so an
+// item's number is the rank of its value.
+void load_numbers(const std::vector<std::vector<uint32_t>>& data, Engine* e, TranBuf* db,
+                  Loaded* in) {
+  std::vector<uint32_t> values;
+  for (const auto& t : data) values.insert(values.end(), t.begin(), t.end());
+  std::sort(values.begin(), values.end());
+  values.erase(std::unique(values.begin(), values.end()), values.end());
+  std::vector<uint32_t> items;
+  for (const auto& t : data) {
+    items.clear();
+    for (uint32_t v : t) {
+      items.push_back(static_cast<uint32_t>(std::lower_bound(values.begin(), values.end(), v) -
+                                            values.begin()));
+    }
+    add_record(e, db, &items, &in->nitems);
+  }
+  for (uint32_t v : values) in->label_text.push_back(std::to_string(v));
+}
+
+// Loads any input into `db` (made by init_buf on e->pool).
+void load(const Transactions::Data& data, Engine* e, TranBuf* db, Loaded* in) {
+  switch (data.kind) {
+    case Transactions::Data::kFile:
+      load_file(data.path, e, db, in);
+      break;
+    case Transactions::Data::kLabels:
+      load_labels(data.labels, e, db, in);
+      break;
+    case Transactions::Data::kNumbers:
+      load_numbers(data.numbers, e, db, in);
+      return;
+  }
+  for (unsigned i = 0; i < in->labels.label_count(); ++i) {
+    in->label_text.push_back(in->labels.label_of(i));
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Mining
+
+SupportSpec spec_of(const Support::Spec& s) {
+  SupportSpec spec;
+  spec.kind = s.kind;
+  spec.percent = s.percent;
+  spec.count = s.count;
+  spec.table_file = s.file.c_str();
+  spec.percent_pairs = s.percent_pairs;
+  spec.count_pairs = s.count_pairs;
+  return spec;
+}
+
+// Keeps every pattern, grouped by length in the order found.
+class Collector : public PatternSink {
+ public:
+  void put(const Pattern& p) override {
+    if (p.length >= items_.size()) {
+      items_.resize(p.length + 1);
+      supports_.resize(p.length + 1);
+    }
+    std::vector<uint32_t>& flat = items_[p.length];
+    const size_t at = flat.size();
+    flat.insert(flat.end(), p.items, p.items + p.length);
+    sort_items(flat.data() + at, p.length);
+    supports_[p.length].push_back(static_cast<uint32_t>(p.support));
+  }
+  const std::vector<std::vector<uint32_t>>& items() const { return items_; }
+  const std::vector<std::vector<uint32_t>>& supports() const { return supports_; }
+
+ private:
+  std::vector<std::vector<uint32_t>> items_;     // index: length; flat items
+  std::vector<std::vector<uint32_t>> supports_;  // index: length
+};
+
+// Hands every pattern to a callback with its labels.
+class Visitor : public PatternSink {
+ public:
+  Visitor(const std::function<void(const PatternView&)>& visit, const Loaded& in)
+      : visit_(visit), in_(in) {}
+  void put(const Pattern& p) override {
+    items_.assign(p.items, p.items + p.length);
+    sort_items(items_.data(), p.length);
+    labels_.clear();
+    for (uint32_t item : items_) labels_.push_back(&in_.label_text[item]);
+    if (p.length >= ordinals_.size()) ordinals_.resize(p.length + 1, 0);
+    visit_(PatternView{p.length, static_cast<uint32_t>(p.support), ordinals_[p.length]++,
+                       items_.data(), labels_.data()});
+  }
+
+ private:
+  const std::function<void(const PatternView&)>& visit_;
+  const Loaded& in_;
+  std::vector<uint32_t> items_;
+  std::vector<const std::string*> labels_;
+  std::vector<uint32_t> ordinals_;
+};
+
+class Client : public EngineClient {
+ public:
+  explicit Client(PatternSink* sink) : sink_(sink) {}
+  void counted(const Engine& e, uint32_t ntrans) override {
+    stats.transactions = ntrans;
+    stats.items = e.nitems;
+    stats.max_items = e.stats.max_items;
+    stats.avg_items = e.stats.avg_items;
+  }
+  PatternSink* open_sink(Engine*, uint32_t) override { return sink_; }
+  bool close_sink(Engine*, bool) override { return true; }
+  Stats stats;
+
+ private:
+  PatternSink* sink_;
+};
+
+// Turns what the engine reported into the error to throw.
+[[noreturn]] void engine_failure(const Engine& e, const CollectingReporter& rep) {
+  const std::string text = rep.summary();
+  const bool memory = e.node_block_failed || text.find("malloc") != std::string::npos ||
+                      text.find("realloc") != std::string::npos;
+  if (memory) fail(Error::Kind::kOutOfMemory, "out of memory while mining: " + text);
+  if (text.find("fopen") != std::string::npos) fail(Error::Kind::kIo, text);
+  fail(Error::Kind::kInvalidArgument, text);
+}
+
+void check_options(const Options& options) {
+  if (options.min_size > options.max_size) {
+    fail(Error::Kind::kInvalidArgument, "min_size is larger than max_size");
+  }
+  if (options.support.spec().kind == SupportSpec::kTableFile) {
+    check_readable(options.support.spec().file);
+  }
+}
+
+double now() { return wall_seconds(); }
+
+// One whole run: load, mine into `sink`, statistics into *stats.
+void run(const Transactions& transactions, const Options& options, const Precounted* pre,
+         const std::vector<char>* wanted, Loaded* in, PatternSink* sink, Stats* stats,
+         const std::function<void(Loaded*, Engine*, TranBuf*)>& loader) {
+  check_options(options);
+  CollectingReporter rep;
+  Engine e(&rep);
+  const double start = now();
+  TranBuf db = {};
+  if (init_buf_pool(&e.pool, 0) != 0 || init_buf(&e.pool, &db) != 0) throw std::bad_alloc();
+  try {
+    if (loader) {
+      loader(in, &e, &db);
+    } else {
+      load(transactions.data(), &e, &db, in);
+    }
+  } catch (...) {
+    free_buf(&e.pool, &db);
+    throw;
+  }
+  e.nitems = pre != nullptr ? static_cast<uint32_t>(in->label_text.size()) : in->nitems;
+  if (init_buf_pool(&e.pool, e.nitems) != 0) throw std::bad_alloc();
+  e.min_size = options.min_size;
+  e.max_size = options.max_size;
+  e.wanted = wanted;
+  const double loaded = now();
+  Client client(sink);
+  if (mine_database(&e, &db, spec_of(options.support.spec()), pre, &client) != 0) {
+    engine_failure(e, rep);
+  }
+  *stats = client.stats;
+  stats->seconds_load = loaded - start;
+  stats->seconds_mine = now() - loaded;
+}
+
+// Fills the parents of every itemset and the set of those that are some
+// itemset's parent. `offset[k]` is the index of the first itemset of length k.
+void find_all_parents(const Collector& c, const std::vector<size_t>& offset,
+                      std::vector<std::vector<size_t>>* parents, std::vector<char>* is_parent) {
+  parents->assign(offset.back(), {});
+  is_parent->assign(offset.back(), 0);
+  find_parents(c.items(), [&](uint32_t len, uint32_t ordinal,
+                              const std::vector<std::pair<uint32_t, uint32_t>>& found) {
+    std::vector<size_t>& list = (*parents)[offset[len] + ordinal];
+    for (const auto& [plen, pord] : found) {
+      list.push_back(offset[plen] + pord);
+      (*is_parent)[offset[plen] + pord] = 1;
+    }
+  });
+}
+
+// Builds the Result of a collected run, with parents and maximal pruning.
+void assemble(const Collector& c, const Options& options, Result* r) {
+  const double start = now();
+  const auto& items = c.items();
+  std::vector<size_t> offset(items.size() + 1, 0);
+  for (size_t len = 1; len < items.size(); ++len) {
+    offset[len + 1] = offset[len] + c.supports()[len].size();
+  }
+  if (items.empty()) offset.assign(1, 0);
+  std::vector<std::vector<size_t>> parents;
+  std::vector<char> is_parent;
+  if (options.parents || options.maximal) find_all_parents(c, offset, &parents, &is_parent);
+  std::vector<size_t> new_index(offset.back(), SIZE_MAX);
+  for (size_t len = 1; len < items.size(); ++len) {
+    for (uint32_t n = 0; n < c.supports()[len].size(); ++n) {
+      const size_t index = offset[len] + n;
+      if (options.maximal && is_parent[index]) continue;
+      new_index[index] = r->itemsets.size();
+      const uint32_t* first = items[len].data() + size_t{n} * len;
+      r->itemsets.push_back(Itemset{std::vector<uint32_t>(first, first + len), c.supports()[len][n], n});
+      if (r->count_by_length.size() < len) r->count_by_length.resize(len, 0);
+      ++r->count_by_length[len - 1];
+    }
+  }
+  r->stats.frequent = static_cast<uint32_t>(offset.back());
+  if (options.parents) {
+    for (size_t index = 0; index < parents.size(); ++index) {
+      if (new_index[index] == SIZE_MAX) continue;
+      std::vector<size_t> kept;
+      for (size_t p : parents[index]) {
+        if (new_index[p] != SIZE_MAX) kept.push_back(new_index[p]);
+      }
+      r->parents.push_back(std::move(kept));
+    }
+  }
+  r->stats.seconds_post = now() - start;
+}
+
+Result collect(const Transactions& transactions, const Options& options, const Precounted* pre,
+               const std::vector<char>* wanted,
+               const std::function<void(Loaded*, Engine*, TranBuf*)>& loader) {
+  try {
+    Loaded in;
+    Collector collector;
+    Result r;
+    run(transactions, options, pre, wanted, &in, &collector, &r.stats, loader);
+    const Stats stats = r.stats;
+    assemble(collector, options, &r);
+    r.stats.transactions = stats.transactions;
+    r.labels = std::move(in.label_text);
+    return r;
+  } catch (const std::bad_alloc&) {
+    fail(Error::Kind::kOutOfMemory, "out of memory");
+  }
+}
+
+}  // namespace
+
+Result mine(const Transactions& transactions, const Options& options) {
+  return collect(transactions, options, nullptr, nullptr, nullptr);
+}
+
+Stats mine(const Transactions& transactions, const Options& options,
+           const std::function<void(const PatternView&)>& visit) {
+  if (options.maximal || options.parents) {
+    fail(Error::Kind::kInvalidArgument, "maximal and parents need the collected result");
+  }
+  try {
+    Loaded in;
+    Visitor visitor(visit, in);
+    Stats stats;
+    run(transactions, options, nullptr, nullptr, &in, &visitor, &stats, nullptr);
+    return stats;
+  } catch (const std::bad_alloc&) {
+    fail(Error::Kind::kOutOfMemory, "out of memory");
+  }
+}
+
+Result mine_shard(const Transactions& transactions, const Shard& shard, const Options& options) {
+  if (options.maximal || options.parents) {
+    fail(Error::Kind::kInvalidArgument, "a shard cannot prune maximal itemsets or find parents");
+  }
+  if (transactions.data().kind == Transactions::Data::kFile) {
+    fail(Error::Kind::kInvalidArgument, "a shard mines transactions in memory");
+  }
+  std::vector<uint32_t> supports;
+  std::vector<char> wanted;
+  auto loader = [&](Loaded* in, Engine* e, TranBuf* db) {
+    in->labels.add_reserved_token("-1");
+    for (const auto& [label, count] : shard.item_supports) {
+      check_label(label);
+      in->labels.register_token(label);
+    }
+    in->labels.assign_item_numbers();
+    std::unordered_map<std::string, uint32_t> number;
+    for (unsigned i = 0; i < in->labels.label_count(); ++i) {
+      in->label_text.push_back(in->labels.label_of(i));
+      number.emplace(in->labels.label_of(i), i);
+    }
+    supports.assign(in->label_text.size(), 0);
+    for (const auto& [label, count] : shard.item_supports) supports[number.at(label)] = count;
+    wanted.assign(in->label_text.size(), 0);
+    auto item_of = [&](const std::string& label) {
+      auto it = number.find(label);
+      if (it == number.end()) fail(Error::Kind::kInvalidArgument, "label \"" + label + "\" has no support");
+      return it->second;
+    };
+    for (const std::string& label : shard.items) wanted[item_of(label)] = 1;
+    std::vector<uint32_t> items;
+    const Transactions::Data& data = transactions.data();
+    const size_t n = data.kind == Transactions::Data::kLabels ? data.labels.size() : data.numbers.size();
+    for (size_t r = 0; r < n; ++r) {
+      items.clear();
+      if (data.kind == Transactions::Data::kLabels) {
+        for (const std::string& label : data.labels[r]) items.push_back(item_of(label));
+      } else {
+        for (uint32_t v : data.numbers[r]) items.push_back(item_of(std::to_string(v)));
+      }
+      add_record(e, db, &items, &in->nitems);
+    }
+  };
+  Precounted pre;
+  pre.ntrans = shard.transactions;
+  // The loader numbers the items inside the run; the counts follow it.
+  auto wrapped = [&](Loaded* in, Engine* e, TranBuf* db) {
+    loader(in, e, db);
+    pre.supports = supports.data();
+  };
+  return collect(transactions, options, &pre, &wanted, wrapped);
+}
+
+}  // namespace quarlo
