@@ -360,9 +360,6 @@ class Client : public EngineClient {
 }
 
 void check_options(const Options& options) {
-  if (options.min_size > options.max_size) {
-    fail(Error::Kind::kInvalidArgument, "min_size is larger than max_size");
-  }
   if (options.support.spec().kind == SupportSpec::kTableFile) {
     check_readable(options.support.spec().file);
   }

@@ -187,7 +187,9 @@ TEST_F(LabelTableTest, RoundTripRestoresUserLabels) {
   const std::string conv = load_and_convert(
       "milk 05 bread\r\n5 \xc3\xa9pices 4294967296 milk\n\nB b 0 -1\n-1 10 10 0\n"
       "123456789012345678901234567890 x");
-  ASSERT_EQ(ttoqr(path("in.conv").c_str(), path("in.qr").c_str()), 0u);
+  CollectingReporter rep;
+  uint32_t item_count = 0;
+  ASSERT_EQ(ttoqr(path("in.conv").c_str(), path("in.qr").c_str(), &item_count, &rep), 0u);
   EXPECT_EQ(item_count, table_.label_count());
   // One pattern line per converted line with an item, items ascending.
   std::istringstream lines(conv);
@@ -228,7 +230,9 @@ TEST_F(LabelTableTest, NoisyLayoutGivesTheSameTransactions) {
       table.add_reserved_token("-1");
       table.load_labels(file.c_str());
       ASSERT_EQ(table.convert(file.c_str(), path("f.conv").c_str()), 0u);
-      ASSERT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str()), 0u);
+      CollectingReporter rep;
+      uint32_t item_count = 0;
+      ASSERT_EQ(ttoqr(path("f.conv").c_str(), path("f.qr").c_str(), &item_count, &rep), 0u);
       EXPECT_EQ(item_count, table.label_count());
       label_lists[noisy] = labels(table);
       binaries[noisy] = read("f.qr");

@@ -1,83 +1,59 @@
-// Randomized differential test of the whole engine: for many small random
-// databases, support constraints and size limits, the (itemset, support) pairs
-// written to the pattern file must equal a brute-force enumeration that counts
-// every itemset directly. The pattern file's line format is checked on the way.
+// Randomized differential test of the whole engine through the library: for
+// many small random databases, support constraints and size limits, the
+// itemsets and supports found must equal a brute-force enumeration that
+// counts every itemset directly, and the runs of a split by items (shards)
+// must together find exactly the same.
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "cfptree.h"
+#include "quarlo/quarlo.h"
 #include "suppfunc.h"
-#include "support/engine.h"
+#include "support/harness.h"
 
 namespace {
 
-using namespace quarlo_test;
-using PatternSet = std::map<Items, int32_t>;
+using Items = std::vector<uint32_t>;
+using PatternSet = std::map<Items, uint32_t>;
 
-// One random case: the database and the support constraint.
 struct Case {
   std::vector<Items> trans;
   std::vector<std::pair<uint32_t, double>> table;  // empty: constant support
   double percent = 0.0;
   uint32_t min_size = 1;
-  uint32_t max_size = 0;  // 0: no -M
+  uint32_t max_size = 0;  // 0: no limit
 };
 
-class Differential : public TempDirTest {
- protected:
-  // Runs the engine on `c`; returns its status and the (itemset, support)
-  // pairs of the pattern file, checking every line's identifier, percentage
-  // and item order.
-  int Run(const Case& c, PatternSet* got) {
-    // Fresh names every run: truncating files that already hold data costs
-    // far more on some file systems than creating new ones.
-    const std::string input = path("db" + std::to_string(++runs_));
-    write_qr(input + ".qr", c.trans);
-    std::ostringstream table;
-    for (auto& [len, f] : c.table) table << len << ' ' << f << '\n';
-    write_file(input + ".supp", table.str());
-    char pct[32];
-    snprintf(pct, sizeof pct, "%.17g", c.percent);
-    std::vector<std::string> args = {"-s", pct};
-    if (!c.table.empty()) args = {"-S", input + ".supp"};
-    if (c.min_size != 1) args.insert(args.end(), {"-m", std::to_string(c.min_size)});
-    if (c.max_size != 0) args.insert(args.end(), {"-M", std::to_string(c.max_size)});
-    set_options(args, input);
-    const int status = run_engine().status;
-    std::map<uint32_t, uint32_t> next_ordinal;
-    for (const std::string& line : read_lines(input + ".fp_conv")) {
-      uint32_t len_minus_one = 0, ordinal = 0;
-      int32_t support = 0;
-      char pct[16] = "", want[32];
-      int used = 0;
-      EXPECT_EQ(
-          sscanf(line.c_str(), "%u-%u %d %15s%n", &len_minus_one, &ordinal, &support, pct, &used),
-          4)
-          << line;
-      std::istringstream rest(line.substr(used));
-      Items items;
-      for (uint32_t x; rest >> x;) items.push_back(x);
-      EXPECT_EQ(len_minus_one + 1, items.size()) << line;
-      EXPECT_EQ(ordinal, next_ordinal[len_minus_one]++) << line;
-      snprintf(want, sizeof want, "%.3f", support * 100.0 / c.trans.size());
-      EXPECT_STREQ(pct, want) << line;
-      EXPECT_TRUE(std::is_sorted(items.begin(), items.end())) << line;
-      EXPECT_TRUE(got->emplace(items, support).second) << "repeated: " << line;
-    }
-    return status;
+quarlo::Options options_of(const Case& c) {
+  quarlo::Options o;
+  o.support = c.table.empty() ? quarlo::Support::percent(c.percent) : quarlo::Support::table(c.table);
+  o.min_size = c.min_size;
+  if (c.max_size != 0) o.max_size = c.max_size;
+  return o;
+}
+
+// The itemsets of a result in the case's own item values, checking the
+// ordinals (0, 1, ... within each length) on the way.
+PatternSet patterns_of(const quarlo::Result& r) {
+  PatternSet out;
+  std::map<size_t, uint32_t> next_ordinal;
+  for (const quarlo::Itemset& s : r.itemsets) {
+    EXPECT_EQ(s.ordinal, next_ordinal[s.items.size()]++);
+    Items items;
+    for (uint32_t i : s.items) items.push_back(static_cast<uint32_t>(std::stoul(r.labels[i])));
+    EXPECT_TRUE(std::is_sorted(items.begin(), items.end()));
+    EXPECT_TRUE(out.emplace(items, s.support).second);
   }
-
-  int runs_ = 0;
-};
+  return out;
+}
 
 // Every itemset over the items present, counted directly, kept when its
 // support reaches the minimum of its length and its length lies in the limits.
-PatternSet BruteForce(const Case& c) {
+PatternSet brute_force(const Case& c) {
   uint32_t nitems = 0;
   std::vector<uint32_t> masks;
   for (const Items& t : c.trans) {
@@ -89,7 +65,6 @@ PatternSet BruteForce(const Case& c) {
     masks.push_back(m);
   }
   const uint32_t ntrans = static_cast<uint32_t>(c.trans.size());
-  // Minimum count of every length: the table entry of the longest length up to it.
   std::vector<uint32_t> need(nitems + 1, percent_to_count(c.percent, ntrans));
   for (uint32_t len = 1, next = 0, current = 0; len <= nitems && !c.table.empty(); ++len) {
     while (next < c.table.size() && c.table[next].first <= len) {
@@ -102,9 +77,9 @@ PatternSet BruteForce(const Case& c) {
   for (uint32_t set = 1; set < (1u << nitems); ++set) {
     const uint32_t len = static_cast<uint32_t>(__builtin_popcount(set));
     if (len < c.min_size || len > max_size) continue;
-    int32_t support = 0;
+    uint32_t support = 0;
     for (uint32_t m : masks) support += (m & set) == set;
-    if (support == 0 || static_cast<uint32_t>(support) < need[len]) continue;
+    if (support == 0 || support < need[len]) continue;
     Items items;
     for (uint32_t x = 0; x < nitems; ++x) {
       if (set >> x & 1) items.push_back(x);
@@ -114,7 +89,47 @@ PatternSet BruteForce(const Case& c) {
   return want;
 }
 
-std::string Describe(const Case& c) {
+// The union of the shards of a random split of the items: each item's shard
+// gets every transaction that holds one of its items, cut after the last one
+// in the order of falling support (ties by item).
+PatternSet mine_in_shards(const Case& c, std::mt19937& rng) {
+  std::map<uint32_t, uint32_t> support;
+  for (const Items& t : c.trans) {
+    for (uint32_t x : t) ++support[x];
+  }
+  auto before = [&](uint32_t a, uint32_t b) {
+    return support[a] != support[b] ? support[a] > support[b] : a < b;
+  };
+  const uint32_t ngroups = 1 + rng() % 4;
+  std::map<uint32_t, uint32_t> group;
+  quarlo::Shard base;
+  base.transactions = static_cast<uint32_t>(c.trans.size());
+  for (const auto& [x, s] : support) {
+    group[x] = rng() % ngroups;
+    base.item_supports.emplace_back(std::to_string(x), s);
+  }
+  PatternSet all;
+  for (uint32_t g = 0; g < ngroups; ++g) {
+    quarlo::Shard shard = base;
+    for (const auto& [x, gx] : group) {
+      if (gx == g) shard.items.push_back(std::to_string(x));
+    }
+    std::vector<Items> part;
+    for (Items t : c.trans) {
+      std::sort(t.begin(), t.end(), before);
+      size_t end = 0;
+      for (size_t i = 0; i < t.size(); ++i) {
+        if (group[t[i]] == g) end = i + 1;
+      }
+      if (end > 0) part.emplace_back(t.begin(), t.begin() + end);
+    }
+    const quarlo::Result r = quarlo::mine_shard(quarlo::Transactions::from_numbers(part), shard, options_of(c));
+    for (const auto& [items, s] : patterns_of(r)) EXPECT_TRUE(all.emplace(items, s).second);
+  }
+  return all;
+}
+
+std::string describe(const Case& c) {
   std::ostringstream out;
   for (const Items& t : c.trans) out << testing::PrintToString(t) << '\n';
   out << "-s " << c.percent << " table " << testing::PrintToString(c.table) << " -m " << c.min_size
@@ -124,7 +139,7 @@ std::string Describe(const Case& c) {
 
 // A random database: items with skewed frequencies so that trees share
 // prefixes, branch and also degenerate into single paths.
-Case RandomCase(std::mt19937& rng) {
+Case random_case(std::mt19937& rng) {
   Case c;
   const uint32_t nitems = 1 + rng() % 11;
   const uint32_t ntrans = rng() % 40;
@@ -166,49 +181,40 @@ Case RandomCase(std::mt19937& rng) {
   return c;
 }
 
-void ExpectSameAsBruteForce(const Case& c, int status, const PatternSet& got) {
+void expect_brute_force(const Case& c) {
   if (c.trans.empty() && !c.table.empty()) {
     // No items means no length 1 to give a support for: the table is refused.
-    EXPECT_EQ(status, 1);
-    EXPECT_TRUE(got.empty());
+    EXPECT_THROW(quarlo::mine(quarlo::Transactions::from_numbers(c.trans), options_of(c)), quarlo::Error);
     return;
   }
-  ASSERT_EQ(status, 0) << Describe(c);
-  EXPECT_EQ(got, BruteForce(c)) << Describe(c);
+  const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_numbers(c.trans), options_of(c));
+  EXPECT_EQ(patterns_of(r), brute_force(c)) << describe(c);
 }
 
-TEST_F(Differential, RandomDatabasesMatchBruteForce) {
-  reset_mining_counters();
+TEST(Differential, RandomDatabasesMatchBruteForceWholeAndInShards) {
   std::mt19937 rng(20240611);
-  for (int round = 0; round < 1500 && !HasFailure(); ++round) {
-    const Case c = RandomCase(rng);
-    PatternSet got;
-    const int status = Run(c, &got);
-    ExpectSameAsBruteForce(c, status, got);
-    if (HasFailure()) ADD_FAILURE() << "round " << round;
+  for (int round = 0; round < 1500 && !testing::Test::HasFailure(); ++round) {
+    const Case c = random_case(rng);
+    expect_brute_force(c);
+    if (!c.trans.empty()) {
+      EXPECT_EQ(mine_in_shards(c, rng), brute_force(c)) << describe(c);
+    }
+    if (testing::Test::HasFailure()) ADD_FAILURE() << "round " << round;
   }
-  // Every shortcut of the recursion was taken, so each was checked above.
-  const MiningCounters& n = mining_counters();
-  EXPECT_GT(n.single_paths, 0u);
-  EXPECT_GT(n.marked_nodes, 0u);
-  EXPECT_GT(n.pruned_nodes, 0u);
-  EXPECT_GT(n.cut_items, 0u);
-  EXPECT_GT(n.conditional_trees, 0u);
 }
 
 // Ten records of x and three of y z w, with 90 % for lengths 1-2 and 23 % from
 // length 3 (minimum counts 12 and 3 of 13): path pruning cuts x from every
 // record, the remaining tree is the single path y-z-w, and {y, z, w} with
-// support 3 must still be written.
-TEST_F(Differential, SinglePathAfterTopItemWasCutEverywhere) {
+// support 3 must still be found.
+TEST(Differential, SinglePathAfterTopItemWasCutEverywhere) {
   Case c;
   c.trans.assign(10, {0});
   c.trans.insert(c.trans.end(), 3, {1, 2, 3});
   c.table = {{1, 90.0}, {3, 23.0}};
-  PatternSet got;
-  const int status = Run(c, &got);
-  ExpectSameAsBruteForce(c, status, got);
-  EXPECT_EQ(got, (PatternSet{{{1, 2, 3}, 3}}));
+  expect_brute_force(c);
+  const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_numbers(c.trans), options_of(c));
+  EXPECT_EQ(patterns_of(r), (PatternSet{{{1, 2, 3}, 3}}));
 }
 
 }  // namespace

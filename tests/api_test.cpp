@@ -1,0 +1,269 @@
+// The public library against the program: the same itemsets, ids, supports
+// and parents as the program's FILE.fp and FILE.pc, from a file and from
+// memory, in one thread or several at once; bad inputs raise quarlo::Error.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quarlo/quarlo.h"
+#include "support/harness.h"
+
+namespace {
+
+using quarlo_test::copy_file;
+using quarlo_test::read_file;
+using quarlo_test::RunResult;
+using quarlo_test::run_quarlo;
+using quarlo_test::TempDirTest;
+using quarlo_test::write_file;
+
+std::string source_path(const std::string& rel) { return std::string(QUARLO_SOURCE_DIR) + "/" + rel; }
+
+// The result written as the program writes FILE.fp.
+std::string fp_text(const quarlo::Result& r) {
+  std::string out;
+  char pct[32];
+  for (const quarlo::Itemset& s : r.itemsets) {
+    snprintf(pct, sizeof pct, "%.3f", s.support * 100.0 / r.stats.transactions);
+    out += std::to_string(s.items.size() - 1) + "-" + std::to_string(s.ordinal) + " " +
+           std::to_string(s.support) + " " + pct + " ";
+    for (uint32_t item : s.items) out += r.labels[item] + " ";
+    out += "\n";
+  }
+  return out;
+}
+
+std::string id_of(const quarlo::Itemset& s) {
+  return std::to_string(s.items.size() - 1) + "-" + std::to_string(s.ordinal);
+}
+
+// The parents written as the program writes FILE.pc: longest itemsets first.
+std::string pc_text(const quarlo::Result& r) {
+  std::vector<size_t> order(r.itemsets.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+    return r.itemsets[a].items.size() > r.itemsets[b].items.size();
+  });
+  std::string out;
+  for (size_t i : order) {
+    out += id_of(r.itemsets[i]);
+    for (size_t p : r.parents[i]) {
+      out += ' ';
+      out += id_of(r.itemsets[p]);
+    }
+    out += "\n";
+  }
+  return out;
+}
+
+// The transactions of a file as labels, line by line.
+std::vector<std::vector<std::string>> labels_of(const std::string& path) {
+  std::vector<std::vector<std::string>> out;
+  std::istringstream in(read_file(path));
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    out.emplace_back();
+    for (std::string w; words >> w;) out.back().push_back(w);
+  }
+  return out;
+}
+
+class Library : public TempDirTest {
+ protected:
+  // Runs the program on a copy of `input` (with `table` as t.supp when given).
+  RunResult cli(const std::string& input, const std::string& table,
+                std::vector<std::string> args) {
+    copy_file(input, path("in.txt"));
+    if (!table.empty()) {
+      copy_file(table, path("t.supp"));
+      args.insert(args.end(), {"-S", "t.supp"});
+    }
+    args.push_back("in.txt");
+    return run_quarlo(dir(), args);
+  }
+};
+
+TEST_F(Library, FileAndMemoryGiveTheProgramsFiles) {
+  const struct {
+    std::string input, table;
+  } cases[] = {
+      {"examples/groceries.txt", "examples/groceries.supp"},
+      {"examples/groceries.txt", ""},
+      {"tests/data/cli/market.txt", "tests/data/cli/market.supp"},
+      {"tests/data/conversion/labels-noise.txt", ""},
+      {"tests/data/conversion/numbers-noise.txt", ""},
+      {"tests/data/pipeline/lattice.txt", "tests/data/pipeline/lattice.supp"},
+      {"tests/data/pipeline/gaps.txt", "tests/data/pipeline/gaps.supp"},
+  };
+  for (const auto& c : cases) {
+    const std::string input = source_path(c.input);
+    quarlo::Options options;
+    if (!c.table.empty()) options.support = quarlo::Support::table_file(source_path(c.table));
+    options.parents = true;
+    ASSERT_EQ(cli(input, c.table.empty() ? "" : source_path(c.table), {"-p"}).status, 0) << c.input;
+    const std::string fp = read_file(path("in.txt.fp"));
+    const std::string pc = read_file(path("in.txt.pc"));
+    const quarlo::Result from_file = quarlo::mine(quarlo::Transactions::from_file(input), options);
+    EXPECT_EQ(fp_text(from_file), fp) << c.input;
+    EXPECT_EQ(pc_text(from_file), pc) << c.input;
+    const quarlo::Result in_memory = quarlo::mine(quarlo::Transactions::from_labels(labels_of(input)), options);
+    EXPECT_EQ(fp_text(in_memory), fp) << c.input;
+    EXPECT_EQ(pc_text(in_memory), pc) << c.input;
+
+    options.maximal = true;
+    options.parents = false;
+    ASSERT_EQ(cli(input, c.table.empty() ? "" : source_path(c.table), {"-x"}).status, 0) << c.input;
+    const quarlo::Result maximal = quarlo::mine(quarlo::Transactions::from_file(input), options);
+    EXPECT_EQ(fp_text(maximal), read_file(path("in.txt.fp"))) << c.input;
+    EXPECT_EQ(maximal.stats.frequent, from_file.itemsets.size());
+  }
+}
+
+TEST_F(Library, SizesTablesAndIntegerLabelsFollowTheProgram) {
+  const std::string input = source_path("examples/groceries.txt");
+  const RunResult run = cli(input, "", {"-s", "12", "-m", "2", "-M", "3"});
+  ASSERT_EQ(run.status, 0);
+  quarlo::Options options;
+  options.support = quarlo::Support::percent(12);
+  options.min_size = 2;
+  options.max_size = 3;
+  quarlo::Result r = quarlo::mine(quarlo::Transactions::from_file(input), options);
+  EXPECT_EQ(fp_text(r), read_file(path("in.txt.fp")));
+  ASSERT_EQ(r.count_by_length.size(), 3u);
+  EXPECT_EQ(r.count_by_length[0], 0u);
+  for (uint32_t len : {2, 3}) {
+    char line[80];
+    snprintf(line, sizeof line, "  Number of Frequent Patterns[Length%5u]      %u\n", len,
+             r.count_by_length[len - 1]);
+    EXPECT_NE(run.out.find(line), std::string::npos) << line;
+  }
+
+  // A table of pairs and of counts reads as the same table file.
+  ASSERT_EQ(cli(input, source_path("examples/groceries.supp"), {}).status, 0);
+  const std::string want = read_file(path("in.txt.fp"));
+  std::vector<std::pair<uint32_t, double>> pairs;
+  std::istringstream table(read_file(source_path("examples/groceries.supp")));
+  for (uint32_t len; table >> len;) table >> pairs.emplace_back(len, 0.0).second;
+  options = quarlo::Options();
+  options.support = quarlo::Support::table(pairs);
+  EXPECT_EQ(fp_text(quarlo::mine(quarlo::Transactions::from_file(input), options)), want);
+
+  // Integer labels number as their decimal text does.
+  const std::vector<std::vector<uint32_t>> numbers = {{30, 7}, {7, 1000}, {30, 7, 1000}, {5}};
+  write_file(path("n.txt"), "30 7\n7 1000\n30 7 1000\n5\n");
+  options.support = quarlo::Support::count(2);
+  EXPECT_EQ(fp_text(quarlo::mine(quarlo::Transactions::from_numbers(numbers), options)),
+            fp_text(quarlo::mine(quarlo::Transactions::from_file(path("n.txt")), options)));
+}
+
+TEST_F(Library, RunsOneAfterAnotherAndOnSeveralThreadsAlike) {
+  const std::string input = source_path("examples/groceries.txt");
+  std::vector<quarlo::Options> options(4);
+  options[0].support = quarlo::Support::table_file(source_path("examples/groceries.supp"));
+  options[1].support = quarlo::Support::percent(8);
+  options[1].parents = true;
+  options[2].support = quarlo::Support::count_table({{1, 5}, {3, 2}});
+  options[2].maximal = true;
+  options[3].support = quarlo::Support::percent(0);
+  std::vector<std::string> want;
+  for (const quarlo::Options& o : options) {
+    want.push_back(fp_text(quarlo::mine(quarlo::Transactions::from_file(input), o)));
+  }
+  for (size_t i = 0; i < options.size(); ++i) {
+    EXPECT_EQ(fp_text(quarlo::mine(quarlo::Transactions::from_file(input), options[i])), want[i]);
+  }
+  std::vector<std::string> got(2 * options.size());
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < got.size(); ++i) {
+    threads.emplace_back([&, i] {
+      const quarlo::Options& o = options[i % options.size()];
+      got[i] = fp_text(quarlo::mine(quarlo::Transactions::from_labels(labels_of(input)), o));
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], want[i % options.size()]) << i;
+}
+
+TEST_F(Library, CallbackSeesEveryItemsetInTheOrderFound) {
+  const std::string input = source_path("examples/groceries.txt");
+  quarlo::Options options;
+  options.support = quarlo::Support::table_file(source_path("examples/groceries.supp"));
+  const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_file(input), options);
+  std::vector<std::string> seen;
+  const quarlo::Stats stats = quarlo::mine(quarlo::Transactions::from_file(input), options,
+                                           [&](const quarlo::PatternView& p) {
+    std::string line = std::to_string(p.length - 1) + "-" + std::to_string(p.ordinal) + " " +
+                       std::to_string(p.support);
+    for (uint32_t i = 0; i < p.length; ++i) line += " " + *p.labels[i];
+    seen.push_back(line);
+  });
+  std::vector<std::string> want;
+  for (const quarlo::Itemset& s : r.itemsets) {
+    std::string line = id_of(s) + " " + std::to_string(s.support);
+    for (uint32_t item : s.items) line += " " + r.labels[item];
+    want.push_back(line);
+  }
+  EXPECT_NE(seen, want);  // found order mixes the lengths ...
+  std::stable_sort(seen.begin(), seen.end(), [](const std::string& a, const std::string& b) {
+    return std::stoi(a) < std::stoi(b);
+  });
+  EXPECT_EQ(seen, want);  // ... and keeps each length's order
+  EXPECT_EQ(stats.transactions, 25u);
+  EXPECT_EQ(stats.items, r.labels.size());
+  options.maximal = true;
+  EXPECT_THROW(quarlo::mine(quarlo::Transactions::from_file(input), options, [](const auto&) {}),
+               quarlo::Error);
+}
+
+TEST_F(Library, BadInputsRaiseTheirKindOfError) {
+  using Kind = quarlo::Error::Kind;
+  write_file(path("ok.txt"), "a b\nb c\n");
+  write_file(path("split.txt"), "a b\nb -1 c\n");
+  write_file(path("zero.supp"), "1 5\n0 3\n");
+  write_file(path("no1.supp"), "2 5\n");
+  mkdir(path("dir").c_str(), 0755);
+  auto kind_of = [](const quarlo::Transactions& t, const quarlo::Options& o) {
+    try {
+      quarlo::mine(t, o);
+    } catch (const quarlo::Error& e) {
+      EXPECT_NE(std::string(e.what()), "");
+      return static_cast<int>(e.kind());
+    }
+    return -1;
+  };
+  const quarlo::Options plain;
+  auto with_table = [](const std::string& file) {
+    quarlo::Options o;
+    o.support = quarlo::Support::table_file(file);
+    return o;
+  };
+  const struct {
+    int got;
+    Kind want;
+  } cases[] = {
+      {kind_of(quarlo::Transactions::from_file(path("absent.txt")), plain), Kind::kIo},
+      {kind_of(quarlo::Transactions::from_file(path("dir")), plain), Kind::kIo},
+      {kind_of(quarlo::Transactions::from_file(path("ok.txt")), with_table(path("absent.supp"))), Kind::kIo},
+      {kind_of(quarlo::Transactions::from_file(path("ok.txt")), with_table(path("zero.supp"))),
+       Kind::kInvalidArgument},
+      {kind_of(quarlo::Transactions::from_file(path("ok.txt")), with_table(path("no1.supp"))),
+       Kind::kInvalidArgument},
+      {kind_of(quarlo::Transactions::from_file(path("split.txt")), plain), Kind::kInvalidArgument},
+      {kind_of(quarlo::Transactions::from_labels({{"a", "-1", "b"}}), plain), Kind::kInvalidArgument},
+      {kind_of(quarlo::Transactions::from_labels({{"a b"}}), plain), Kind::kInvalidArgument},
+      {kind_of(quarlo::Transactions::from_labels({{""}}), plain), Kind::kInvalidArgument},
+  };
+  for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].got, static_cast<int>(cases[i].want)) << i;
+  EXPECT_THROW(quarlo::Support::count(0), quarlo::Error);
+  // "-1" at either end of a transaction is no item, as in a file.
+  const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_labels({{"-1", "a", "b", "-1"}, {"-1"}}));
+  EXPECT_EQ(r.stats.transactions, 1u);
+  EXPECT_EQ(r.itemsets.size(), 3u);
+}
+
+}  // namespace
