@@ -2,11 +2,15 @@
 #   make        optimised binary at build/release/quarlo
 #   make demo   build, then run quarlo on the example in examples/
 #   make test   Debug build with AddressSanitizer + UBSan, all tests through CTest,
-#               then the same tests on the optimised build
+#               then the same tests on the optimised build, then the installed
+#               package checked with examples/embed
+#   make install PREFIX=/usr/local   program, library, headers, CMake package, man page
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_DIR := build/demo
 
-.PHONY: all release demo test build-deps test-deps clean
+PREFIX ?= /usr/local
+
+.PHONY: all release demo test install build-deps test-deps clean
 
 all: release
 
@@ -35,6 +39,10 @@ test: test-deps
 	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DQUARLO_TESTS=ON
 	cmake --build build/release -j $(JOBS)
 	cd build/release && ctest --output-on-failure -j $(JOBS)
+	sh tools/check-embed.sh
+
+install: release
+	cmake --install build/release --prefix $(PREFIX)
 
 clean:
 	rm -rf build

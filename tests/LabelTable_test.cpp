@@ -101,7 +101,11 @@ TEST_F(LabelTableTest, UnknownTokenGetsItemZeroAndIsAdded) {
 
 TEST_F(LabelTableTest, VeryLongLineKeepsEveryToken) {
   std::string line;
-  for (int i = 99999; i >= 0; --i) line += "w" + std::to_string(i) + (i % 7 == 0 ? "\t" : " ");
+  for (int i = 99999; i >= 0; --i) {
+    line += 'w';
+    line += std::to_string(i);
+    line += i % 7 == 0 ? '\t' : ' ';
+  }
   std::istringstream conv(load_and_convert(line + "\nw5\n"));
   EXPECT_EQ(table_.label_count(), 100000u);
   std::string first, second;
@@ -203,7 +207,10 @@ TEST_F(LabelTableTest, RoundTripRestoresUserLabels) {
     }
     if (items.empty()) continue;
     fp_conv += std::to_string(items.size() - 1) + "-" + std::to_string(k++) + " 1 16.667";
-    for (uint32_t item : items) fp_conv += " " + std::to_string(item);
+    for (uint32_t item : items) {
+      fp_conv += ' ';
+      fp_conv += std::to_string(item);
+    }
     fp_conv += "\n";
   }
   write("in.fp_conv", fp_conv);

@@ -1,13 +1,15 @@
 #!/bin/sh
 # Makes sure the build's tools are present: g++, cmake and make, plus
-# GoogleTest when called with "test". As root, missing Debian packages are
+# GoogleTest and the man page tools when called with "test". As root, missing Debian packages are
 # installed with apt-get; otherwise the script names them and fails.
 missing=""
 command -v g++ >/dev/null 2>&1 || missing="$missing g++"
 command -v cmake >/dev/null 2>&1 || missing="$missing cmake"
 command -v make >/dev/null 2>&1 || missing="$missing make"
-if [ "${1:-build}" = "test" ] && [ ! -f /usr/include/gtest/gtest.h ]; then
-  missing="$missing libgtest-dev"
+if [ "${1:-build}" = "test" ]; then
+  [ -f /usr/include/gtest/gtest.h ] || missing="$missing libgtest-dev"
+  command -v groff >/dev/null 2>&1 || missing="$missing groff-base"
+  command -v man >/dev/null 2>&1 || missing="$missing man-db"
 fi
 [ -n "$missing" ] || exit 0
 if [ "$(id -u)" = "0" ] && command -v apt-get >/dev/null 2>&1; then
