@@ -2,6 +2,8 @@
 // "-1", leading fields, and the record operations of the post-processing.
 #include "sequence.h"
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -113,9 +115,10 @@ TEST(SequenceSet, LoadReadsEveryLineIncludingAnUnterminatedLast) {
   FILE* f = tmpfile();
   ASSERT_NE(f, nullptr);
   fputs("0-0 4 50.000 3\n\n1-0 2 25.000 7 3\r\n1-1 2 25.000 9 1", f);
-  rewind(f);
+  fflush(f);
+  lseek(fileno(f), 0, SEEK_SET);
   SequenceSet set;
-  set.load(f, 3);
+  set.load(fileno(f), 3);
   fclose(f);
   EXPECT_EQ(set.max_length(), 2u);
   ASSERT_NE(set.at(0, 0), nullptr);  // the empty line, under length 0

@@ -1,11 +1,15 @@
 #include "lattice.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -28,20 +32,21 @@ constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
 // ---------------------------------------------------------------------------
 // Files
 
+// The pattern file and the PC list of one call; the list is written through
+// one output buffer.
 struct LatticeFiles {
-  FILE* patterns = nullptr;
-  FILE* pc = nullptr;
+  int patterns = -1;
+  int pc = -1;
+  std::unique_ptr<OutBuffer> out;
 };
 
 // Closes both files; false when the PC list could not be written whole.
 bool close_files(LatticeFiles* files) {
-  bool written = true;
-  if (files->patterns != nullptr) fclose(files->patterns);
-  if (files->pc != nullptr) {
-    written = ferror(files->pc) == 0;
-    written = fclose(files->pc) == 0 && written;
-  }
-  *files = LatticeFiles{};
+  bool written = files->out == nullptr || files->out->flush() == 0;
+  files->out.reset();
+  if (files->patterns >= 0) close(files->patterns);
+  if (files->pc >= 0 && close(files->pc) != 0) written = false;
+  files->patterns = files->pc = -1;
   return written;
 }
 
@@ -58,16 +63,73 @@ int finish(LatticeFiles* files, const char* pc_file, int result, Reporter* rep) 
 // Opens both files, reporting each that fails. Returns 0, or 1 with both closed.
 int open_files(const char* pattern_file, const char* pc_file, LatticeFiles* files,
                Reporter* rep) {
-  files->patterns = fopen(pattern_file, "r");
-  if (files->patterns == nullptr) {
+  files->patterns = open(pattern_file, O_RDONLY);
+  if (files->patterns < 0) {
     rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPatterns, pattern_file);
   }
-  files->pc = create_text_file(pc_file);
-  if (files->pc == nullptr) rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
-  if (files->patterns != nullptr && files->pc != nullptr) return 0;
+  files->pc = open(pc_file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  if (files->pc < 0) rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
+  if (files->patterns >= 0 && files->pc >= 0) {
+    files->out = std::make_unique<OutBuffer>(files->pc);
+    return 0;
+  }
   close_files(files);
   return 1;
 }
+
+// Formats the PC lines into the list's output buffer. Digits are written in
+// place: calls to copy a few bytes cost more here than the formatting itself.
+class LineWriter {
+ public:
+  explicit LineWriter(OutBuffer* out) : out_(out) {}
+
+  void id(uint32_t len_minus_one, uint32_t ordinal) {
+    char* p = out_->reserve(kMaxId);
+    p = put(p, len_minus_one);
+    *p++ = '-';
+    out_->commit(put(p, ordinal));
+  }
+  void parent(uint32_t len_minus_one, uint32_t ordinal) {
+    char* p = out_->reserve(1);
+    *p++ = ' ';
+    out_->commit(p);
+    id(len_minus_one, ordinal);
+  }
+  void end() {
+    char* p = out_->reserve(1);
+    *p++ = '\n';
+    out_->commit(p);
+  }
+
+ private:
+  static constexpr size_t kMaxId = 21;  // two 10-digit numbers and a dash
+
+  // Writes v in decimal at p, two digits per division; returns the end.
+  static char* put(char* p, uint32_t v) {
+    static constexpr char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    size_t len = 1;
+    for (uint32_t rest = v; rest >= 10; rest /= 10) ++len;
+    char* end = p + len;
+    p = end;
+    for (; v >= 100; v /= 100) {
+      p -= 2;
+      p[0] = kPairs[2 * (v % 100)];
+      p[1] = kPairs[2 * (v % 100) + 1];
+    }
+    if (v >= 10) {
+      p[-2] = kPairs[2 * v];
+      p[-1] = kPairs[2 * v + 1];
+    } else {
+      p[-1] = static_cast<char>('0' + v);
+    }
+    return end;
+  }
+
+  OutBuffer* out_;
+};
 
 // ---------------------------------------------------------------------------
 // The plain search over SequenceSet
@@ -85,7 +147,7 @@ bool found_before(const SequenceSet& found, uint32_t len, const Sequence& s) {
 // subsets go to the line and `found`, the others to `frontier`. Returns 0, or
 // 1 when a subset cannot be allocated.
 int scan_subsets(const SequenceSet& patterns, const Sequence& q, uint32_t j, SequenceSet* frontier,
-                 SequenceSet* found, FILE* out) {
+                 SequenceSet* found, LineWriter* out) {
   for (uint32_t t = 0; t < length(q); ++t) {
     Sequence* s = without_item(q, t);
     if (s == nullptr) return 1;
@@ -93,7 +155,7 @@ int scan_subsets(const SequenceSet& patterns, const Sequence& q, uint32_t j, Seq
     if (found_before(*found, j - 1, *s)) {
       // already written for this pattern
     } else if (patterns.find_index(*s, &n)) {
-      fprintf(out, " %u-%u", length(*s) - 1, n);
+      out->parent(length(*s) - 1, n);
       found->insert(*s);
     } else {
       frontier->insert(*s);
@@ -104,8 +166,9 @@ int scan_subsets(const SequenceSet& patterns, const Sequence& q, uint32_t j, Seq
 }
 
 // Writes the line of pattern p, the ordinal-th of its length. Returns 0 or 1.
-int scan_pattern(const SequenceSet& patterns, const Sequence& p, uint32_t ordinal, FILE* out) {
-  fprintf(out, "%u-%u", length(p) - 1, ordinal);
+int scan_pattern(const SequenceSet& patterns, const Sequence& p, uint32_t ordinal,
+                 LineWriter* out) {
+  out->id(length(p) - 1, ordinal);
   SequenceSet frontier;
   SequenceSet found;
   frontier.insert(p);
@@ -121,12 +184,11 @@ int scan_pattern(const SequenceSet& patterns, const Sequence& p, uint32_t ordina
     if (scan_subsets(patterns, *q, j, &frontier, &found, out) != 0) return 1;
     ++x;
   }
-  fputc('\n', out);
-  fflush(out);
+  out->end();
   return 0;
 }
 
-int lattice_by_scan(FILE* in, FILE* out) {
+int lattice_by_scan(int in, LineWriter* out) {
   SequenceSet patterns;
   patterns.load(in, kPatternFields);
   for (uint32_t k = patterns.max_length(); k >= 1; --k) {
@@ -331,8 +393,8 @@ bool parse_items(std::string_view line, std::vector<uint32_t>* items) {
 
 // Loads every line of `in` into `table` and indexes it. Returns false when a
 // record of more than one itemset was met (the table is then incomplete).
-bool load_patterns(FILE* in, PatternTable* table) {
-  LineReader lines(fileno(in));
+bool load_patterns(int in, PatternTable* table) {
+  LineReader lines(in);
   std::string_view line;
   std::vector<uint32_t> items;
   while (lines.next(&line)) {
@@ -402,71 +464,6 @@ class Level {
   std::vector<uint32_t> items_;
   std::vector<uint64_t> hashes_;
   std::vector<Slot> slots_;
-};
-
-// Formats the PC lines into one large buffer that goes to the stream in blocks.
-// Digits are written in place: calls to copy a few bytes cost more here than
-// the formatting itself.
-class LineWriter {
- public:
-  explicit LineWriter(FILE* out) : out_(out), buf_(kSize) {}
-  ~LineWriter() { flush(); }
-  LineWriter(const LineWriter&) = delete;
-  LineWriter& operator=(const LineWriter&) = delete;
-
-  void id(uint32_t len_minus_one, uint32_t ordinal) {
-    room(kMaxId);
-    put(len_minus_one);
-    buf_[used_++] = '-';
-    put(ordinal);
-  }
-  void parent(uint32_t len_minus_one, uint32_t ordinal) {
-    room(kMaxId + 1);
-    buf_[used_++] = ' ';
-    id(len_minus_one, ordinal);
-  }
-  void end() {
-    room(1);
-    buf_[used_++] = '\n';
-  }
-  void flush() {
-    fwrite(buf_.data(), 1, used_, out_);
-    used_ = 0;
-  }
-
- private:
-  static constexpr size_t kSize = size_t{1} << 16;
-  static constexpr size_t kMaxId = 21;  // two 10-digit numbers and a dash
-
-  void room(size_t n) {
-    if (used_ + n > kSize) flush();
-  }
-  // Writes v in decimal, two digits per division.
-  void put(uint32_t v) {
-    static constexpr char kPairs[] =
-        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-        "8081828384858687888990919293949596979899";
-    size_t len = 1;
-    for (uint32_t rest = v; rest >= 10; rest /= 10) ++len;
-    char* p = buf_.data() + used_ + len;
-    for (; v >= 100; v /= 100) {
-      p -= 2;
-      p[0] = kPairs[2 * (v % 100)];
-      p[1] = kPairs[2 * (v % 100) + 1];
-    }
-    if (v >= 10) {
-      p[-2] = kPairs[2 * v];
-      p[-1] = kPairs[2 * v + 1];
-    } else {
-      p[-1] = static_cast<char>('0' + v);
-    }
-    used_ += len;
-  }
-
-  FILE* out_;
-  std::vector<char> buf_;
-  size_t used_ = 0;
 };
 
 // The ordinals of the parents written from one level of a search: a level's
@@ -608,12 +605,11 @@ class ParentCollector {
 // than one itemset was met before anything was written.
 constexpr int kNeedsScan = 2;
 
-int lattice_hashed(FILE* in, FILE* out) {
+int lattice_hashed(int in, LineWriter* out) {
   try {
     PatternTable table;
     if (!load_patterns(in, &table)) return kNeedsScan;
-    LineWriter writer(out);
-    search_all(&table, &writer);
+    search_all(&table, out);
     return 0;
   } catch (const std::bad_alloc&) {
     return 1;
@@ -625,10 +621,11 @@ int lattice_hashed(FILE* in, FILE* out) {
 int generate_lattice(const char* pattern_file, const char* pc_file, Reporter* rep) {
   LatticeFiles files;
   if (open_files(pattern_file, pc_file, &files, rep) != 0) return 1;
-  int result = lattice_hashed(files.patterns, files.pc);
+  LineWriter writer(files.out.get());
+  int result = lattice_hashed(files.patterns, &writer);
   if (result == kNeedsScan) {
-    rewind(files.patterns);
-    result = lattice_by_scan(files.patterns, files.pc);
+    lseek(files.patterns, 0, SEEK_SET);
+    result = lattice_by_scan(files.patterns, &writer);
   }
   return finish(&files, pc_file, result, rep);
 }
@@ -636,7 +633,8 @@ int generate_lattice(const char* pattern_file, const char* pc_file, Reporter* re
 int generate_lattice_by_scan(const char* pattern_file, const char* pc_file, Reporter* rep) {
   LatticeFiles files;
   if (open_files(pattern_file, pc_file, &files, rep) != 0) return 1;
-  return finish(&files, pc_file, lattice_by_scan(files.patterns, files.pc), rep);
+  LineWriter writer(files.out.get());
+  return finish(&files, pc_file, lattice_by_scan(files.patterns, &writer), rep);
 }
 
 void find_parents(const std::vector<std::vector<uint32_t>>& by_length, const ParentVisitor& visit) {

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "util.h"
+
 namespace {
 
 constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
@@ -134,14 +136,8 @@ bool SequenceSet::find_index(const Sequence& s, uint32_t* index) const {
   }
 }
 
-void SequenceSet::load(FILE* in, uint32_t h) {
-  char* buf = nullptr;
-  size_t cap = 0;
-  ssize_t n;
-  while ((n = getline(&buf, &cap, in)) > 0) {
-    std::string_view line(buf, static_cast<size_t>(n));
-    if (line.back() == '\n') line.remove_suffix(1);
-    insert(parse_sequence(line, h));
-  }
-  free(buf);
+void SequenceSet::load(int fd, uint32_t h) {
+  LineReader reader(fd);
+  std::string_view line;
+  while (reader.next(&line)) insert(parse_sequence(line, h));
 }

@@ -5,7 +5,6 @@
 #define QUARLO_VSCOM_SEQUENCE_H_
 
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <string>
 #include <string_view>
@@ -72,8 +71,9 @@ class SequenceSet {
   // Linear scan of the group of s's length for a record equal to s.
   bool find_index(const Sequence& s, uint32_t* index) const;
   uint32_t max_length() const { return max_length_; }
-  // Reads every line of `in` (a last line without newline included) with h fields.
-  void load(FILE* in, uint32_t h);
+  // Reads every line of the file descriptor `fd` (a last line without
+  // newline included) with h fields.
+  void load(int fd, uint32_t h);
 
  private:
   std::map<uint32_t, std::vector<Sequence>> groups_;

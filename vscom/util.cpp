@@ -21,14 +21,6 @@ char* name_join(const char* base, const char* suffix) {
   return out;
 }
 
-FILE* create_text_file(const char* name) {
-  const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC, 0664);
-  if (fd < 0) return nullptr;
-  FILE* f = fdopen(fd, "w");
-  if (f == nullptr) close(fd);
-  return f;
-}
-
 double wall_seconds() {
   struct timeval tv;
   gettimeofday(&tv, nullptr);

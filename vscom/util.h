@@ -16,9 +16,6 @@
 // memory is short. The caller owns the result.
 char* name_join(const char* base, const char* suffix);
 
-// Creates or truncates `name` as a text stream for writing, with mode 0664
-// before the umask (fopen would give 0666). Null when it cannot be opened.
-FILE* create_text_file(const char* name);
 
 // Writes v in decimal (at most 10 characters) at `out`; returns the end.
 char* put_decimal(char* out, uint32_t v);

@@ -1,0 +1,157 @@
+// The parent-children list: worked examples, and the hashed search against
+// the plain search over SequenceSet on random pattern sets.
+#include "lattice.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/harness.h"
+
+namespace {
+
+using quarlo_test::read_file;
+using quarlo_test::write_file;
+using Lines = std::vector<std::string>;
+
+class Lattice : public quarlo_test::TempDirTest {
+ protected:
+  // The PC list of `patterns` by the hashed search, or by the plain one.
+  std::string pc_of(const std::string& patterns, bool by_scan = false) {
+    const std::string in = path("p.fp_conv"), out = path("p.pc");
+    write_file(in, patterns);
+    CollectingReporter rep;
+    const auto search = by_scan ? generate_lattice_by_scan : generate_lattice;
+    EXPECT_EQ(search(in.c_str(), out.c_str(), &rep), 0);
+    EXPECT_EQ(rep.lines(), Lines{});
+    return read_file(out);
+  }
+};
+
+TEST_F(Lattice, WorkedExamplesGiveTheSameListByBothSearches) {
+  std::string many, many_pc = "1-0 0-10000 0-100\n";  // ids of many digits are written whole
+  for (uint32_t i = 0; i < 12345; ++i) {
+    many += "0-" + std::to_string(i) + " 1 1.000 " + std::to_string(i * 7) + "\n";
+    many_pc += "0-" + std::to_string(i) + "\n";
+  }
+  const struct {
+    std::string patterns, pc;
+  } cases[] = {
+      // Lines run from the longest down, each length in file order; the
+      // miner writes depth-first, so lengths interleave in the file.
+      {"0-0 6 60.000 1\n1-0 4 40.000 1 2\n0-1 5 50.000 2\n", "1-0 0-1 0-0\n0-0\n0-1\n"},
+      {"", ""},
+      // All one-smaller subsets frequent: listed by the smallest removed item.
+      {"0-0 9 90.000 2\n0-1 9 90.000 5\n0-2 9 90.000 9\n1-0 8 80.000 2 9\n"
+       "1-1 8 80.000 5 9\n1-2 8 80.000 2 5\n2-0 7 70.000 2 5 9\n",
+       "2-0 1-1 1-0 1-2\n1-0 0-2 0-0\n1-1 0-2 0-1\n1-2 0-1 0-0\n0-0\n0-1\n0-2\n"},
+      // Only {1,2} and {3,4} are frequent below {1,2,3,4}; {4} lies below
+      // parent {3,4} but is also reached through {2,4}.
+      {read_file(quarlo_test::data_path("post/lattice_skips.fp_conv")),
+       read_file(quarlo_test::data_path("post/lattice_skips.pc"))},
+      // A repeated itemset is named by its first ordinal; items are sorted.
+      {"0-0 5 50.000 4\n0-1 5 50.000 4\n1-0 3 30.000 8 4 8\n0-2 5 50.000 8\n",
+       "1-0 0-2 0-0\n0-0\n0-1\n0-2\n"},
+      // A line without items is a record of length 0: no line of its own, but
+      // the one-item patterns meet it as a frequent subset (whose length
+      // minus one wraps in its id).
+      {"0-0 5 50.000 1\n\n0-1 5 50.000 2\n0-2 1 1.000\n1-0 3 30.000 1 2\n",
+       "1-0 0-1 0-0\n0-0 4294967295-0\n0-1 4294967295-0\n"},
+      // Records of several itemsets go to the plain search.
+      {"0-0 5 50.000 1\n0-1 5 50.000 2\n1-0 3 30.000 1 -1 2\n1-1 3 30.000 1 2\n"
+       "2-0 1 10.000 1 2 3\n",
+       "2-0 1-1 0-1 0-0\n1-0 0-1 0-0\n1-1 0-1 0-0\n0-0\n0-1\n"},
+      {many + "1-0 1 1.000 700 70000 \n", many_pc},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(pc_of(c.patterns), c.pc) << c.patterns.substr(0, 200);
+    EXPECT_EQ(pc_of(c.patterns, true), c.pc) << c.patterns.substr(0, 200);
+  }
+}
+
+TEST_F(Lattice, FileFailuresAreReportedAndTheListGetsMode0664) {
+  const std::string missing = path("none.fp_conv"), bad_pc = path("no/dir/p.pc");
+  write_file(path("ok.fp_conv"), "0-0 1 100.000 1\n");
+  CollectingReporter rep;
+  EXPECT_EQ(generate_lattice(missing.c_str(), bad_pc.c_str(), &rep), 1);
+  EXPECT_EQ(generate_lattice_by_scan(path("ok.fp_conv").c_str(), bad_pc.c_str(), &rep), 1);
+  EXPECT_EQ(rep.lines(), (Lines{"../vscom/lattice(37) Failed to open " + missing,
+                                "../vscom/lattice(41) Failed to open " + bad_pc,
+                                "../vscom/lattice(41) Failed to open " + bad_pc}));
+  // A list that cannot be written whole (a full disk) fails the search.
+  const std::string full = path("full.pc");
+  ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
+  rep = CollectingReporter();
+  EXPECT_EQ(generate_lattice(path("ok.fp_conv").c_str(), full.c_str(), &rep), 1);
+  EXPECT_EQ(rep.lines(), Lines{"../vscom/lattice(45) Failed to write " + full});
+
+  const mode_t old_mask = umask(0);
+  pc_of("0-0 1 100.000 1\n");
+  umask(old_mask);
+  struct stat st {};
+  ASSERT_EQ(stat(path("p.pc").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0664u);
+}
+
+// ---------------------------------------------------------------------------
+// The hashed search against the plain one on random pattern sets.
+
+using Items = std::vector<uint32_t>;
+
+// Random frequent sets over `rate.size() - 1` items, rate[k] the inclusion
+// rate of the itemsets of k items, so whole levels may be missing, parents
+// sit several levels down and non-frequent subsets are met along two paths
+// (expanded once by the hashed search, twice by the plain one). Messy sets
+// repeat an itemset, list items unsorted or twice, or add empty lines.
+std::string random_set(std::mt19937* rng, const std::vector<double>& rate, bool messy) {
+  std::uniform_real_distribution<double> coin(0.0, 1.0);
+  const uint32_t universe = static_cast<uint32_t>(rate.size() - 1);
+  std::vector<uint32_t> lines;
+  for (uint32_t mask = 1; mask < (1u << universe); ++mask) {
+    if (coin(*rng) >= rate[__builtin_popcount(mask)]) continue;
+    lines.push_back(mask);
+    if (messy && coin(*rng) < 0.05) lines.push_back(mask);
+  }
+  std::shuffle(lines.begin(), lines.end(), *rng);
+  std::vector<uint32_t> ordinal(universe + 1, 0);
+  std::string text;
+  for (uint32_t mask : lines) {
+    Items items;
+    for (uint32_t i = 0; i < universe; ++i) {
+      if (mask & (1u << i)) items.push_back(i * 3 + (i * 7 + universe) % 3);
+    }
+    text += std::to_string(items.size() - 1) + "-" + std::to_string(ordinal[items.size()]++) +
+            " 1 1.000";
+    if (messy && coin(*rng) < 0.1) std::shuffle(items.begin(), items.end(), *rng);
+    if (messy && coin(*rng) < 0.05) items.push_back(items.front());
+    for (uint32_t item : items) text.append(" ").append(std::to_string(item));
+    text += messy && coin(*rng) < 0.002 ? "\n\n" : "\n";
+  }
+  return text;
+}
+
+TEST_F(Lattice, HashedSearchMatchesPlainSearchOnRandomSets) {
+  std::mt19937 rng(20240611);
+  const double rates[] = {0.0, 0.1, 0.3, 0.6, 0.9, 1.0};
+  for (int round = 0; round < 80; ++round) {
+    std::vector<double> rate(2 + rng() % 8);
+    for (double& r : rate) r = rates[rng() % 6];
+    const std::string text = random_set(&rng, rate, round % 2 == 1);
+    ASSERT_EQ(pc_of(text), pc_of(text, true)) << "round " << round << "\n" << text;
+  }
+  // Wide sets: short itemsets nearly all frequent, up to 7 items sparse, give
+  // big groups for the hash index and few infrequent levels.
+  for (const uint32_t universe : {10u, 11u}) {
+    std::vector<double> rate(universe + 1, 0.0);
+    for (uint32_t k = 1; k <= 7; ++k) rate[k] = k <= 3 ? 0.98 : k <= 5 ? 0.3 : 0.04;
+    const std::string text = random_set(&rng, rate, false);
+    ASSERT_EQ(pc_of(text), pc_of(text, true)) << universe << " items";
+  }
+}
+
+}  // namespace

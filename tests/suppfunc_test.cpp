@@ -1,0 +1,162 @@
+// The length-decreasing support table: percentages to counts, the table file
+// reader, the minimum output size, and the inverse lookup from a count to the
+// shortest length (cached below 100, searched from 100 on).
+#include "suppfunc.h"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/harness.h"
+
+namespace {
+
+using U = std::vector<uint32_t>;
+using Lines = std::vector<std::string>;
+using Lookups = std::vector<std::pair<int32_t, uint32_t>>;
+
+class Support : public quarlo_test::TempDirTest {
+ protected:
+  // Loads `text` written as the file "tbl"; what was reported lands in rep_.
+  bool load(const std::string& text, uint32_t ntrans, uint32_t nitems, uint32_t min_size = 1) {
+    quarlo_test::write_file(path("tbl"), text);
+    rep_ = CollectingReporter();
+    return table_.load_file(path("tbl").c_str(), ntrans, nitems, min_size, &rep_);
+  }
+  U counts() const {
+    U out;
+    for (uint32_t l = 1; l <= table_.lengths(); ++l) out.push_back(table_.minsup_of_length(l));
+    return out;
+  }
+
+  SupportTable table_;
+  CollectingReporter rep_;
+};
+
+TEST(PercentToCount, RoundsInExtendedPrecision) {
+  // Each count is the ceiling of N*f/100 as 80-bit extended precision sees
+  // it; plain double arithmetic gives 8, 1 and 10 for the first three.
+  const struct {
+    double percent;
+    uint32_t ntrans, count;
+  } cases[] = {
+      {0.8, 1000, 9},      {0.1, 1000, 2},     {0.1, 10000, 11},  {0.15, 1000, 2},
+      {0.2, 1000, 3},      {0.3, 1000, 3},     {1.0, 1000, 10},   {5, 1000, 50},
+      {0, 1000, 1},        {100, 1000, 1000},  {0.8, 100000, 801}, {0.01, 100000, 11},
+      {3.375, 800, 28},  // exactly 27 in decimal; f/100 rounds up in extended precision
+      {50, 3, 2},          {100, 4294967295u, 4294967295u},        {0, 1, 1},
+      {-5, 1000, 1},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(percent_to_count(c.percent, c.ntrans), c.count) << c.percent << "% of " << c.ntrans;
+  }
+}
+
+TEST_F(Support, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
+  const std::string word19 = "1." + std::string(17, '0');  // 19 characters are still fine
+  const struct {
+    std::string text;
+    uint32_t ntrans, nitems;
+    U counts;
+    Lookups support_to_length;  // min_length_of_support
+    uint32_t min_size = 1;
+  } cases[] = {
+      {"1 0.8\n2 0.1\n3 0.15\n4 0.2\n5 0\n", 1000, 5, {9, 2, 2, 3, 1}, {}},
+      // A gap takes the earlier length's value. All queries come from the
+      // cache; with no qualifying length the last one is the answer, and from
+      // three lengths on it is never below 2.
+      {"1 1.0\n4 0.8\n", 1000, 6, {10, 10, 10, 9, 9, 9},
+       {{9, 4}, {8, 6}, {0, 6}, {50, 2}, {10, 2}, {99, 2}}},
+      // Words are blank-separated in any layout; line breaks carry no meaning.
+      {"  1\t1.0\n\n4    0.8", 1000, 6, {10, 10, 10, 9, 9, 9}, {}},
+      {"1 1.0 4\n0.8\n", 1000, 6, {10, 10, 10, 9, 9, 9}, {}},
+      {"1 1.0\n1 2.0\n", 1000, 3, {20, 20, 20}, {}},  // a later line overwrites
+      {"1 5\n2 abc\n", 1000, 3, {50, 1, 1}, {}},      // a malformed percentage is 0
+      // A length above the item count stops reading: "1 50" would give 500.
+      {"1 1.0\n9 1.0\n1 50\n", 1000, 5, {10, 10, 10, 10, 10}, {}},
+      {"1 1.0\n-1 2.0\n2 0.5\n", 1000, 3, {10, 10, 10}, {}},  // negative: a huge length
+      {"1 " + word19 + "\n", 1000, 2, {10, 10}, {}},
+      // Every query from 100 on is searched.
+      {"1 1.0\n4 0.8\n", 100000, 6, {1000, 1000, 1000, 801, 801, 801},
+       {{900, 4}, {801, 4}, {800, 6}, {100, 6}, {999, 4}, {1000, 2}, {5000, 2}, {99, 6}}},
+      // The cache border falls inside the table.
+      {"1 25\n2 12.5\n4 6.25\n", 800, 5, {200, 100, 100, 50, 50},
+       {{49, 5}, {50, 4}, {99, 4}, {100, 2}, {150, 2}, {200, 2}, {1 << 30, 2}}},
+      // One or two lengths always answer the last length.
+      {"1 1.0\n", 1000, 1, {10}, {{0, 1}, {10, 1}, {99, 1}, {100, 1}, {5000, 1}}},
+      {"1 1.0\n2 0.5\n", 1000, 2, {10, 5},
+       {{0, 2}, {4, 2}, {5, 2}, {10, 2}, {99, 2}, {100, 2}, {5000, 2}}},
+      // The minimum size blocks the shorter lengths with N + 1, or all of them.
+      {"1 1.0\n4 0.8\n", 1000, 6, {1001, 1001, 10, 9, 9, 9},
+       {{9, 4}, {10, 3}, {1000, 3}, {1001, 2}}, 3},
+      {"1 1.0\n4 0.8\n", 1000, 6, U(6, 1001), {}, 7},
+      {"1 1.0\n4 0.8\n", 1000, 6, U(6, 1001), {}, 100},
+      {"1 1.0\n4 0.8\n", 1000, 6, U(6, 1001), {}, 4294967295u},
+  };
+  for (const auto& c : cases) {
+    const std::string what =
+        c.text + "of " + std::to_string(c.ntrans) + ", -m " + std::to_string(c.min_size);
+    ASSERT_TRUE(load(c.text, c.ntrans, c.nitems, c.min_size)) << what << rep_.summary();
+    EXPECT_EQ(counts(), c.counts) << what;
+    EXPECT_EQ(table_.lowest_minsup(), c.counts.back()) << what;
+    EXPECT_EQ(rep_.lines(), Lines{});
+    for (auto [support, len] : c.support_to_length) {
+      EXPECT_EQ(table_.min_length_of_support(support), len) << what << ", count " << support;
+    }
+  }
+  // Pairs given in memory follow the same rules: "2 7" comes after "9 1".
+  ASSERT_TRUE(table_.set_pairs({{1, 50}, {3, 20}, {9, 1}, {2, 7}}, "pairs", 1000, 4, 1, &rep_));
+  EXPECT_EQ(counts(), (U{50, 50, 20, 20}));
+}
+
+TEST_F(Support, BadTablesFailWithTheirMessage) {
+  const std::string tbl = path("tbl");
+  const std::string no_length_one =
+      "../vscom/suppfunc(133) Support value for length=1 must be given in \"" + tbl + "\"";
+  const std::string too_long =
+      "../vscom/suppfunc(77) Word too long (over 19 characters) in \"" + tbl + "\"";
+  const std::string word20(20, '1');
+  const std::pair<std::string, std::string> cases[] = {
+      {"", no_length_one},
+      {"1 1.0\n0 2.0\n", "../vscom/suppfunc(84) Invalid length 0 in \"" + tbl + "\""},
+      {"1 " + word20 + "\n", too_long},
+      {word20 + " 1.0\n", too_long},
+  };
+  for (const auto& [text, message] : cases) {
+    EXPECT_FALSE(load(text, 1000, 5)) << text;
+    EXPECT_EQ(rep_.lines(), Lines{message}) << text;
+  }
+  // Pairs in memory are reported under the name they are given.
+  rep_ = CollectingReporter();
+  EXPECT_FALSE(table_.set_pairs({{2, 5}}, "pairs", 1000, 4, 1, &rep_));
+  EXPECT_FALSE(table_.set_pairs({{1, 5}, {0, 9}}, "pairs", 1000, 4, 1, &rep_));
+  EXPECT_EQ(rep_.lines(),
+            (Lines{"../vscom/suppfunc(133) Support value for length=1 must be given in \"pairs\"",
+                   "../vscom/suppfunc(84) Invalid length 0 in \"pairs\""}));
+}
+
+TEST_F(Support, ConstantTableKeepsItsCountAsTheLowest) {
+  table_.set_constant(10, 1000, 5, 3);
+  EXPECT_EQ(counts(), (U{1001, 1001, 10, 10, 10}));
+  EXPECT_EQ(table_.lowest_minsup(), 10u);  // the plain count, not N + 1
+  for (uint32_t m : {7u, 100u, 4294967295u}) {  // beyond the lengths: all blocked
+    table_.set_constant(10, 1000, 6, m);
+    EXPECT_EQ(counts(), U(6, 1001)) << m;
+    EXPECT_EQ(table_.lowest_minsup(), 10u) << m;
+  }
+  // From 100 on the constant table is searched like any other.
+  table_.set_constant(250, 1000, 6, 3);
+  for (auto [support, len] : {std::pair{250, 3u}, {249, 6u}, {1001, 2u}}) {
+    EXPECT_EQ(table_.min_length_of_support(support), len) << support;
+  }
+  // Below 100 it answers the minimum size (at least 1) to every count.
+  for (auto [m, cached] : {std::pair{0u, 1u}, {1u, 1u}, {3u, 3u}}) {
+    table_.set_constant(50, 1000, 6, m);
+    for (int32_t s = 0; s < 100; ++s) {
+      ASSERT_EQ(table_.min_length_of_support(s), cached) << "-m " << m << ", count " << s;
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+// The converted text file to the binary transaction file: records, the item
+// count, pieces of an over-long last line, large inputs, and the failure reports.
+#include "ttoqr.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/harness.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Words = std::vector<uint32_t>;
+using Lines = std::vector<std::string>;
+
+class Ttoqr : public quarlo_test::TempDirTest {
+ protected:
+  // Converts `conv` to `output`; what was reported lands in rep_.
+  unsigned convert(const std::string& conv, const std::string& output = "f.qr") {
+    quarlo_test::write_file(path("f.conv"), conv);
+    return convert_file(path("f.conv"), output);
+  }
+  unsigned convert_file(const std::string& input, const std::string& output) {
+    rep_ = CollectingReporter();
+    item_count_ = 12345;  // every call starts the count afresh
+    return ttoqr(input.c_str(), path(output).c_str(), &item_count_, &rep_);
+  }
+  // "f.qr" as little-endian 32-bit words.
+  Words words() const {
+    const std::string bytes = quarlo_test::read_file(path("f.qr"));
+    EXPECT_EQ(bytes.size() % 4, 0u);
+    Words out(bytes.size() / 4);
+    for (size_t i = 0; i < out.size(); ++i) {
+      const auto* b = reinterpret_cast<const unsigned char*>(bytes.data() + 4 * i);
+      out[i] = b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
+    }
+    return out;
+  }
+
+  uint32_t item_count_ = 0;
+  CollectingReporter rep_;
+};
+
+// A record is the item count, then the distinct items ascending, all as
+// little-endian 32-bit words: "3 7 3 " gives exactly 12 bytes.
+TEST_F(Ttoqr, RecordsAndItemCount) {
+  const struct {
+    std::string conv;
+    Words words;
+    uint32_t item_count;
+  } cases[] = {
+      {"3 7 3 \n", {2, 3, 7}, 8},
+      {"300 2 \n70000 1 \n", {2, 2, 300, 2, 1, 70000}, 70001},
+      // "-1" before or after the items opens no second itemset.
+      {"4 -1 \n-1 5\n-1 \n\n-1 -1 6 6 -1 -1 \n", {1, 4, 1, 5, 1, 6}, 7},
+      {"\n\n-1 \n   \r\n", {}, 0},
+      {"", {}, 0},
+      // Items stop at the first token that is not a number, or at a NUL byte.
+      {"4 2 x 7\n8 1.5 3\n3 2\0 5\n6\0"s, {2, 2, 4, 1, 8, 2, 2, 3, 1, 6}, 9},
+      // The count is raised on signed values: 2^31 - 1 and above do not raise it.
+      {"5 2147483647 \n", {2, 5, 2147483647}, 6},
+      {"2147483646 \n", {1, 2147483646}, 2147483647},
+      // A last line without newline, longer than every terminated line, comes
+      // in pieces of the longest terminated line plus one byte, even when a
+      // piece ends inside a number.
+      {"1\n2 3", {1, 1, 1, 2, 1, 3}, 4},
+      {"10 20 \n30 40 50", {2, 10, 20, 3, 5, 30, 40, 1, 0}, 41},
+  };
+  for (const auto& c : cases) {
+    ASSERT_EQ(convert(c.conv), 0u) << c.conv << rep_.summary();
+    EXPECT_EQ(words(), c.words) << c.conv;
+    EXPECT_EQ(item_count_, c.item_count) << c.conv;
+    EXPECT_EQ(rep_.lines(), Lines{});
+  }
+}
+
+// Several MiB: lines straddle the read chunks, one line of 200000 items
+// outgrows a chunk on its own, and the output buffer fills more than once.
+TEST_F(Ttoqr, LargeInputKeepsEveryRecord) {
+  std::mt19937 rng(7);
+  std::string text;
+  Words expected;
+  for (int l = 0; l < 60000; ++l) {
+    Words items(l == 30000 ? 200000 : rng() % 15);
+    for (uint32_t& item : items) {
+      item = rng() % 1000000;
+      text += std::to_string(item) + (rng() % 2 == 0 ? " " : "\t");
+    }
+    text += l % 7 == 0 ? "\r\n" : "\n";
+    std::sort(items.begin(), items.end());
+    items.erase(std::unique(items.begin(), items.end()), items.end());
+    if (!items.empty()) expected.push_back(static_cast<uint32_t>(items.size()));
+    expected.insert(expected.end(), items.begin(), items.end());
+  }
+  ASSERT_GT(text.size(), 4u << 20);
+  ASSERT_EQ(convert(text), 0u) << rep_.summary();
+  EXPECT_TRUE(words() == expected);  // not printed: millions of words
+  // The largest word is an item: no record holds as many items as that.
+  EXPECT_EQ(item_count_, *std::max_element(expected.begin(), expected.end()) + 1);
+}
+
+TEST_F(Ttoqr, FailuresAreReportedAndEarlierRecordsStayAndTheModeIs0666) {
+  ASSERT_EQ(convert("9 \n1 -1 2 \n5 \n"), 1u);
+  EXPECT_EQ(words(), (Words{1, 9}));
+  EXPECT_EQ(rep_.lines(), (Lines{"ttoqr(26) Sequence with more than one itemsets detected",
+                                 "ttoqr(98) Fatal error in tseq_to_vsseq()"}));
+
+  EXPECT_EQ(convert("1 \n", "no/dir/f.qr"), 1u);
+  EXPECT_EQ(rep_.lines(),
+            Lines{"ttoqr(82) open(" + path("no/dir/f.qr") + "): No such file or directory"});
+
+  const std::string in = path("absent");
+  EXPECT_EQ(convert_file(in, "f.qr"), 1u);
+  EXPECT_EQ(rep_.lines(),
+            (Lines{"../vscom/util(104) fopen(" + in + ", \"r\"): No such file or directory",
+                   "ttoqr(64) Fatal error in max_line_size(" + in + ")"}));
+
+  // A full disk fails the conversion.
+  ASSERT_EQ(symlink("/dev/full", path("full.qr").c_str()), 0);
+  EXPECT_EQ(convert("1 2 \n", "full.qr"), 1u);
+  EXPECT_EQ(rep_.lines(), Lines{"ttoqr(103) write(*, *, 4): No space left on device"});
+
+  // The output is created with mode 0666 before the umask.
+  const mode_t old = umask(0);
+  EXPECT_EQ(convert("1 \n", "new.qr"), 0u);
+  umask(old);
+  struct stat st;
+  ASSERT_EQ(stat(path("new.qr").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+}
+
+}  // namespace
