@@ -66,4 +66,18 @@ class PatternFileWriter : public PatternSink {
   uint32_t total_ = 0;
 };
 
+// Patterns of one length in a pattern file.
+struct LengthCount {
+  uint32_t length;
+  uint32_t count;
+};
+
+// Rewrites the pattern file `file` with its lines grouped by pattern length
+// (the number before the first "-" plus one), file order kept within a
+// length; lines without a "-" go last. *counts gets one entry per length
+// present, shortest first. A file that cannot be read is taken as empty.
+// Returns false, with errno set, when the rewrite could not be written whole
+// (a full disk); the file is then incomplete.
+bool sort_by_length(const char* file, std::vector<LengthCount>* counts);
+
 #endif  // QUARLO_MINER_IOPTTN_H_

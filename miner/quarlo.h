@@ -18,11 +18,4 @@ enum RunStatus {
 // Runs the whole job after parse(); returns the exit status.
 int run_pipeline();
 
-// Rewrites `file` with its lines grouped by pattern length (the number before
-// the first "-" plus one) and, when `format` is not null, reports one count
-// line per length present with the format's two %u: length, count. Returns
-// false after a report when the rewrite could not be written whole (a full
-// disk); the file is then incomplete.
-bool sort_by_length(const char* file, const char* format);
-
 #endif  // QUARLO_MINER_QUARLO_H_
