@@ -212,12 +212,7 @@ int run_stages(LabelTable* labels) {
   remove_file(get_qr_file(), kLineRemoveQr);
   status = post_process(&t, rep);
   if (status != kStatusOk) return status;
-  std::vector<LengthCount> counts;
-  if (!sort_by_length(get_fp_conv_file(), &counts)) {
-    log_perror("%s(%u) Failed to write %s", kSrc, kLineGroupWrite, get_fp_conv_file());
-    return kStatusConvert;
-  }
-  for (const LengthCount& c : counts) log_printf(kLengthCountFormat, c.length, c.count);
+  if (!group_by_length(get_fp_conv_file())) return kStatusConvert;
   if (labels->r_convert(get_fp_conv_file(), get_fp_file(), 3) != 0) {
     report_conversion_failure(kLineBackConvert);
     return kStatusConvert;
@@ -243,4 +238,14 @@ int run_pipeline() {
   }
   LabelTable labels;
   return run_stages(&labels);
+}
+
+bool group_by_length(const char* file) {
+  std::vector<LengthCount> counts;
+  if (!sort_by_length(file, &counts)) {
+    log_perror("%s(%u) Failed to write %s", kSrc, kLineGroupWrite, file);
+    return false;
+  }
+  for (const LengthCount& c : counts) log_printf(kLengthCountFormat, c.length, c.count);
+  return true;
 }

@@ -18,4 +18,9 @@ enum RunStatus {
 // Runs the whole job after parse(); returns the exit status.
 int run_pipeline();
 
+// Groups the numbered pattern file `file` by length and prints one count
+// line per length. Returns false after a report when the file could not be
+// rewritten whole.
+bool group_by_length(const char* file);
+
 #endif  // QUARLO_MINER_QUARLO_H_
