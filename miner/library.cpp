@@ -36,56 +36,53 @@ struct Support::Spec {
 };
 
 Support::Support() : spec_(std::make_shared<Spec>()) {}
+Support::Support(std::shared_ptr<const Spec> spec) : spec_(std::move(spec)) {}
 Support::~Support() = default;
 Support::Support(const Support&) = default;
 Support& Support::operator=(const Support&) = default;
 
+namespace {
+
+void check_count(uint32_t count) {
+  if (count == 0) throw Error(Error::Kind::kInvalidArgument, "a support count must be at least 1");
+}
+
+}  // namespace
+
 Support Support::percent(double percent) {
-  Support s;
-  auto spec = std::make_shared<Spec>();
-  spec->percent = percent;
-  s.spec_ = spec;
-  return s;
+  Spec spec;
+  spec.percent = percent;
+  return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::count(uint32_t count) {
-  if (count == 0) throw Error(Error::Kind::kInvalidArgument, "a support count must be at least 1");
-  Support s;
-  auto spec = std::make_shared<Spec>();
-  spec->kind = SupportSpec::kCount;
-  spec->count = count;
-  s.spec_ = spec;
-  return s;
+  check_count(count);
+  Spec spec;
+  spec.kind = SupportSpec::kCount;
+  spec.count = count;
+  return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::table(std::vector<std::pair<uint32_t, double>> percent_by_length) {
-  Support s;
-  auto spec = std::make_shared<Spec>();
-  spec->kind = SupportSpec::kPercentPairs;
-  for (const auto& [len, pct] : percent_by_length) spec->percent_pairs.emplace_back(len, pct);
-  s.spec_ = spec;
-  return s;
+  Spec spec;
+  spec.kind = SupportSpec::kPercentPairs;
+  spec.percent_pairs.assign(percent_by_length.begin(), percent_by_length.end());
+  return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::count_table(std::vector<std::pair<uint32_t, uint32_t>> count_by_length) {
-  Support s;
-  auto spec = std::make_shared<Spec>();
-  spec->kind = SupportSpec::kCountPairs;
-  for (const auto& [len, count] : count_by_length) {
-    if (count == 0) throw Error(Error::Kind::kInvalidArgument, "a support count must be at least 1");
-    spec->count_pairs.emplace_back(len, count);
-  }
-  s.spec_ = spec;
-  return s;
+  Spec spec;
+  spec.kind = SupportSpec::kCountPairs;
+  for (const auto& [len, count] : count_by_length) check_count(count);
+  spec.count_pairs.assign(count_by_length.begin(), count_by_length.end());
+  return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::table_file(std::string path) {
-  Support s;
-  auto spec = std::make_shared<Spec>();
-  spec->kind = SupportSpec::kTableFile;
-  spec->file = std::move(path);
-  s.spec_ = spec;
-  return s;
+  Spec spec;
+  spec.kind = SupportSpec::kTableFile;
+  spec.file = std::move(path);
+  return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 struct Transactions::Data {

@@ -72,6 +72,7 @@ class Support {
   const Spec& spec() const { return *spec_; }
 
  private:
+  explicit Support(std::shared_ptr<const Spec> spec);
   std::shared_ptr<const Spec> spec_;
 };
 
