@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -124,6 +125,28 @@ TEST_F(Library, FileAndMemoryGiveTheProgramsFiles) {
   }
 }
 
+// Several MiB through the program's converters and the library's own reading:
+// lines straddle the read chunks, a line of 200000 distinct labels outgrows a
+// chunk on its own, and the binary file's buffer fills more than once.
+TEST_F(Library, LargeFileGivesTheProgramsFile) {
+  std::mt19937 rng(7);
+  std::string text;
+  for (int l = 0; l < 60000; ++l) {
+    for (int i = l == 30000 ? 200000 : 0; i > 0; --i) text.append("w").append(std::to_string(i)).append(" ");
+    for (int k = rng() % 15; k > 0; --k) text.append(std::to_string(rng() % 40)).append(rng() % 2 ? " " : "\t");
+    text += l % 7 == 0 ? "\r\n" : "\n";
+  }
+  write_file(path("big.txt"), text);
+  const RunResult run = cli(path("big.txt"), "", {"-s", "0.3"});
+  ASSERT_EQ(run.status, 0) << run.out;
+  EXPECT_NE(run.out.find("  Number of Distinct Items:                     200040\n"), std::string::npos);
+  quarlo::Options options;
+  options.support = quarlo::Support::percent(0.3);
+  const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_labels(labels_of(path("big.txt"))), options);
+  EXPECT_GT(r.itemsets.size(), 5000u);  // pairs and triples of the 40 numbers
+  EXPECT_EQ(fp_text(r), read_file(path("in.txt.fp")));
+}
+
 TEST_F(Library, SizesTablesAndIntegerLabelsFollowTheProgram) {
   const std::string input = source_path("examples/groceries.txt");
   const RunResult run = cli(input, "", {"-s", "12", "-m", "2", "-M", "3"});
@@ -159,6 +182,28 @@ TEST_F(Library, SizesTablesAndIntegerLabelsFollowTheProgram) {
   options.support = quarlo::Support::count(2);
   EXPECT_EQ(fp_text(quarlo::mine(quarlo::Transactions::from_numbers(numbers), options)),
             fp_text(quarlo::mine(quarlo::Transactions::from_file(path("n.txt")), options)));
+}
+
+// Numbers (canonical decimals up to 4294967295) by value first, then labels in
+// unsigned byte order; "-1" is no item; any white space separates.
+TEST_F(Library, ItemsAreNumberedNumbersFirstThenLabelsByBytes) {
+  const std::string big = "123456789012345678901234567890";
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"b 10 a 9 10\n", {"9", "10", "a", "b"}},
+      {"abc \xc3\xa9t\xc3\xa9 a\xc3\xa9 ab B a 05 5 0 100 z\n",
+       {"0", "5", "100", "05", "B", "a", "ab", "abc", "a\xc3\xa9", "z", "\xc3\xa9t\xc3\xa9"}},
+      {"4294967296 4294967295 00 0 " + big + " 1\n", {"0", "1", "4294967295", "00", big, "4294967296"}},
+      {"x -1\n-1\n-1 a\n\tmilk\r\n\r\n7\vx\f y \r\n  \n b", {"7", "a", "b", "milk", "x", "y"}},
+      {std::string("a\0b c\n\0\nc", 9), {std::string(1, '\0'), std::string("a\0b", 3), "c"}},
+  };
+  quarlo::Options options;
+  options.support = quarlo::Support::count(1);
+  options.max_size = 1;
+  for (const auto& [text, labels] : cases) {
+    write_file(path("in.txt"), text);
+    EXPECT_EQ(quarlo::mine(quarlo::Transactions::from_file(path("in.txt")), options).labels, labels)
+        << text;
+  }
 }
 
 TEST_F(Library, RunsOneAfterAnotherAndOnSeveralThreadsAlike) {

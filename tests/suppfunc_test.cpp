@@ -70,7 +70,6 @@ TEST_F(Support, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
        {{9, 4}, {8, 6}, {0, 6}, {50, 2}, {10, 2}, {99, 2}}},
       // Words are blank-separated in any layout; line breaks carry no meaning.
       {"  1\t1.0\n\n4    0.8", 1000, 6, {10, 10, 10, 9, 9, 9}, {}},
-      {"1 1.0 4\n0.8\n", 1000, 6, {10, 10, 10, 9, 9, 9}, {}},
       {"1 1.0\n1 2.0\n", 1000, 3, {20, 20, 20}, {}},  // a later line overwrites
       {"1 5\n2 abc\n", 1000, 3, {50, 1, 1}, {}},      // a malformed percentage is 0
       // A length above the item count stops reading: "1 50" would give 500.
@@ -91,7 +90,6 @@ TEST_F(Support, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
       {"1 1.0\n4 0.8\n", 1000, 6, {1001, 1001, 10, 9, 9, 9},
        {{9, 4}, {10, 3}, {1000, 3}, {1001, 2}}, 3},
       {"1 1.0\n4 0.8\n", 1000, 6, U(6, 1001), {}, 7},
-      {"1 1.0\n4 0.8\n", 1000, 6, U(6, 1001), {}, 100},
       {"1 1.0\n4 0.8\n", 1000, 6, U(6, 1001), {}, 4294967295u},
   };
   for (const auto& c : cases) {
@@ -134,29 +132,6 @@ TEST_F(Support, BadTablesFailWithTheirMessage) {
   EXPECT_EQ(rep_.lines(),
             (Lines{"../vscom/suppfunc(133) Support value for length=1 must be given in \"pairs\"",
                    "../vscom/suppfunc(84) Invalid length 0 in \"pairs\""}));
-}
-
-TEST_F(Support, ConstantTableKeepsItsCountAsTheLowest) {
-  table_.set_constant(10, 1000, 5, 3);
-  EXPECT_EQ(counts(), (U{1001, 1001, 10, 10, 10}));
-  EXPECT_EQ(table_.lowest_minsup(), 10u);  // the plain count, not N + 1
-  for (uint32_t m : {7u, 100u, 4294967295u}) {  // beyond the lengths: all blocked
-    table_.set_constant(10, 1000, 6, m);
-    EXPECT_EQ(counts(), U(6, 1001)) << m;
-    EXPECT_EQ(table_.lowest_minsup(), 10u) << m;
-  }
-  // From 100 on the constant table is searched like any other.
-  table_.set_constant(250, 1000, 6, 3);
-  for (auto [support, len] : {std::pair{250, 3u}, {249, 6u}, {1001, 2u}}) {
-    EXPECT_EQ(table_.min_length_of_support(support), len) << support;
-  }
-  // Below 100 it answers the minimum size (at least 1) to every count.
-  for (auto [m, cached] : {std::pair{0u, 1u}, {1u, 1u}, {3u, 3u}}) {
-    table_.set_constant(50, 1000, 6, m);
-    for (int32_t s = 0; s < 100; ++s) {
-      ASSERT_EQ(table_.min_length_of_support(s), cached) << "-m " << m << ", count " << s;
-    }
-  }
 }
 
 }  // namespace
