@@ -92,21 +92,25 @@ class Library : public TempDirTest {
 TEST_F(Library, FileAndMemoryGiveTheProgramsFiles) {
   const struct {
     std::string input, table;
+    double percent;  // without a table
   } cases[] = {
-      {"examples/groceries.txt", "examples/groceries.supp"},
-      {"examples/groceries.txt", ""},
-      {"tests/data/cli/market.txt", "tests/data/cli/market.supp"},
-      {"tests/data/conversion/labels-noise.txt", ""},
-      {"tests/data/conversion/numbers-noise.txt", ""},
-      {"tests/data/pipeline/lattice.txt", "tests/data/pipeline/lattice.supp"},
-      {"tests/data/pipeline/gaps.txt", "tests/data/pipeline/gaps.supp"},
+      {"examples/groceries.txt", "examples/groceries.supp", 0},
+      {"examples/groceries.txt", "", 0},
+      {"tests/data/cli/market.txt", "tests/data/cli/market.supp", 0},
+      {"tests/data/conversion/labels-noise.txt", "", 2},
+      {"tests/data/conversion/numbers-noise.txt", "", 3},
+      {"tests/data/pipeline/lattice.txt", "tests/data/pipeline/lattice.supp", 0},
+      {"tests/data/pipeline/gaps.txt", "tests/data/pipeline/gaps.supp", 0},
   };
   for (const auto& c : cases) {
     const std::string input = source_path(c.input);
+    const std::string table = c.table.empty() ? "" : source_path(c.table);
+    const std::string percent = std::to_string(c.percent);
     quarlo::Options options;
-    if (!c.table.empty()) options.support = quarlo::Support::table_file(source_path(c.table));
+    options.support = quarlo::Support::percent(c.percent);
+    if (!c.table.empty()) options.support = quarlo::Support::table_file(table);
     options.parents = true;
-    ASSERT_EQ(cli(input, c.table.empty() ? "" : source_path(c.table), {"-p"}).status, 0) << c.input;
+    ASSERT_EQ(cli(input, table, {"-p", "-s", percent}).status, 0) << c.input;
     const std::string fp = read_file(path("in.txt.fp"));
     const std::string pc = read_file(path("in.txt.pc"));
     const quarlo::Result from_file = quarlo::mine(quarlo::Transactions::from_file(input), options);
@@ -118,7 +122,7 @@ TEST_F(Library, FileAndMemoryGiveTheProgramsFiles) {
 
     options.maximal = true;
     options.parents = false;
-    ASSERT_EQ(cli(input, c.table.empty() ? "" : source_path(c.table), {"-x"}).status, 0) << c.input;
+    ASSERT_EQ(cli(input, table, {"-x", "-s", percent}).status, 0) << c.input;
     const quarlo::Result maximal = quarlo::mine(quarlo::Transactions::from_file(input), options);
     EXPECT_EQ(fp_text(maximal), read_file(path("in.txt.fp"))) << c.input;
     EXPECT_EQ(maximal.stats.frequent, from_file.itemsets.size());
