@@ -98,14 +98,11 @@ const unsigned char kFlagOn = 2;
 struct Options {
   const char* input_file;      // the FILE operand itself
   char* conv_file;             // FILE.conv: items as dense numbers
-  char* vs_file;               // FILE.vs: the sibling's binary file, never written here
   char* qr_file;               // FILE.qr: binary transactions
   char* tid_file;              // FILE.tid: TID list (left empty by -x runs)
   char* pc_file;               // FILE.pc: parent-children list
   char* fp_conv_file;          // FILE.fp_conv: patterns in item numbers
   char* fp_file;               // FILE.fp: patterns in the user's labels
-  uint32_t buffer_size;        // -b, bytes
-  const char* temp_dir;        // -d
   uint32_t min_size;           // -m
   uint32_t max_size;           // -M
   double min_support;          // -s, percent
@@ -115,9 +112,8 @@ struct Options {
   unsigned char maximal_flag;  // -x
 };
 
-const Options kDefaults = {nullptr, nullptr, nullptr, nullptr, nullptr,  nullptr,
-                           nullptr, nullptr, 50000000, nullptr, 1,       4294967295u,
-                           0.0,     nullptr, kFlagOff, kFlagOff, kFlagOff};
+const Options kDefaults = {nullptr, nullptr, nullptr, nullptr,  nullptr,  nullptr, nullptr,
+                           1,       4294967295u, 0.0, nullptr, kFlagOff, kFlagOff, kFlagOff};
 
 Options g_opts = kDefaults;
 
@@ -142,8 +138,8 @@ uint32_t to_u32(const char* text) {
 // Applies one option returned by getopt_long to the record.
 void apply_option(int c, int selector) {
   switch (c) {
-    case 'b': g_opts.buffer_size = to_u32(optarg) * 1000000u; break;
-    case 'd': g_opts.temp_dir = optarg; break;
+    case 'b':  // accepted for the sibling's buffer size and directory; no effect here
+    case 'd': break;
     case 'h': print_usage(selector); exit(1);
     case 'm': g_opts.min_size = to_u32(optarg); break;
     case 'M': g_opts.max_size = to_u32(optarg); break;
@@ -160,7 +156,7 @@ void apply_option(int c, int selector) {
 }
 
 void free_names() {
-  char** names[] = {&g_opts.conv_file, &g_opts.vs_file,      &g_opts.qr_file, &g_opts.tid_file,
+  char** names[] = {&g_opts.conv_file, &g_opts.qr_file,      &g_opts.tid_file,
                     &g_opts.pc_file,   &g_opts.fp_conv_file, &g_opts.fp_file};
   for (char** n : names) {
     free(*n);
@@ -170,7 +166,6 @@ void free_names() {
 
 void build_names(const char* file) {
   g_opts.conv_file = name_join(file, "conv");
-  g_opts.vs_file = name_join(file, "vs");
   g_opts.qr_file = name_join(file, "qr");
   g_opts.tid_file = name_join(file, "tid");
   g_opts.pc_file = name_join(file, "pc");
@@ -227,14 +222,11 @@ void print_options() {
 
 const char* get_input_file() { return g_opts.input_file; }
 const char* get_conv_file() { return g_opts.conv_file; }
-const char* get_vs_file() { return g_opts.vs_file; }
 const char* get_qr_file() { return g_opts.qr_file; }
 const char* get_tid_file() { return g_opts.tid_file; }
 const char* get_pc_file() { return g_opts.pc_file; }
 const char* get_fp_conv_file() { return g_opts.fp_conv_file; }
 const char* get_fp_file() { return g_opts.fp_file; }
-uint32_t get_buffer_size() { return g_opts.buffer_size; }
-const char* get_temp_dir() { return g_opts.temp_dir; }
 uint32_t get_min_size() { return g_opts.min_size; }
 uint32_t get_max_size() { return g_opts.max_size; }
 double get_min_support() { return g_opts.min_support; }

@@ -22,14 +22,11 @@ void print_options();
 // Getters. File names are null when FILE was empty or memory was short.
 const char* get_input_file();
 const char* get_conv_file();     // FILE.conv
-const char* get_vs_file();       // FILE.vs (never used by this program)
 const char* get_qr_file();       // FILE.qr
 const char* get_tid_file();      // FILE.tid
 const char* get_pc_file();       // FILE.pc
 const char* get_fp_conv_file();  // FILE.fp_conv
 const char* get_fp_file();       // FILE.fp
-uint32_t get_buffer_size();      // -b, bytes (parsed, unused)
-const char* get_temp_dir();      // -d (parsed, unused)
 uint32_t get_min_size();         // -m, default 1
 uint32_t get_max_size();         // -M, default 4294967295
 double get_min_support();        // -s, percent, default 0.0
