@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -104,6 +104,7 @@ class ReportingClient : public EngineClient {
       return false;
     }
     if (writer_.close() == 0) return true;
+    // The line's first field is the file's name where other lines name their module.
     e->rep->printf("%s(%u) Failed to close %s", get_fp_conv_file(), 0u, "?");
     return false;
   }
