@@ -540,7 +540,7 @@ int mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t depth) 
 void mark_rare_nodes(Engine& e, FPNode* u, uint32_t k) {
   const FPNode* end = u;
   while (end->first_child != nullptr) end = end->first_child;
-  const uint32_t need_max = e.support.minsup_of_length(k + end->depth - u->depth);
+  const uint32_t need_max = e.support.bound_of_length(k + end->depth - u->depth);
   for (FPNode* v = u->first_child; v != nullptr; v = v->first_child) {
     if (v->count > 0 && !at_least(v->count, need_max)) {
       v->count = -v->count;

@@ -1,5 +1,6 @@
 #include "suppfunc.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -77,7 +78,7 @@ uint32_t SupportTable::search_length(int32_t support) const {
   int64_t hi = static_cast<int64_t>(nlengths_) - 1;
   while (hi - lo > 1) {
     int64_t mid = (lo + hi) / 2;
-    if (static_cast<int32_t>(minsup_[mid]) > support) {
+    if (static_cast<int32_t>(bound_[mid]) > support) {
       lo = mid;
     } else {
       hi = mid;
@@ -128,7 +129,8 @@ bool SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32
     if (minsup_[i] == 0) minsup_[i] = minsup_[i - 1];
   }
   block_short_lengths(ntrans, min_size);
-  lowest_ = minsup_[nitems > 0 ? nitems - 1 : 0];
+  make_bound();
+  lowest_ = bound_[nitems > 0 ? nitems - 1 : 0];
   for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = search_length(s);
   return true;
 }
@@ -140,4 +142,10 @@ void SupportTable::set_constant(uint32_t count, uint32_t ntrans, uint32_t nitems
   lowest_ = count;
   for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = min_size == 0 ? 1 : min_size;
   block_short_lengths(ntrans, min_size);
+  make_bound();
+}
+
+void SupportTable::make_bound() {
+  bound_ = minsup_;
+  for (size_t i = 1; i < bound_.size(); ++i) bound_[i] = std::min(bound_[i], bound_[i - 1]);
 }

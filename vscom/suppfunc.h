@@ -1,7 +1,10 @@
 // Length-decreasing support table: the minimum support count of every pattern
 // length, the inverse lookup from a count to the shortest length it suffices
-// for, and the lowest count of all. One table per mining run, built once by
-// one of the builders after the transactions are counted.
+// for, and the lowest count of all. A table may also rise with the length:
+// then the pruning works with its running minimum from length 1 on (a
+// non-increasing bound with the same shortest lengths) and only the output
+// test reads the table itself. One table per mining run, built once by one of
+// the builders after the transactions are counted.
 #ifndef QUARLO_VSCOM_SUPPFUNC_H_
 #define QUARLO_VSCOM_SUPPFUNC_H_
 
@@ -37,6 +40,10 @@ class SupportTable {
   // Minimum support count of length `len` (1 <= len <= nitems; no range check).
   uint32_t minsup_of_length(uint32_t len) const { return minsup_[len - 1]; }
 
+  // The smallest minimum support of the lengths 1 .. len: no pattern of
+  // length len or shorter with a lower support is ever frequent.
+  uint32_t bound_of_length(uint32_t len) const { return bound_[len - 1]; }
+
   // Shortest length whose minimum support is at most `support` (cached below 100).
   uint32_t min_length_of_support(int32_t support) const {
     if (support >= 0 && support < kCacheSize) return shortest_[support];
@@ -53,8 +60,10 @@ class SupportTable {
 
   uint32_t search_length(int32_t support) const;
   void block_short_lengths(uint32_t ntrans, uint32_t min_size);
+  void make_bound();
 
   std::vector<uint32_t> minsup_;  // entry L-1: minimum support count of length L
+  std::vector<uint32_t> bound_;   // entry L-1: the least of minsup_[0 .. L-1]
   uint32_t nlengths_ = 0;         // lengths in the table (the number of items)
   uint32_t shortest_[kCacheSize] = {};
   uint32_t lowest_ = 0;
