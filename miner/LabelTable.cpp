@@ -39,7 +39,7 @@ uint64_t text_hash(std::string_view s) {
 // either fails.
 bool open_pair(const char* input, const char* output, int* in, int* out) {
   *in = open(input, O_RDONLY);
-  *out = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  *out = create_fresh(output, 0664);
   if (*in >= 0 && *out >= 0) return true;
   if (*in >= 0) close(*in);
   if (*out >= 0) close(*out);

@@ -102,7 +102,7 @@ std::vector<uint32_t> group_by_key(const std::vector<LineRef>& lines) {
 // opened is left as it was.
 bool write_lines(const char* file, const std::string& text, const std::vector<LineRef>& lines,
                  const std::vector<uint32_t>& order) {
-  int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  int fd = create_fresh(file, 0664);
   if (fd < 0) return true;
   OutBuffer out(fd);
   for (uint32_t i : order) {
@@ -147,7 +147,7 @@ void sort_items(uint32_t* a, uint32_t n) {
 
 int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, Reporter* rep) {
   rep_ = rep;
-  fd_ = ::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  fd_ = create_fresh(path, 0666);
   if (fd_ < 0) {
     rep->perror("%s(%u) fopen(%s)", kSrc, 26u, path);
     return -1;

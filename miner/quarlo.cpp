@@ -1,6 +1,13 @@
 #include "quarlo.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <new>
 
 #include <algorithm>
 #include <cerrno>
@@ -38,6 +45,10 @@ constexpr int kLineRemoveConv = 140;
 constexpr unsigned kLineTid = 254;
 constexpr unsigned kLineEmptyFile = 259;
 constexpr unsigned kLineGroupWrite = 272;
+constexpr unsigned kLineRename = 280;
+constexpr unsigned kLineNotRegular = 282;
+constexpr unsigned kLineInUse = 284;
+constexpr unsigned kLineOutOfMemory = 286;
 
 // Elapsed wall-clock seconds of the timed stages; the optional ones stay 0.0.
 struct Timings {
@@ -79,6 +90,104 @@ void remove_file(const char* name, int line) {
 void report_conversion_failure(unsigned line) {
   log_printf("%s(%u) Fatal error in r_convert(%s, %s)", kSrc, line, get_fp_conv_file(),
              get_fp_file());
+}
+
+// One line on standard error that names the file a failed stage was about
+// and the cause in errno, beside the report line the stage must print.
+void explain(const char* file) {
+  const int err = errno;
+  fflush(stdout);
+  fprintf(stderr, "quarlo: %s: %s\n", file, strerror(err));
+}
+
+// The names of this run's own files besides those of the option record: the
+// temporary names of the outputs and of the rewritten pattern files.
+struct RunNames {
+  std::string fp_tmp, pc_tmp, fp_conv_tmp, tid_tmp;
+  // Every name a run of its own may leave half-made, for the cleanups.
+  const char* own[7] = {};
+
+  void set(const std::string& file) {
+    fp_tmp = file + ".fp.tmp";
+    pc_tmp = file + ".pc.tmp";
+    fp_conv_tmp = file + ".fp_conv.tmp";
+    tid_tmp = file + ".tid.tmp";
+    const char* names[] = {get_conv_file(),     get_qr_file(),  get_fp_conv_file(),
+                           fp_conv_tmp.c_str(), fp_tmp.c_str(), pc_tmp.c_str(), tid_tmp.c_str()};
+    std::copy(std::begin(names), std::end(names), own);
+  }
+};
+RunNames g_names;
+
+// The stage running now and its exit status, for a failed allocation that
+// reaches the driver.
+const char* g_stage = "the label conversion";
+int g_stage_status = kStatusConvert;
+
+void enter_stage(const char* name, int status) {
+  g_stage = name;
+  g_stage_status = status;
+}
+
+void report_out_of_memory(const char* stage) {
+  log_printf("%s(%u) out of memory in %s", kSrc, kLineOutOfMemory, stage);
+}
+
+// FILE must be a regular file that no other run is using: a directory, FIFO,
+// socket or device is refused before anything is written, and an advisory
+// lock on FILE, held until the process ends, keeps a second run away.
+// Returns 0 or the run's exit status.
+int check_input() {
+  const char* file = get_input_file();
+  struct stat st;
+  if (stat(file, &st) != 0) return kStatusOk;  // the conversion reports it
+  if (!S_ISREG(st.st_mode)) {
+    log_printf("%s(%u) %s: %s", kSrc, kLineNotRegular, file,
+               S_ISDIR(st.st_mode) ? "is a directory" : "is not a regular file");
+    return kStatusConvert;
+  }
+  const int fd = open(file, O_RDONLY | O_CLOEXEC);
+  if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    log_printf("%s(%u) %s is in use by another run", kSrc, kLineInUse, file);
+    close(fd);
+    return kStatusConvert;
+  }
+  return kStatusOk;  // the descriptor keeps the lock until the process ends
+}
+
+// A run reads only what it wrote itself: the leftovers of a killed or failed
+// run under this run's own names go first.
+void remove_leftovers() {
+  for (const char* name : g_names.own) unlink(name);
+}
+
+// Temporary outputs of a failed run: the earlier results stay as they were.
+void remove_temporaries() {
+  unlink(g_names.fp_tmp.c_str());
+  unlink(g_names.pc_tmp.c_str());
+}
+
+// On SIGINT, SIGTERM or SIGHUP the run removes its own files and ends with
+// 128 + the signal number; the earlier FILE.fp and FILE.pc stay whole.
+extern "C" void on_signal(int sig) {
+  for (const char* name : g_names.own) unlink(name);
+  _exit(128 + sig);
+}
+
+void catch_signals() {
+  struct sigaction action = {};
+  action.sa_handler = on_signal;
+  sigemptyset(&action.sa_mask);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &action, nullptr);
+}
+
+// Moves a whole output from its temporary name over the earlier result.
+// Returns false after a report when it cannot.
+bool put_in_place(const char* tmp, const char* file) {
+  if (rename(tmp, file) == 0) return true;
+  log_perror("%s(%u) rename(%s, %s)", kSrc, kLineRename, tmp, file);
+  explain(file);
+  return false;
 }
 
 // The engine's side of the program: the input and option blocks once the
@@ -136,12 +245,21 @@ void print_solution_block(uint32_t npatterns) {
 
 // Label numbering, FILE.conv and FILE.qr. Returns 0 or the run's exit status.
 int transform_input(LabelTable* labels, uint32_t* nitems, Timings* t, Reporter* rep) {
-  labels->add_reserved_token("-1");
-  labels->load_labels(get_input_file());
-  if (labels->convert(get_input_file(), get_conv_file()) != 0) {
+  const int in = open(get_input_file(), O_RDONLY);
+  if (in < 0) {
+    explain(get_input_file());
     report_conversion_failure(kLineConvert);
     return kStatusConvert;
   }
+  close(in);
+  labels->add_reserved_token("-1");
+  labels->load_labels(get_input_file());
+  if (labels->convert(get_input_file(), get_conv_file()) != 0) {
+    explain(get_conv_file());
+    report_conversion_failure(kLineConvert);
+    return kStatusConvert;
+  }
+  enter_stage("the binary transaction file", kStatusBinary);
   t->transform = -wall_seconds();
   if (ttoqr(get_conv_file(), get_qr_file(), nitems, rep) != 0) return kStatusBinary;
   t->transform += wall_seconds();
@@ -156,6 +274,7 @@ int mine(uint32_t nitems, Reporter* rep) {
   engine.max_size = get_max_size();
   ReportingClient client;
   if (find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client) != 0) {
+    if (engine.node_block_failed || errno == ENOMEM) report_out_of_memory("mining");
     if (engine.node_block_failed) return kStatusLog;  // the tree builder's own status
     log_printf("%s(%u) Failed to find frequent patterns", kSrc, kLineMine);
     return kStatusConvert;
@@ -168,13 +287,18 @@ int mine(uint32_t nitems, Reporter* rep) {
 int prune_unmaximal(Reporter* rep) {
   std::unique_ptr<IdSet> ids;
   if (create_unmaximal_set(&ids, rep) != 0) {
+    report_out_of_memory("maximal pruning");
     log_printf("%s(%u) Failed to prune unmaximal patterns", kSrc, kLinePrune);
     return kStatusPrune;
   }
   load_unmaximal_ids(ids.get(), get_pc_file());
-  log_printf("  Number of Maximal Frequent Patterns:          %u",
-             remove_unmaximal_records(*ids, get_fp_conv_file(), rep));
-  if (get_tid_file() != nullptr) remove_unmaximal_records(*ids, get_tid_file(), rep);
+  uint32_t kept = 0;
+  if (remove_unmaximal_records(*ids, get_fp_conv_file(), true, &kept, rep) != 0) {
+    log_printf("%s(%u) Failed to prune unmaximal patterns", kSrc, kLinePrune);
+    return kStatusPrune;
+  }
+  log_printf("  Number of Maximal Frequent Patterns:          %u", kept);
+  if (get_tid_file() != nullptr) remove_unmaximal_records(*ids, get_tid_file(), false, &kept, rep);
   destroy_unmaximal_set(&ids);
   return kStatusOk;
 }
@@ -182,14 +306,18 @@ int prune_unmaximal(Reporter* rep) {
 // The optional post-processing stages: PC list (-p or -x), maximal pruning (-x).
 int post_process(Timings* t, Reporter* rep) {
   if (want_pc_list() || want_maximal()) {
+    enter_stage("the parent-children list", kStatusLattice);
     t->pc_list = -wall_seconds();
-    if (generate_lattice(get_fp_conv_file(), get_pc_file(), rep) != 0) {
+    if (generate_lattice(get_fp_conv_file(), g_names.pc_tmp.c_str(), rep) != 0 ||
+        !put_in_place(g_names.pc_tmp.c_str(), get_pc_file())) {
+      if (errno == ENOMEM) report_out_of_memory("the parent-children list");
       log_printf("%s(%u) Failed to generate lattice data", kSrc, kLineLattice);
       return kStatusLattice;
     }
     t->pc_list += wall_seconds();
   }
   if (want_maximal()) {
+    enter_stage("maximal pruning", kStatusPrune);
     t->pruning = -wall_seconds();
     int status = prune_unmaximal(rep);
     if (status != kStatusOk) return status;
@@ -206,6 +334,7 @@ int run_stages(LabelTable* labels) {
   uint32_t nitems = 0;
   int status = transform_input(labels, &nitems, &t, rep);
   if (status != kStatusOk) return status;
+  enter_stage("mining", kStatusConvert);
   t.patterns = -wall_seconds();
   status = mine(nitems, rep);
   if (status != kStatusOk) return status;
@@ -213,8 +342,14 @@ int run_stages(LabelTable* labels) {
   remove_file(get_qr_file(), kLineRemoveQr);
   status = post_process(&t, rep);
   if (status != kStatusOk) return status;
+  enter_stage("the back-conversion", kStatusConvert);
   if (!group_by_length(get_fp_conv_file())) return kStatusConvert;
-  if (labels->r_convert(get_fp_conv_file(), get_fp_file(), 3) != 0) {
+  if (labels->r_convert(get_fp_conv_file(), g_names.fp_tmp.c_str(), 3) != 0) {
+    explain(g_names.fp_tmp.c_str());
+    report_conversion_failure(kLineBackConvert);
+    return kStatusConvert;
+  }
+  if (!put_in_place(g_names.fp_tmp.c_str(), get_fp_file())) {
     report_conversion_failure(kLineBackConvert);
     return kStatusConvert;
   }
@@ -237,8 +372,20 @@ int run_pipeline() {
     log_printf("%s(%u) No file names can be derived from an empty FILE", kSrc, kLineEmptyFile);
     return kStatusConvert;
   }
-  LabelTable labels;
-  return run_stages(&labels);
+  int status = check_input();
+  if (status != kStatusOk) return status;
+  g_names.set(get_input_file());
+  remove_leftovers();
+  catch_signals();
+  try {
+    LabelTable labels;
+    status = run_stages(&labels);
+  } catch (const std::bad_alloc&) {
+    report_out_of_memory(g_stage);
+    status = g_stage_status;
+  }
+  if (status != kStatusOk) remove_temporaries();
+  return status;
 }
 
 bool group_by_length(const char* file) {

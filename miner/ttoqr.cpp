@@ -121,7 +121,7 @@ unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Repo
     rep->printf("%s(%u) Fatal error in max_line_size(%s)", kSrc, 64u, input);
     return 1;
   }
-  int out_fd = open(output, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  int out_fd = create_fresh(output, 0666);
   if (out_fd < 0) {
     rep->perror("%s(%u) open(%s)", kSrc, 82u, output);
     close(in);

@@ -67,7 +67,7 @@ int open_files(const char* pattern_file, const char* pc_file, LatticeFiles* file
   if (files->patterns < 0) {
     rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPatterns, pattern_file);
   }
-  files->pc = open(pc_file, O_WRONLY | O_CREAT | O_TRUNC, 0664);
+  files->pc = create_fresh(pc_file, 0664);
   if (files->pc < 0) rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
   if (files->patterns >= 0 && files->pc >= 0) {
     files->out = std::make_unique<OutBuffer>(files->pc);

@@ -170,47 +170,60 @@ void load_unmaximal_ids(IdSet* ids, const char* pc_file) {
 
 namespace {
 
-// Copies the kept records of `file` to `tmp`, telling through *written
-// whether the temporary file, when it could be created, was written whole.
-uint32_t copy_records(const IdSet& ids, const char* file, const std::string& tmp, bool* written) {
-  const int in = open(file, O_RDONLY);
-  const int out_fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664);
+// Copies the kept records of `in` to `out` (-1: nothing to write to), telling
+// through *written whether every byte went out; errno then holds the cause.
+uint32_t copy_records(const IdSet& ids, int in, int out_fd, bool* written) {
   uint32_t kept = 0;
-  {
-    LineReader lines(in);
-    OutBuffer out(out_fd);
-    std::string_view line;
-    while (lines.next(&line)) {
-      std::string_view rest = line;
-      const bool comment = is_comment(line);
-      if (!comment && ids.contains(next_token(&rest))) continue;
-      if (out_fd >= 0) {
-        out.put(line.data(), line.size());
-        out.put_char('\n');
-      }
-      if (!comment) ++kept;
+  LineReader lines(in);
+  OutBuffer out(out_fd);
+  std::string_view line;
+  while (lines.next(&line)) {
+    std::string_view rest = line;
+    const bool comment = is_comment(line);
+    if (!comment && ids.contains(next_token(&rest))) continue;
+    if (out_fd >= 0) {
+      out.put(line.data(), line.size());
+      out.put_char('\n');
     }
-    *written = out_fd < 0 || out.flush() == 0;
+    if (!comment) ++kept;
   }
-  if (in >= 0) close(in);
-  if (out_fd >= 0 && close(out_fd) != 0) *written = false;
+  *written = out_fd < 0 || out.flush() == 0;
   return kept;
+}
+
+// Reports a failed removal from `file`: with the cause for a file that must
+// be pruned, plain for one whose result nobody reads.
+int removal_failed(const char* file, bool strict, Reporter* rep) {
+  if (strict) {
+    rep->perror("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+  } else {
+    rep->printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+  }
+  return 1;
 }
 
 }  // namespace
 
-uint32_t remove_unmaximal_records(const IdSet& ids, const char* file, Reporter* rep) {
+int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, uint32_t* kept,
+                             Reporter* rep) {
   const std::string tmp = std::string(file) + ".tmp";
+  *kept = 0;
+  const int in = open(file, O_RDONLY);
+  if (in < 0 && strict) return removal_failed(file, strict, rep);
+  const int out_fd = create_fresh(tmp.c_str(), 0664);
   bool written = false;
-  const uint32_t kept = copy_records(ids, file, tmp, &written);
+  *kept = copy_records(ids, in, out_fd, &written);
+  if (in >= 0) close(in);
+  if (out_fd < 0 || (close(out_fd) != 0 && written)) written = false;
   if (!written) {  // a full disk: keep every record rather than lose some
-    rep->printf("%s(%u) Failed to write %s", kSrc, kLineWriteTmp, tmp.c_str());
-    rep->printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
-  } else if (rename(tmp.c_str(), file) != 0) {
-    rep->perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
-    rep->printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+    rep->perror("%s(%u) Failed to write %s", kSrc, kLineWriteTmp, tmp.c_str());
+    return removal_failed(file, strict, rep);
   }
-  return kept;
+  if (rename(tmp.c_str(), file) != 0) {
+    rep->perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
+    return removal_failed(file, strict, rep);
+  }
+  return 0;
 }
 
 void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids) { ids->reset(); }

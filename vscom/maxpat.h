@@ -60,12 +60,15 @@ int create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep);
 void load_unmaximal_ids(IdSet* ids, const char* pc_file);
 
 // Writes the records of `file` whose first token is not in `ids` to
-// "file.tmp" (mode 0664 before the umask; lines starting with "#" are copied
-// and not counted; every line written ends with a newline; an unreadable
-// `file` gives an empty "file.tmp"), then renames it over `file`; a failed
-// rename, or a temporary file that could not be written whole, is reported
-// and leaves `file` as it was. Returns the number of records kept, also then.
-uint32_t remove_unmaximal_records(const IdSet& ids, const char* file, Reporter* rep);
+// "file.tmp" (made afresh, mode 0664 before the umask; lines starting with "#"
+// are copied and not counted; every line written ends with a newline), then
+// renames it over `file`, and sets *kept to the number of records kept.
+// Returns 0, or 1 after a report when the temporary file cannot be made or
+// written whole or the rename fails; `file` then keeps all its records. A
+// `file` that cannot be read fails when `strict`, otherwise it counts as
+// empty; a strict failure's last report line carries its cause.
+int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, uint32_t* kept,
+                             Reporter* rep);
 
 // Frees the set if it exists.
 void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids);

@@ -21,6 +21,11 @@ char* name_join(const char* base, const char* suffix) {
   return out;
 }
 
+int create_fresh(const char* name, unsigned mode) {
+  if (unlink(name) != 0 && errno != ENOENT) return -1;
+  return open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, static_cast<mode_t>(mode));
+}
+
 double wall_seconds() {
   struct timeval tv;
   gettimeofday(&tv, nullptr);

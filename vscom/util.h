@@ -17,6 +17,12 @@
 char* name_join(const char* base, const char* suffix);
 
 
+// Creates `name` anew for writing with `mode` (before the umask): whatever
+// stands at the name, a stale file or a symbolic link, is removed first, and
+// the file is made exclusively, never through a link. Returns the descriptor,
+// or -1 with errno set.
+int create_fresh(const char* name, unsigned mode);
+
 // Writes v in decimal (at most 10 characters) at `out`; returns the end.
 char* put_decimal(char* out, uint32_t v);
 
