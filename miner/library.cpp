@@ -339,6 +339,7 @@ class Client : public EngineClient {
     stats.avg_items = e.stats.avg_items;
   }
   PatternSink* open_sink(Engine*, uint32_t) override { return sink_; }
+  const char* sink_name() const override { return "memory"; }
   bool close_sink(Engine*, bool) override { return true; }
   Stats stats;
 

@@ -61,7 +61,7 @@ int mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, uint
   }
   e->sink = client->open_sink(e, ntrans);
   if (e->sink == nullptr) {
-    e->rep->printf("%s(%u) Failed to open %s", kSrc, 177u, "?");
+    e->rep->printf("%s(%u) Failed to open %s", kSrc, 177u, client->sink_name());
     free_fptree(&tree);
     return 1;
   }

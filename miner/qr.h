@@ -68,6 +68,8 @@ class EngineClient {
   // The sink for the patterns, opened once there is something to mine; null
   // after a report when it cannot be opened.
   virtual PatternSink* open_sink(Engine* e, uint32_t ntrans) = 0;
+  // What the sink writes to, for reports.
+  virtual const char* sink_name() const = 0;
   // Ends the sink after mining; `complete` is false when mining failed and
   // what was handed over is to be dropped. Returns false after a report.
   virtual bool close_sink(Engine* e, bool complete) = 0;

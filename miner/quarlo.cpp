@@ -214,9 +214,10 @@ class ReportingClient : public EngineClient {
     }
     if (writer_.close() == 0) return true;
     // The line's first field is the file's name where other lines name their module.
-    e->rep->printf("%s(%u) Failed to close %s", get_fp_conv_file(), 0u, "?");
+    e->rep->printf("%s(%u) Failed to close %s", get_fp_conv_file(), 0u, get_fp_conv_file());
     return false;
   }
+  const char* sink_name() const override { return get_fp_conv_file(); }
   uint32_t written() const { return writer_.count(); }
 
  private:

@@ -35,7 +35,7 @@ using Names = std::vector<std::string>;
 
 const std::string kRule(80, '*');
 const std::string kDir = "<dir>";    // setup entry made as a directory
-const std::string kFull = "<full>";  // setup entry made a link to /dev/full
+const std::string kFifo = "<fifo>";  // setup entry made a named pipe
 
 std::string example(const std::string& name) { return source_path("examples/" + name); }
 
@@ -109,7 +109,7 @@ unsigned created_mode(const std::string& name) {
 // One run in a fresh directory that holds market.txt and market.supp.
 struct Scenario {
   const char* name;
-  Names setup;  // pairs: file name, content (or kDir, kFull)
+  Names setup;  // pairs: file name, content (or kDir, kFifo)
   Names args;
   int status;
   bool full;    // `last` is everything after the banner (or the whole output
@@ -119,7 +119,22 @@ struct Scenario {
   Names empty;  // files of `left` that must be empty
   Names err = {};    // patterns of the lines on standard error
   Names shows = {};  // lines that stand together somewhere in the report
+  unsigned long file_size_limit = 0;  // a full disk: no file may grow beyond this
 };
+
+// Inputs whose files outgrow a limit one after another: the converted text,
+// the binary file, the pattern file, the PC list, the labelled pattern file.
+std::string repeated(const std::string& line, int times) {
+  std::string text;
+  for (int i = 0; i < times; ++i) text += line;
+  return text;
+}
+const std::string kLongText = repeated("alpha beta gamma delta epsilon\n", 3000);  // .conv 33 KB
+const std::string kNumbers = repeated("0 1 2 3 4 5 6 7 8\n", 1000);  // .conv 19 KB, .qr 40 KB
+const std::string kFourteen = "a b c d e f g h i j k l m n\n";  // -s 0: .fp_conv 0.55 MB, .pc 0.85 MB
+const std::string kLongLabels = repeated(std::string(60, 'x') + "1 ", 1) +
+                                repeated(std::string(60, 'y') + "2 ", 1) + std::string(60, 'z') +
+                                " w v u t s\n";  // .fp_conv 7 KB, .fp 29 KB
 
 const Names kMarket = {"market.supp", "market.txt", "quarlo.log"};
 const std::string kConvertFatal =  // source line 78 converts FILE, 136 the patterns back
@@ -145,9 +160,15 @@ const Names kPruned =
     closing({line("Number of Maximal Frequent Patterns", "4"), count_line(3, 4)}, 2);
 
 const Scenario kScenarios[] = {
+    // The required line names the back-conversion; the cause goes to stderr,
+    // and no empty FILE.conv is left.
     {"missing FILE", {}, {"-s", "40", "absent.txt"}, 2, true,
-     {"quarlo(78) Fatal error in r_convert(absent.txt.fp_conv, absent.txt.fp)"},
-     {"absent.txt.conv"}, {}},
+     {"quarlo(78) Fatal error in r_convert(absent.txt.fp_conv, absent.txt.fp)"}, {}, {},
+     {"quarlo: absent.txt: No such file or directory"}},
+    {"FILE is a directory", {"dir", kDir}, {"-s", "40", "dir"}, 2, true,
+     {"quarlo(282) dir: is a directory"}, {"dir"}, {}},
+    {"FILE is a named pipe", {"pipe", kFifo}, {"-s", "40", "pipe"}, 2, true,
+     {"quarlo(282) pipe: is not a regular file"}, {"pipe"}, {}},
     {"empty FILE", {}, {"-s", "40", ""}, 2, true,
      {"quarlo(#) No file names can be derived from an empty FILE"}, {}, {}},
     {"missing support table", {}, {"-S", "absent.supp", "market.txt"}, 2, true,
@@ -162,35 +183,45 @@ const Scenario kScenarios[] = {
     {"support table read up to length 7", {"t.supp", "7 10\n1 50\n"},
      {"-S", "t.supp", "market.txt"}, 2, true, {kNoLength1, kSupportTableFatal, kNoPatterns},
      {"market.txt.conv", "market.txt.qr", "t.supp"}, {}},
-    {"FILE.conv on a full disk", {"market.txt.conv", kFull}, {"-s", "40", "market.txt"}, 2, true,
-     {convert_fatal("78")}, {"market.txt.conv"}, {}},
+    {"FILE.conv on a full disk", {"t.txt", kLongText}, {"-s", "40", "t.txt"}, 2, true,
+     {"quarlo(78) Fatal error in r_convert(t.txt.fp_conv, t.txt.fp)"}, {"t.txt", "t.txt.conv"}, {},
+     {"quarlo: t.txt.conv: File too large"}, {}, 16384},
     {"FILE.qr is a directory", {"market.txt.qr", kDir}, {"-s", "40", "market.txt"}, 4, true,
      {"ttoqr(82) open(market.txt.qr): Is a directory"}, kConvFiles, {}},
-    {"FILE.qr on a full disk", {"market.txt.qr", kFull}, {"-s", "40", "market.txt"}, 4, true,
-     {"ttoqr(103) write(*, *, 4): No space left on device"}, kConvFiles, {}},
+    {"FILE.qr on a full disk", {"t.txt", kNumbers}, {"-s", "40", "t.txt"}, 4, true,
+     {"ttoqr(103) write(*, *, 4): File too large"}, {"t.txt", "t.txt.conv", "t.txt.qr"}, {}, {}, {},
+     30000},
     {"-1 between two items", {"seq.txt", "1 2\n3 -1 4\n5 6\n"}, {"-s", "10", "-x", "seq.txt"}, 4,
      true,
      {"ttoqr(#) Sequence with more than one itemsets detected",
       "ttoqr(#) Fatal error in tseq_to_vsseq()"},
      {"seq.txt", "seq.txt.conv", "seq.txt.qr"}, {}},
-    {"FILE.fp_conv on a full disk", {"market.txt.fp_conv", kFull}, {"-s", "40", "market.txt"}, 2,
-     false, {kNoPatterns}, {"market.txt.conv", "market.txt.fp_conv", "market.txt.qr"}, {}},
+    {"FILE.fp_conv on a full disk", {"t.txt", kFourteen}, {"-s", "0", "t.txt"}, 2, false,
+     {"iopttn(47) fclose() failed: File too large", "t.txt.fp_conv(0) Failed to close t.txt.fp_conv",
+      kNoPatterns},
+     {"t.txt", "t.txt.conv", "t.txt.fp_conv", "t.txt.qr"}, {}, {}, {}, 100000},
+    // FILE.fp and FILE.pc are made under a temporary name and moved into
+    // place whole; a failure leaves the earlier file as it was.
     {"FILE.fp is a directory", {"market.txt.fp", kDir}, {"-s", "50", "market.txt"}, 2, false,
-     {count_line(2, 4), convert_fatal("136")},
-     {"market.txt.conv", "market.txt.fp", "market.txt.fp_conv"}, {}},
-    {"FILE.fp on a full disk", {"market.txt.fp", kFull}, {"-s", "40", "market.txt"}, 2, false,
-     {count_line(3, 4), convert_fatal("136")},
-     {"market.txt.conv", "market.txt.fp", "market.txt.fp_conv"}, {}},
+     {count_line(2, 4), "quarlo(280) rename(market.txt.fp.tmp, market.txt.fp): Is a directory",
+      convert_fatal("136")},
+     {"market.txt.conv", "market.txt.fp", "market.txt.fp_conv"}, {},
+     {"quarlo: market.txt.fp: Is a directory"}},
+    {"FILE.fp on a full disk", {"t.txt", kLongLabels}, {"-s", "0", "t.txt"}, 2, false, {count_line(8, 1), "quarlo(136) Fatal error in r_convert(t.txt.fp_conv, t.txt.fp)"},
+     {"t.txt", "t.txt.conv", "t.txt.fp_conv"}, {}, {"quarlo: t.txt.fp.tmp: File too large"},
+     {}, 16384},
     {"FILE.pc is a directory", {"market.txt.pc", kDir}, {"-p", "-s", "40", "market.txt"}, 16,
-     false, {"../vscom/lattice(41) Failed to open market.txt.pc", kNoLattice}, kStageFiles, {}},
-    {"FILE.pc on a full disk", {"market.txt.pc", kFull}, {"-x", "-s", "40", "market.txt"}, 16,
-     false, {"../vscom/lattice(45) Failed to write market.txt.pc", kNoLattice}, kStageFiles, {}},
-    // FILE.qr goes after mining; the PC list is created before the missing
-    // pattern file is noticed; no pruning runs, so there is no FILE.tid.
-    {"no frequent item with -p", {}, {"-p", "-s", "90", "market.txt"}, 16, false, kNoPcList,
-     {"market.txt.conv", "market.txt.pc"}, {"market.txt.pc"}},
+     false, {"quarlo(280) rename(market.txt.pc.tmp, market.txt.pc): Is a directory", kNoLattice},
+     kStageFiles, {}, {"quarlo: market.txt.pc: Is a directory"}},
+    {"FILE.pc on a full disk", {"t.txt", kFourteen}, {"-x", "-s", "0", "t.txt"}, 16, false,
+     {"../vscom/lattice(45) Failed to write t.txt.pc.tmp", kNoLattice},
+     {"t.txt", "t.txt.conv", "t.txt.fp_conv"}, {}, {}, {}, 700000},
+    // A stale pattern file of an earlier run is never read as this run's:
+    // with nothing frequent there is no pattern file for the PC list.
+    {"no frequent item with -p", {"market.txt.fp_conv", "0-0 5 100.000 1 \n"},
+     {"-p", "-s", "90", "market.txt"}, 16, false, kNoPcList, {"market.txt.conv"}, {}},
     {"no frequent item with -x", {}, {"-x", "-s", "90", "market.txt"}, 16, false, kNoPcList,
-     {"market.txt.conv", "market.txt.pc"}, {"market.txt.pc"}},
+     {"market.txt.conv"}, {}},
     {"-t", {}, {"-t", "x"}, 32, true, {kNoTid}, {}, {}},
     {"--tid-list", {}, {"--tid-list", "-x", "absent.txt"}, 32, true, {kNoTid}, {}, {}},
     // A log that cannot be opened (a directory defeats fopen for every user,
@@ -251,16 +282,16 @@ const Scenario kScenarios[] = {
              2),
      {"market.txt.fp", "market.txt.pc", "market.txt.tid", "market.txt.tid.tmp"},
      {"market.txt.tid.tmp"}},
-    // A full disk while pruning keeps every pattern rather than lose some.
-    {"pruning on a full disk", {"market.txt.fp_conv.tmp", kFull}, {"-s", "40", "-x", "market.txt"},
-     0, false,
-     closing({"../vscom/maxpat(96) Failed to write market.txt.fp_conv.tmp",
-              "../vscom/maxpat(95) Failed to remove unmaximal records from market.txt.fp_conv",
-              line("Number of Maximal Frequent Patterns", "4"), kMarketCounts[0], kMarketCounts[1],
-              kMarketCounts[2]},
-             2),
-     {"market.txt.fp", "market.txt.fp_conv.tmp", "market.txt.pc", "market.txt.tid"},
-     {"market.txt.tid"}},
+    // Pruning that fails ends the run: no FILE.fp from unpruned patterns.
+    {"pruning cannot make its temporary file", {"market.txt.fp_conv.tmp", kDir},
+     {"-s", "40", "-x", "market.txt"}, 8, false,
+     {"../vscom/maxpat(96) Failed to write market.txt.fp_conv.tmp: Is a directory",
+      "../vscom/maxpat(95) Failed to remove unmaximal records from market.txt.fp_conv: Is a directory",
+      "quarlo(90) Failed to prune unmaximal patterns"},
+     {"market.txt.conv", "market.txt.fp_conv", "market.txt.fp_conv.tmp", "market.txt.pc"}, {}},
+    // A stale temporary file, even a read-only one, is replaced.
+    {"stale temporary file of the pruning", {"market.txt.fp_conv.tmp", "stale\n"},
+     {"-s", "40", "-x", "market.txt"}, 0, false, kPruned, kPruneFiles, {"market.txt.tid"}},
 };
 
 // Matches `lines` against `patterns`, one each.
@@ -283,13 +314,13 @@ TEST(Runs, EachRunEndsWithItsStatusMessagesAndFiles) {
       const std::string name = d.join(run.setup[i]);
       if (run.setup[i + 1] == kDir) {
         std::filesystem::create_directory(name);
-      } else if (run.setup[i + 1] == kFull) {
-        ASSERT_EQ(symlink("/dev/full", name.c_str()), 0);
+      } else if (run.setup[i + 1] == kFifo) {
+        ASSERT_EQ(mkfifo(name.c_str(), 0644), 0);
       } else {
         quarlo_test::write_file(name, run.setup[i + 1]);
       }
     }
-    RunResult r = run_quarlo(d.path(), run.args);
+    RunResult r = run_quarlo(d.path(), run.args, run.file_size_limit);
     EXPECT_EQ(r.status, run.status);
     expect_lines(split_lines(r.err), run.err, r.err);
     Names lines = split_lines(r.out);

@@ -1,12 +1,14 @@
 #include "support/harness.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -91,7 +93,8 @@ RunResult run_forked(const std::function<int()>& body) {
   return result;
 }
 
-RunResult run_quarlo(const std::string& dir, const std::vector<std::string>& args) {
+RunResult run_quarlo(const std::string& dir, const std::vector<std::string>& args,
+                     unsigned long file_size_limit) {
   std::vector<std::string> strings = {QUARLO_BINARY};
   strings.insert(strings.end(), args.begin(), args.end());
   std::vector<char*> argv;
@@ -99,6 +102,11 @@ RunResult run_quarlo(const std::string& dir, const std::vector<std::string>& arg
   argv.push_back(nullptr);
   return run_forked([&] {
     umask(0);
+    if (file_size_limit != 0) {
+      signal(SIGXFSZ, SIG_IGN);  // stays ignored across exec: writes fail instead
+      const struct rlimit limit = {file_size_limit, file_size_limit};
+      setrlimit(RLIMIT_FSIZE, &limit);
+    }
     if (chdir(dir.c_str()) != 0) {
       perror("chdir");
       return 126;

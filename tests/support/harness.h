@@ -47,7 +47,10 @@ struct RunResult {
 RunResult run_forked(const std::function<int()>& body);
 // Runs the built program in `dir` with `args` (no shell) and umask 0, so that
 // the modes of the files it creates are its own.
-RunResult run_quarlo(const std::string& dir, const std::vector<std::string>& args);
+// A non-zero `file_size_limit` caps every file the program writes (a full
+// disk: writes beyond it fail with EFBIG).
+RunResult run_quarlo(const std::string& dir, const std::vector<std::string>& args,
+                     unsigned long file_size_limit = 0);
 
 // Whole files; failures fail the test.
 std::string read_file(const std::string& path);

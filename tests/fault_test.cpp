@@ -1,0 +1,134 @@
+// Faults a real machine has, provoked around whole runs of the program: a
+// second run on the same FILE, a run killed half-way, too little memory, links
+// at the intermediate names, a closed standard output. Each ends with the
+// right result or a non-zero status and a line naming the file and the cause.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/harness.h"
+
+namespace {
+
+using quarlo_test::list_dir;
+using quarlo_test::read_file;
+using quarlo_test::RunResult;
+using quarlo_test::run_forked;
+using quarlo_test::run_quarlo;
+using quarlo_test::write_file;
+
+// Dense random transactions: at a low support they keep a run busy for a
+// while and give millions of itemsets.
+std::string dense(int lines) {
+  std::mt19937 rng(11);
+  std::string text;
+  for (int l = 0; l < lines; ++l) {
+    for (int item = 0; item < 24; ++item) {
+      if (rng() % 10 < 7) text += std::to_string(item) + ' ';
+    }
+    text += '\n';
+  }
+  return text;
+}
+
+// The program with `args` in `dir`, started in the background with standard
+// output on /dev/null, or closed.
+pid_t start(const std::string& dir, const std::vector<std::string>& args, bool close_stdout = false) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  std::vector<std::string> strings = {QUARLO_BINARY};
+  strings.insert(strings.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& s : strings) argv.push_back(s.data());
+  argv.push_back(nullptr);
+  const int null = open("/dev/null", O_WRONLY);
+  dup2(null, 1);
+  if (close_stdout) close(1);
+  if (chdir(dir.c_str()) != 0) _exit(126);
+  execv(QUARLO_BINARY, argv.data());
+  _exit(127);
+}
+
+class Faults : public quarlo_test::TempDirTest {};
+
+TEST_F(Faults, SecondRunOnABusyFileStopsAtOnce) {
+  write_file(path("b.txt"), "a b\nb c\n");
+  const int fd = open(path("b.txt").c_str(), O_RDONLY);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);  // as a live run holds it
+  RunResult r = run_quarlo(dir(), {"-s", "10", "b.txt"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.out.find("quarlo(284) b.txt is in use by another run\n"), std::string::npos) << r.out;
+  EXPECT_EQ(list_dir(dir()), (std::vector<std::string>{"b.txt", "quarlo.log"}));
+  close(fd);  // the lock goes with its holder
+  EXPECT_EQ(run_quarlo(dir(), {"-s", "10", "b.txt"}).status, 0);
+}
+
+TEST_F(Faults, SignalRemovesTheRunsFilesAndKeepsTheEarlierResult) {
+  write_file(path("d.txt"), dense(3000));
+  ASSERT_EQ(run_quarlo(dir(), {"-s", "60", "-p", "d.txt"}).status, 0);
+  const std::string fp = read_file(path("d.txt.fp"));
+  const std::string pc = read_file(path("d.txt.pc"));
+  for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+    const pid_t pid = start(dir(), {"-s", "1", "-p", "d.txt"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    kill(pid, sig);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) GTEST_SKIP() << "the run ended first";
+    ASSERT_TRUE(WIFEXITED(status)) << sig;
+    EXPECT_EQ(WEXITSTATUS(status), 128 + sig);
+    EXPECT_EQ(list_dir(dir()), (std::vector<std::string>{"d.txt", "d.txt.fp", "d.txt.pc", "quarlo.log"}));
+    EXPECT_EQ(read_file(path("d.txt.fp")), fp);
+    EXPECT_EQ(read_file(path("d.txt.pc")), pc);
+  }
+}
+
+TEST_F(Faults, RunningOutOfMemoryNamesTheStage) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's shadow memory does not fit under an address-space limit";
+#else
+  write_file(path("d.txt"), dense(3000));
+  const std::string d = dir();
+  RunResult r = run_forked([&d] {
+    const struct rlimit limit = {32u << 20, 32u << 20};
+    setrlimit(RLIMIT_AS, &limit);
+    return run_quarlo(d, {"-s", "5", "d.txt"}).status;
+  });
+  EXPECT_TRUE(r.status == 1 || r.status == 2) << r.status;  // never a crash
+  EXPECT_NE(read_file(path("quarlo.log")).find(") out of memory in "), std::string::npos);
+#endif
+}
+
+TEST_F(Faults, LinksAtIntermediateNamesAreNeverWrittenThrough) {
+  write_file(path("g.txt"), "a b\nb c\na b c\n");
+  write_file(path("victim"), "keep\n");
+  for (const char* name : {"g.txt.conv", "g.txt.qr", "g.txt.fp_conv", "g.txt.fp_conv.tmp",
+                           "g.txt.fp.tmp", "g.txt.pc.tmp"}) {
+    ASSERT_EQ(symlink("victim", path(name).c_str()), 0);
+  }
+  EXPECT_EQ(run_quarlo(dir(), {"-s", "30", "-x", "g.txt"}).status, 0);
+  EXPECT_EQ(read_file(path("victim")), "keep\n");
+  EXPECT_EQ(read_file(path("g.txt.fp")), "2-0 1 33.333 a b c \n");
+}
+
+TEST_F(Faults, ClosedStandardOutputLeavesEachLineOnceInTheLog) {
+  write_file(path("g.txt"), "a b\n");
+  const pid_t pid = start(dir(), {"-s", "10", "g.txt"}, true);
+  int status = -1;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);
+  const std::string log = read_file(path("quarlo.log"));
+  EXPECT_EQ(log.find("Solution"), log.rfind("Solution"));
+  EXPECT_NE(log.find("Solution"), std::string::npos);
+}
+
+}  // namespace
