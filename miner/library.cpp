@@ -176,12 +176,12 @@ void load_file(const std::string& path, Engine* e, TranBuf* db, Loaded* in) {
   std::string conv;
   std::vector<uint32_t> items;
   std::string_view line;
-  bool terminated = false;
   uint64_t number = 0;
-  while (reader.next(&line, &terminated)) {
+  while (reader.next(&line)) {
     ++number;
+    // The converted text ends every line with a newline, the last one too.
     in->labels.convert_line(line, &conv);
-    const bool ok = pieces.each(conv, terminated, [&](std::string_view part) {
+    const bool ok = pieces.each(conv, true, [&](std::string_view part) {
       if (!collect_items(part, &items)) return false;
       add_record(e, db, &items, &in->nitems);
       return true;

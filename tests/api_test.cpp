@@ -273,6 +273,7 @@ TEST_F(Library, BadInputsRaiseTheirKindOfError) {
   using Kind = quarlo::Error::Kind;
   write_file(path("ok.txt"), "a b\nb c\n");
   write_file(path("split.txt"), "a b\nb -1 c\n");
+  write_file(path("split-end.txt"), "1\n2 3 -1 4");  // a last line without newline is whole
   write_file(path("zero.supp"), "1 5\n0 3\n");
   write_file(path("no1.supp"), "2 5\n");
   mkdir(path("dir").c_str(), 0755);
@@ -303,6 +304,7 @@ TEST_F(Library, BadInputsRaiseTheirKindOfError) {
       {kind_of(quarlo::Transactions::from_file(path("ok.txt")), with_table(path("no1.supp"))),
        Kind::kInvalidArgument},
       {kind_of(quarlo::Transactions::from_file(path("split.txt")), plain), Kind::kInvalidArgument},
+      {kind_of(quarlo::Transactions::from_file(path("split-end.txt")), plain), Kind::kInvalidArgument},
       {kind_of(quarlo::Transactions::from_labels({{"a", "-1", "b"}}), plain), Kind::kInvalidArgument},
       {kind_of(quarlo::Transactions::from_labels({{"a b"}}), plain), Kind::kInvalidArgument},
       {kind_of(quarlo::Transactions::from_labels({{""}}), plain), Kind::kInvalidArgument},
