@@ -5,12 +5,17 @@
 #               then the same tests on the optimised build, then the installed
 #               package checked with examples/embed
 #   make install PREFIX=/usr/local   program, library, headers, CMake package, man page
+#   make fuzz   clang libFuzzer targets in build/fuzz, each run FUZZ_SECONDS seconds
+#               on a copy of its seed corpus; fails when one finds a crash
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_DIR := build/demo
 
 PREFIX ?= /usr/local
+FUZZ_SECONDS ?= 60
+FUZZ_DIR := build/fuzz
+FUZZ_TARGETS := transactions support_table binary patterns parents
 
-.PHONY: all release demo test install build-deps test-deps clean
+.PHONY: all release demo test fuzz install build-deps test-deps fuzz-deps clean
 
 all: release
 
@@ -32,6 +37,9 @@ build-deps:
 test-deps:
 	@sh tools/ensure-deps.sh test
 
+fuzz-deps:
+	@sh tools/ensure-deps.sh fuzz
+
 test: test-deps
 	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON
 	cmake --build build/asan -j $(JOBS)
@@ -40,6 +48,11 @@ test: test-deps
 	cmake --build build/release -j $(JOBS)
 	cd build/release && ctest --output-on-failure -j $(JOBS)
 	sh tools/check-embed.sh
+
+fuzz: fuzz-deps
+	CXX=clang++-14 cmake -S . -B $(FUZZ_DIR) -DQUARLO_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
+	sh tools/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 install: release
 	cmake --install build/release --prefix $(PREFIX)
