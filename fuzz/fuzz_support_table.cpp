@@ -19,12 +19,16 @@ void check(const Scratch& file, const Shape& shape) {
   FUZZ_CHECK(loaded == rep.lines().empty());
   if (!loaded || shape.nitems == 0) return;
   FUZZ_CHECK(t.lengths() == shape.nitems);
-  FUZZ_CHECK(t.lowest_minsup() == t.minsup_of_length(shape.nitems));
+  FUZZ_CHECK(t.lowest_minsup() == t.bound_of_length(shape.nitems));
   // Lengths below the minimum size are out of reach; every other demands a
-  // transaction at least, or any itemset would pass.
+  // transaction at least, or any itemset would pass. The pruning bound is the
+  // running minimum of the table.
+  uint32_t least = UINT32_MAX;
   for (uint32_t len = 1; len <= shape.nitems; ++len) {
     const uint32_t count = t.minsup_of_length(len);
     FUZZ_CHECK(len < shape.min_size ? count == shape.ntrans + 1 : count >= 1);
+    least = count < least ? count : least;
+    FUZZ_CHECK(t.bound_of_length(len) == least);
   }
   // The lookup by support, cached or searched, answers a length of the table.
   for (int32_t s = -1; s < 140; s += 7) {

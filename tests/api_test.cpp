@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -127,28 +126,6 @@ TEST_F(Library, FileAndMemoryGiveTheProgramsFiles) {
     EXPECT_EQ(fp_text(maximal), read_file(path("in.txt.fp"))) << c.input;
     EXPECT_EQ(maximal.stats.frequent, from_file.itemsets.size());
   }
-}
-
-// Several MiB through the program's converters and the library's own reading:
-// lines straddle the read chunks, a line of 200000 distinct labels outgrows a
-// chunk on its own, and the binary file's buffer fills more than once.
-TEST_F(Library, LargeFileGivesTheProgramsFile) {
-  std::mt19937 rng(7);
-  std::string text;
-  for (int l = 0; l < 60000; ++l) {
-    for (int i = l == 30000 ? 200000 : 0; i > 0; --i) text.append("w").append(std::to_string(i)).append(" ");
-    for (int k = rng() % 15; k > 0; --k) text.append(std::to_string(rng() % 40)).append(rng() % 2 ? " " : "\t");
-    text += l % 7 == 0 ? "\r\n" : "\n";
-  }
-  write_file(path("big.txt"), text);
-  const RunResult run = cli(path("big.txt"), "", {"-s", "0.3"});
-  ASSERT_EQ(run.status, 0) << run.out;
-  EXPECT_NE(run.out.find("  Number of Distinct Items:                     200040\n"), std::string::npos);
-  quarlo::Options options;
-  options.support = quarlo::Support::percent(0.3);
-  const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_labels(labels_of(path("big.txt"))), options);
-  EXPECT_GT(r.itemsets.size(), 5000u);  // pairs and triples of the 40 numbers
-  EXPECT_EQ(fp_text(r), read_file(path("in.txt.fp")));
 }
 
 TEST_F(Library, SizesTablesAndIntegerLabelsFollowTheProgram) {
