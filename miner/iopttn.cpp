@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <new>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -130,6 +132,124 @@ std::vector<LengthCount> length_counts(const std::vector<LineRef>& lines,
 }
 
 
+// Lines of one key on their way to the rewritten file: an unnamed temporary
+// file beside it, filled through a small buffer.
+struct Bucket {
+  int fd = -1;
+  std::unique_ptr<OutBuffer> out;
+  uint32_t lines = 0;
+  ~Bucket() {
+    out.reset();
+    if (fd >= 0) close(fd);
+  }
+};
+
+// More distinct keys than this (never in the program's own pattern files)
+// are grouped in memory instead of through one temporary file each.
+constexpr size_t kMaxBuckets = 256;
+constexpr size_t kBucketBuffer = size_t{64} << 10;
+
+// An unnamed file for writing and reading back in the directory of `file`,
+// so that it takes room where the pattern file does. -1 with errno set.
+int unnamed_file_beside(const char* file) {
+  const char* slash = strrchr(file, '/');
+  const std::string dir = slash == nullptr ? "." : std::string(file, slash == file ? 1 : slash - file);
+  const int fd = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
+  std::string name = dir + "/.quarlo-XXXXXX";  // a file system without unnamed files
+  const int named = mkstemp(name.data());
+  if (named >= 0) unlink(name.c_str());
+  return named;
+}
+
+// Appends the whole of `from` (read from its start) to `to`. False, with
+// errno set, when a read or write fails.
+bool append_file(int from, int to) {
+  off_t at = 0;
+  for (;;) {
+    const ssize_t n = copy_file_range(from, &at, to, nullptr, size_t{1} << 30, 0);
+    if (n == 0) return true;
+    if (n > 0) continue;
+    if (errno == EINTR) continue;
+    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return false;
+    break;  // copied by hand below, from where the kernel stopped
+  }
+  char chunk[1 << 16];
+  for (ssize_t n; (n = pread(from, chunk, sizeof chunk, at)) != 0;) {
+    if (n < 0) return false;
+    for (ssize_t done = 0; done < n;) {
+      const ssize_t w = write(to, chunk + done, static_cast<size_t>(n - done));
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) return false;
+      done += w;
+    }
+    at += n;
+  }
+  return true;
+}
+
+enum class Spread { kDone, kTooManyKeys, kFailed };
+
+// Reads `file` once and spreads its lines over one bucket per key.
+Spread spread_lines(const char* file, std::map<uint64_t, Bucket>* buckets) {
+  const int in = open(file, O_RDONLY);
+  LineReader reader(in);
+  std::string_view line;
+  Spread result = Spread::kDone;
+  while (result == Spread::kDone && reader.next(&line)) {
+    Bucket& b = (*buckets)[length_key(line.data(), line.size())];
+    if (b.out == nullptr) {
+      if (buckets->size() > kMaxBuckets) {
+        result = Spread::kTooManyKeys;
+        break;
+      }
+      b.fd = unnamed_file_beside(file);
+      if (b.fd < 0) {
+        result = Spread::kFailed;
+        break;
+      }
+      b.out = std::make_unique<OutBuffer>(b.fd, kBucketBuffer);
+    }
+    b.out->put(line.data(), line.size());
+    b.out->put_char('\n');
+    ++b.lines;
+  }
+  if (in >= 0) close(in);
+  for (auto& [key, b] : *buckets) {
+    if (result == Spread::kDone && b.out != nullptr && b.out->flush() != 0) result = Spread::kFailed;
+  }
+  return result;
+}
+
+// The rewrite from the buckets, in key order. False, with errno set, when the
+// file was made but could not be written whole; a file that cannot be made
+// is left as it was.
+bool join_buckets(const char* file, std::map<uint64_t, Bucket>* buckets,
+                  std::vector<LengthCount>* counts) {
+  const int out = create_fresh(file, 0664);
+  if (out < 0) return true;
+  bool written = true;
+  for (auto& [key, b] : *buckets) {
+    if (written && !append_file(b.fd, out)) written = false;
+    if (key != kNoKey) counts->push_back({static_cast<uint32_t>(key + 1), b.lines});
+  }
+  const int err = errno;
+  if (close(out) != 0 && written) return false;
+  errno = err;
+  return written;
+}
+
+// The grouping of a file with keys of every kind, in memory.
+bool sort_in_memory(const char* file, std::vector<LengthCount>* counts) {
+  std::string text;
+  if (!read_whole_file(file, &text)) text.clear();
+  const std::vector<LineRef> lines = split_lines(text);
+  const std::vector<uint32_t> order = group_by_key(lines);
+  if (!write_lines(file, text, lines, order)) return false;
+  *counts = length_counts(lines, order);
+  return true;
+}
+
 }  // namespace
 
 void sort_items(uint32_t* a, uint32_t n) {
@@ -237,11 +357,16 @@ void PatternFileWriter::abandon() {
 }
 
 bool sort_by_length(const char* file, std::vector<LengthCount>* counts) {
-  std::string text;
-  if (!read_whole_file(file, &text)) text.clear();
-  const std::vector<LineRef> lines = split_lines(text);
-  const std::vector<uint32_t> order = group_by_key(lines);
-  if (!write_lines(file, text, lines, order)) return false;
-  *counts = length_counts(lines, order);
-  return true;
+  counts->clear();
+  std::map<uint64_t, Bucket> buckets;
+  switch (spread_lines(file, &buckets)) {
+    case Spread::kDone:
+      return join_buckets(file, &buckets, counts);
+    case Spread::kTooManyKeys:
+      buckets.clear();
+      return sort_in_memory(file, counts);
+    case Spread::kFailed:
+      break;
+  }
+  return false;
 }

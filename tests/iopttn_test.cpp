@@ -55,6 +55,23 @@ TEST_F(SortByLength, GroupsLinesByTheNumberBeforeTheFirstDash) {
   }
 }
 
+// Hundreds of distinct lengths (never in the program's own files) take the
+// in-memory way; the result is the same.
+TEST_F(SortByLength, ManyDistinctLengthsAreGroupedAlike) {
+  std::string text, sorted;
+  Counts counts;
+  for (uint32_t len = 400; len >= 1; --len) {
+    text += std::to_string(len - 1) + "-0 x\n";
+  }
+  for (uint32_t len = 1; len <= 400; ++len) {
+    sorted += std::to_string(len - 1) + "-0 x\n";
+    counts.emplace_back(len, 1);
+  }
+  write_file(file(), text);
+  EXPECT_EQ(sort_existing(), counts);
+  EXPECT_EQ(read_file(file()), sorted);
+}
+
 TEST_F(SortByLength, MissingFileGivesAnEmptyFileOfMode0664) {
   const mode_t mask = umask(0);
   EXPECT_EQ(sort_existing(), Counts{});

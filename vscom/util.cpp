@@ -87,14 +87,14 @@ void LineReader::fill() {
   }
 }
 
-OutBuffer::OutBuffer(int fd) : fd_(fd), buf_(new char[kSize]) {}
+OutBuffer::OutBuffer(int fd, size_t size) : size_(size), fd_(fd), buf_(new char[size]) {}
 
 // Fills the buffer, flushes, and goes on until the bytes are all taken.
 void OutBuffer::put_spanning(const void* bytes, size_t n) {
   const char* p = static_cast<const char*>(bytes);
   while (n > 0) {
-    if (used_ == kSize) flush();
-    const size_t k = std::min(n, kSize - used_);
+    if (used_ == size_) flush();
+    const size_t k = std::min(n, size_ - used_);
     memcpy(buf_.get() + used_, p, k);
     used_ += k;
     p += k;
@@ -114,7 +114,7 @@ char* put_decimal(char* out, uint32_t v) {
 }
 
 void OutBuffer::put_decimal(uint32_t v) {
-  if (kSize - used_ < 10) flush();
+  if (size_ - used_ < 10) flush();
   used_ = static_cast<size_t>(::put_decimal(buf_.get() + used_, v) - buf_.get());
 }
 

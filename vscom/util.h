@@ -55,9 +55,10 @@ class LineReader {
 // calls. Does not close the descriptor. After a failed write the rest is dropped.
 class OutBuffer {
  public:
-  explicit OutBuffer(int fd);
+  // `size` bytes of buffer: 1 MiB unless many buffers are open at once.
+  explicit OutBuffer(int fd, size_t size = size_t{1} << 20);
   void put(const void* bytes, size_t n) {
-    if (n <= kSize - used_) {  // the usual case: a token that fits
+    if (n <= size_ - used_) {  // the usual case: a token that fits
       memcpy(buf_.get() + used_, bytes, n);
       used_ += n;
     } else {
@@ -65,7 +66,7 @@ class OutBuffer {
     }
   }
   void put_char(char c) {
-    if (used_ == kSize) flush();
+    if (used_ == size_) flush();
     buf_[used_++] = c;
   }
   void put_decimal(uint32_t v);
@@ -75,7 +76,7 @@ class OutBuffer {
   // Room for at least n <= 64 bytes at the write end: write them through the
   // pointer, then pass the end of what was written to commit().
   char* reserve(size_t n) {
-    if (kSize - used_ < n) flush();
+    if (size_ - used_ < n) flush();
     return buf_.get() + used_;
   }
   void commit(const char* end) { used_ = static_cast<size_t>(end - buf_.get()); }
@@ -88,7 +89,7 @@ class OutBuffer {
  private:
   void put_spanning(const void* bytes, size_t n);
 
-  static constexpr size_t kSize = size_t{1} << 20;
+  size_t size_;
   int fd_;
   std::unique_ptr<char[]> buf_;
   size_t used_ = 0;
