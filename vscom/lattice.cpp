@@ -406,66 +406,6 @@ bool load_patterns(int in, PatternTable* table) {
   return true;
 }
 
-// The distinct itemsets of one length met by a search, in the order first met,
-// with their hashes. Its index is cleared in O(1) per search by a generation
-// number, so one Level serves every pattern without re-allocating.
-class Level {
- public:
-  void reset(uint32_t len) {
-    len_ = len;
-    items_.clear();
-    hashes_.clear();
-    if (++generation_ == 0) {  // wrapped: old stamps could match again
-      std::fill(slots_.begin(), slots_.end(), Slot{});
-      generation_ = 1;
-    }
-  }
-
-  uint32_t count() const { return static_cast<uint32_t>(hashes_.size()); }
-  const uint32_t* items(uint32_t x) const { return items_.data() + size_t{x} * len_; }
-  uint64_t hash(uint32_t x) const { return hashes_[x]; }
-
-  // Adds q[0..len] without position `skip` (hash `hash`) unless already present.
-  void add(const uint32_t* q, uint32_t skip, uint64_t hash) {
-    if ((size_t{count()} + 1) * 2 > slots_.size()) grow();
-    Slot& slot = slots_[probe(q, skip, hash)];
-    if (slot.generation == generation_) return;
-    slot = Slot{generation_, count()};
-    for (uint32_t i = 0; i <= len_; ++i) {
-      if (i != skip) items_.push_back(q[i]);
-    }
-    hashes_.push_back(hash);
-  }
-
- private:
-  struct Slot {
-    uint32_t generation = 0;
-    uint32_t index = 0;
-  };
-
-  size_t probe(const uint32_t* q, uint32_t skip, uint64_t hash) const {
-    const size_t mask = slots_.size() - 1;
-    for (size_t i = hash & mask;; i = (i + 1) & mask) {
-      const Slot& s = slots_[i];
-      if (s.generation != generation_) return i;
-      if (hashes_[s.index] == hash && equal_skipping(items(s.index), q, len_, skip)) return i;
-    }
-  }
-
-  void grow() {
-    slots_.assign(slots_.empty() ? 64 : slots_.size() * 2, Slot{});
-    for (uint32_t x = 0; x < count(); ++x) {
-      slots_[probe(items(x), len_, hashes_[x])] = Slot{generation_, x};
-    }
-  }
-
-  uint32_t len_ = 0;
-  uint32_t generation_ = 0;
-  std::vector<uint32_t> items_;
-  std::vector<uint64_t> hashes_;
-  std::vector<Slot> slots_;
-};
-
 // The ordinals of the parents written from one level of a search: a level's
 // subsets all have the same length, so a parent can only recur within it.
 // Cleared in O(1) by a generation number.
@@ -515,65 +455,180 @@ class OrdinalSet {
   std::vector<Slot> slots_;
 };
 
-// One search per pattern, with the two frontier levels in use (the one being
-// expanded and the one being filled) kept across patterns.
-template <class Out>
-class HashedSearch {
+// Every non-frequent itemset the searches meet, with its expansion once it
+// has been made: the frequent subsets one item shorter (as parents) and the
+// non-frequent ones (as further itemsets), in the order of the dropped item.
+// Long patterns share most of their non-frequent subsets, so each search
+// replays these lists instead of looking every subset up again.
+class SubsetMemo {
  public:
-  HashedSearch(PatternTable* table, Out* out) : table_(table), line_(*out) {}
+  // A child entry: a parent's ordinal (tagged) or a memo id.
+  static uint32_t parent_entry(uint32_t ordinal) { return ordinal << 1 | 1u; }
+  static uint32_t memo_entry(uint32_t id) { return id << 1; }
+
+  uint32_t size() const { return static_cast<uint32_t>(hashes_.size()); }
+  const uint32_t* items(uint32_t id) const { return items_.data() + at_[id]; }
+  uint64_t hash(uint32_t id) const { return hashes_[id]; }
+  bool expanded(uint32_t id) const { return first_child_[id] != kNotExpanded; }
+  const uint32_t* children_begin(uint32_t id) const { return children_.data() + first_child_[id]; }
+  const uint32_t* children_end(uint32_t id) const { return children_begin(id) + child_count_[id]; }
+  size_t bytes() const {
+    return 4 * (items_.size() + children_.size() + slots_.size()) + 24 * hashes_.size();
+  }
+
+  // The id of q[0..len] without position `skip` (length len, hash `hash`),
+  // added when new.
+  uint32_t id_of(const uint32_t* q, uint32_t skip, uint32_t len, uint64_t hash) {
+    if ((size_t{size()} + 1) * 2 > slots_.size()) grow();
+    uint32_t& slot = slots_[probe(q, skip, len, hash)];
+    if (slot != 0) return slot - 1;
+    const uint32_t id = size();
+    slot = id + 1;
+    at_.push_back(items_.size());
+    lengths_.push_back(len);
+    for (uint32_t i = 0; i <= len; ++i) {
+      if (i != skip) items_.push_back(q[i]);
+    }
+    hashes_.push_back(hash);
+    first_child_.push_back(kNotExpanded);
+    child_count_.push_back(0);
+    return id;
+  }
+
+  void set_children(uint32_t id, const std::vector<uint32_t>& list) {
+    first_child_[id] = children_.size();
+    child_count_[id] = static_cast<uint32_t>(list.size());
+    children_.insert(children_.end(), list.begin(), list.end());
+  }
+
+  void clear() { *this = SubsetMemo(); }
+
+ private:
+  static constexpr size_t kNotExpanded = SIZE_MAX;
+
+  static uint64_t slot_hash(uint64_t hash, uint32_t len) { return hash ^ (uint64_t{len} * 0x9e3779b97f4a7c15ull); }
+
+  size_t probe(const uint32_t* q, uint32_t skip, uint32_t len, uint64_t hash) const {
+    const size_t mask = slots_.size() - 1;
+    for (size_t i = slot_hash(hash, len) & mask;; i = (i + 1) & mask) {
+      const uint32_t slot = slots_[i];
+      if (slot == 0) return i;
+      const uint32_t id = slot - 1;
+      if (hashes_[id] == hash && lengths_[id] == len && equal_skipping(items(id), q, len, skip)) {
+        return i;
+      }
+    }
+  }
+
+  void grow() {
+    slots_.assign(slots_.empty() ? 1024 : slots_.size() * 2, 0);
+    const size_t mask = slots_.size() - 1;
+    for (uint32_t id = 0; id < size(); ++id) {
+      size_t i = slot_hash(hashes_[id], lengths_[id]) & mask;
+      while (slots_[i] != 0) i = (i + 1) & mask;
+      slots_[i] = id + 1;
+    }
+  }
+
+  std::vector<uint32_t> items_;
+  std::vector<size_t> at_;
+  std::vector<uint32_t> lengths_;
+  std::vector<uint64_t> hashes_;
+  std::vector<size_t> first_child_;
+  std::vector<uint32_t> child_count_;
+  std::vector<uint32_t> children_;
+  std::vector<uint32_t> slots_;  // id + 1; 0 is empty
+};
+
+// One search per pattern: level by level downward, each level's itemsets in
+// the order first met, each itemset's subsets in the order of the dropped
+// item; a frequent subset is written as a parent once per level, a
+// non-frequent one goes to the next level once.
+template <class Out>
+class MemoSearch {
+ public:
+  MemoSearch(PatternTable* table, Out* out) : table_(table), line_(*out) {}
 
   void run(uint32_t len, uint32_t ordinal) {
+    if (memo_.bytes() > kMemoBudget) {  // a cache: start it afresh between patterns
+      memo_.clear();
+      seen_.clear();
+    }
     line_.id(len - 1, ordinal);
+    start_level();
     const uint32_t* p = table_->groups[len].items(ordinal);
-    current_.reset(len);
-    current_.add(p, len, table_->hashes.of(p, len));
-    for (uint32_t j = len; j > 0 && current_.count() > 0; --j) {
-      expand_level(j);
+    expand(p, len, table_->hashes.of(p, len), &list_);
+    replay(list_.data(), list_.data() + list_.size(), len);
+    for (uint32_t j = len - 1; j > 0 && !next_.empty(); --j) {
       std::swap(current_, next_);
+      start_level();
+      for (uint32_t id : current_) {
+        if (!memo_.expanded(id)) {
+          item_copy_.assign(memo_.items(id), memo_.items(id) + j);
+          expand(item_copy_.data(), j, memo_.hash(id), &list_);
+          memo_.set_children(id, list_);
+        }
+        replay(memo_.children_begin(id), memo_.children_end(id), j);
+      }
     }
     line_.end();
   }
 
  private:
-  // Drops each item of every record of length j in turn: frequent subsets
-  // not yet written go to the line, the others to the next level.
-  void expand_level(uint32_t j) {
-    next_.reset(j - 1);
+  static constexpr size_t kMemoBudget = size_t{512} << 20;
+
+  void start_level() {
+    next_.clear();
     written_.reset();
+    if (++stamp_ == 0) {
+      std::fill(seen_.begin(), seen_.end(), 0u);
+      stamp_ = 1;
+    }
+  }
+
+  // The child entries of the itemset q of length j with hash h.
+  void expand(const uint32_t* q, uint32_t j, uint64_t h, std::vector<uint32_t>* list) {
+    list->clear();
     PatternGroup* group = table_->group(j - 1);
-    hashes_.resize(j);
-    for (uint32_t x = 0; x < current_.count(); ++x) {
-      const uint32_t* q = current_.items(x);
-      for (uint32_t t = 0; t < j; ++t) hashes_[t] = current_.hash(x) - table_->hashes.of(q[t]);
-      if (group != nullptr) prefetch(*group, j);
-      for (uint32_t t = 0; t < j; ++t) {
-        const uint32_t n = group != nullptr ? group->find(q, t, hashes_[t]) : kNone;
-        if (n == kNone) {
-          next_.add(q, t, hashes_[t]);
-        } else if (written_.insert(n)) {
-          line_.parent(j - 2, n);
-        }
+    for (uint32_t t = 0; t < j; ++t) {
+      const uint64_t sub = h - table_->hashes.of(q[t]);
+      const uint32_t n = group != nullptr ? group->find(q, t, sub) : kNone;
+      list->push_back(n != kNone ? SubsetMemo::parent_entry(n)
+                                 : SubsetMemo::memo_entry(memo_.id_of(q, t, j - 1, sub)));
+    }
+  }
+
+  // Writes the new parents among the entries of an itemset of length j and
+  // queues its new non-frequent subsets.
+  void replay(const uint32_t* begin, const uint32_t* end, uint32_t j) {
+    if (seen_.size() < memo_.size()) seen_.resize(memo_.size() + memo_.size() / 2 + 64, 0);
+    for (const uint32_t* c = begin; c != end; ++c) {
+      const uint32_t v = *c >> 1;
+      if (*c & 1u) {
+        if (written_.insert(v)) line_.parent(j - 2, v);
+      } else if (seen_[v] != stamp_) {
+        seen_[v] = stamp_;
+        next_.push_back(v);
       }
     }
   }
 
-  void prefetch(const PatternGroup& group, uint32_t j) const {
-    for (uint32_t t = 0; t < j; ++t) group.prefetch_slot(hashes_[t]);
-    for (uint32_t t = 0; t < j; ++t) group.prefetch_items(hashes_[t]);
-  }
-
   PatternTable* table_;
   Out& line_;
-  OrdinalSet written_;  // parents written from the level being expanded
-  Level current_;
-  Level next_;
-  std::vector<uint64_t> hashes_;  // of the subsets of the record being expanded
+  SubsetMemo memo_;
+  OrdinalSet written_;            // parents written from the level being expanded
+  std::vector<uint32_t> current_;  // memo ids of the level being expanded
+  std::vector<uint32_t> next_;     // memo ids of the level below, in the order met
+  std::vector<uint32_t> seen_;     // by memo id: stamp of the level it was queued for
+  uint32_t stamp_ = 0;
+  std::vector<uint32_t> list_;
+  std::vector<uint32_t> item_copy_;
 };
 
 // Runs the search for every pattern of `table`, longest first.
 template <class Out>
 void search_all(PatternTable* table, Out* out) {
-  HashedSearch<Out> search(table, out);
+  MemoSearch<Out> search(table, out);
   for (size_t k = table->groups.size(); k-- > 1;) {
     const uint32_t len = static_cast<uint32_t>(k);
     for (uint32_t i = 0; i < table->groups[k].count(); ++i) search.run(len, i);
