@@ -494,6 +494,58 @@ Stats mine(const Transactions& transactions, const Options& options,
   }
 }
 
+namespace {
+
+// The items of a shard, numbered over the whole run's labels: their global
+// supports and which of them the shard produces.
+struct ShardItems {
+  std::unordered_map<std::string, uint32_t> number;
+  std::vector<uint32_t> supports;
+  std::vector<char> wanted;
+
+  uint32_t of(const std::string& label) const {
+    auto it = number.find(label);
+    if (it == number.end()) fail(Error::Kind::kInvalidArgument, "label \"" + label + "\" has no support");
+    return it->second;
+  }
+};
+
+// Numbers every label of the run, as a whole run would, and the shard's items.
+void number_shard(const Shard& shard, Loaded* in, ShardItems* items) {
+  in->labels.add_reserved_token("-1");
+  for (const auto& [label, count] : shard.item_supports) {
+    check_label(label);
+    in->labels.register_token(label);
+  }
+  in->labels.assign_item_numbers();
+  for (unsigned i = 0; i < in->labels.label_count(); ++i) {
+    in->label_text.push_back(in->labels.label_of(i));
+    items->number.emplace(in->labels.label_of(i), i);
+  }
+  items->supports.assign(in->label_text.size(), 0);
+  for (const auto& [label, count] : shard.item_supports) items->supports[items->of(label)] = count;
+  items->wanted.assign(in->label_text.size(), 0);
+  for (const std::string& label : shard.items) items->wanted[items->of(label)] = 1;
+}
+
+// The shard's transactions in the run's item numbers.
+void load_shard(const Transactions::Data& data, const ShardItems& numbering, Engine* e, TranBuf* db,
+                Loaded* in) {
+  std::vector<uint32_t> items;
+  const size_t n = data.kind == Transactions::Data::kLabels ? data.labels.size() : data.numbers.size();
+  for (size_t r = 0; r < n; ++r) {
+    items.clear();
+    if (data.kind == Transactions::Data::kLabels) {
+      for (const std::string& label : data.labels[r]) items.push_back(numbering.of(label));
+    } else {
+      for (uint32_t v : data.numbers[r]) items.push_back(numbering.of(std::to_string(v)));
+    }
+    add_record(e, db, &items, &in->nitems);
+  }
+}
+
+}  // namespace
+
 Result mine_shard(const Transactions& transactions, const Shard& shard, const Options& options) {
   if (options.maximal || options.parents) {
     fail(Error::Kind::kInvalidArgument, "a shard cannot prune maximal itemsets or find parents");
@@ -501,50 +553,15 @@ Result mine_shard(const Transactions& transactions, const Shard& shard, const Op
   if (transactions.data().kind == Transactions::Data::kFile) {
     fail(Error::Kind::kInvalidArgument, "a shard mines transactions in memory");
   }
-  std::vector<uint32_t> supports;
-  std::vector<char> wanted;
-  auto loader = [&](Loaded* in, Engine* e, TranBuf* db) {
-    in->labels.add_reserved_token("-1");
-    for (const auto& [label, count] : shard.item_supports) {
-      check_label(label);
-      in->labels.register_token(label);
-    }
-    in->labels.assign_item_numbers();
-    std::unordered_map<std::string, uint32_t> number;
-    for (unsigned i = 0; i < in->labels.label_count(); ++i) {
-      in->label_text.push_back(in->labels.label_of(i));
-      number.emplace(in->labels.label_of(i), i);
-    }
-    supports.assign(in->label_text.size(), 0);
-    for (const auto& [label, count] : shard.item_supports) supports[number.at(label)] = count;
-    wanted.assign(in->label_text.size(), 0);
-    auto item_of = [&](const std::string& label) {
-      auto it = number.find(label);
-      if (it == number.end()) fail(Error::Kind::kInvalidArgument, "label \"" + label + "\" has no support");
-      return it->second;
-    };
-    for (const std::string& label : shard.items) wanted[item_of(label)] = 1;
-    std::vector<uint32_t> items;
-    const Transactions::Data& data = transactions.data();
-    const size_t n = data.kind == Transactions::Data::kLabels ? data.labels.size() : data.numbers.size();
-    for (size_t r = 0; r < n; ++r) {
-      items.clear();
-      if (data.kind == Transactions::Data::kLabels) {
-        for (const std::string& label : data.labels[r]) items.push_back(item_of(label));
-      } else {
-        for (uint32_t v : data.numbers[r]) items.push_back(item_of(std::to_string(v)));
-      }
-      add_record(e, db, &items, &in->nitems);
-    }
-  };
+  ShardItems numbering;
   Precounted pre;
   pre.ntrans = shard.transactions;
-  // The loader numbers the items inside the run; the counts follow it.
-  auto wrapped = [&](Loaded* in, Engine* e, TranBuf* db) {
-    loader(in, e, db);
-    pre.supports = supports.data();
+  auto loader = [&](Loaded* in, Engine* e, TranBuf* db) {
+    number_shard(shard, in, &numbering);
+    load_shard(transactions.data(), numbering, e, db, in);
+    pre.supports = numbering.supports.data();
   };
-  return collect(transactions, options, &pre, &wanted, wrapped);
+  return collect(transactions, options, &pre, &numbering.wanted, loader);
 }
 
 }  // namespace quarlo
