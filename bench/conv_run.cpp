@@ -1,10 +1,13 @@
 // Times the conversion stages alone on one transaction file: numbering the
 // labels (first pass), writing FILE.conv (second pass), writing FILE.qr.
-// Prints "<load> <convert> <ttoqr>" in seconds and leaves both files beside FILE.
+// Prints "<load> <convert> <ttoqr>" in seconds, then the number of labels and
+// item_count, and leaves both files beside FILE.
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
 #include "LabelTable.h"
+#include "report.h"
 #include "ttoqr.h"
 #include "util.h"
 
@@ -18,12 +21,17 @@ int main(int argc, char** argv) {
   const std::string qr = file + ".qr";
   LabelTable table;
   table.add_reserved_token("-1");
+  CollectingReporter rep;
+  uint32_t item_count = 0;
   double t0 = wall_seconds();
   table.load_labels(file.c_str());
   double t1 = wall_seconds();
   if (table.convert(file.c_str(), conv.c_str()) != 0) return 1;
   double t2 = wall_seconds();
-  if (ttoqr(conv.c_str(), qr.c_str()) != 0) return 1;
+  if (ttoqr(conv.c_str(), qr.c_str(), &item_count, &rep) != 0) {
+    fprintf(stderr, "conv_run: %s\n", rep.summary().c_str());
+    return 1;
+  }
   double t3 = wall_seconds();
   printf("%.3f %.3f %.3f %u %u\n", t1 - t0, t2 - t1, t3 - t2, table.label_count(), item_count);
   return 0;

@@ -11,9 +11,9 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build/release --target quarlo_core -j 2 >/dev/null
-g++ -std=c++20 -O2 -Wall -Wextra -Ivscom -Iminer bench/conv_run.cpp \
-  build/release/libquarlo_core.a -o "$tmp/conv_run"
+cmake --build build/release --target quarlo_lib quarlo_cli quarlo -j 2 >/dev/null
+g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Ivscom -Iminer bench/conv_run.cpp \
+  build/release/libquarlo_cli.a build/release/libquarlo.a -lpthread -o "$tmp/conv_run"
 
 cp "$shared/data/retail.dat" "$tmp/retail.dat"
 python3 "$shared/tools/gen_quest.py" -D 1000000 -T 10 -I 4 -L 2000 -N 1000 --seed 1 \

@@ -1,7 +1,8 @@
 // Runs the mining engine alone on a numeric transaction file (one transaction
 // a line, items as non-negative integers): writes FILE.qr with the raw item
-// numbers, sets item_count and calls find_frequent_patterns with the same
-// options as quarlo (-s, -S, -m, -M). The patterns land in FILE.fp_conv.
+// numbers, takes item_count as the largest plus one and calls
+// find_frequent_patterns with the same options as quarlo (-s, -S, -m, -M).
+// The patterns land in FILE.fp_conv.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -9,9 +10,10 @@
 #include <set>
 #include <vector>
 
+#include "iopttn.h"
 #include "qr.h"
+#include "report.h"
 #include "suppfunc.h"
-#include "ttoqr.h"
 #include "util.h"
 #include "vscmdl.h"
 
@@ -22,7 +24,11 @@ namespace {
 long convert(const char* in, const char* out) {
   FILE* f = fopen(in, "r");
   FILE* g = fopen(out, "wb");
-  if (f == nullptr || g == nullptr) return -1;
+  if (f == nullptr || g == nullptr) {
+    if (f != nullptr) fclose(f);
+    if (g != nullptr) fclose(g);
+    return -1;
+  }
   uint32_t top = 0;
   std::vector<uint32_t> line;
   char* text = nullptr;
@@ -49,22 +55,54 @@ long convert(const char* in, const char* out) {
   }
   free(text);
   fclose(f);
-  fclose(g);
-  return top;
+  return fclose(g) == 0 ? static_cast<long>(top) : -1;
 }
+
+SupportSpec support_of_options() {
+  SupportSpec support;
+  if (get_supp_table_file() != nullptr) {
+    support.kind = SupportSpec::kTableFile;
+    support.table_file = get_supp_table_file();
+  } else {
+    support.percent = get_min_support();
+  }
+  return support;
+}
+
+// The patterns go to FILE.fp_conv, as in a quarlo run, without the report blocks.
+class FileClient : public EngineClient {
+ public:
+  void counted(const Engine&, uint32_t) override {}
+  PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
+    return writer_.open(get_fp_conv_file(), ntrans, e->nitems, e->rep) == 0 ? &writer_ : nullptr;
+  }
+  const char* sink_name() const override { return get_fp_conv_file(); }
+  bool close_sink(Engine*, bool complete) override {
+    if (complete) return writer_.close() == 0;
+    writer_.abandon();
+    return false;
+  }
+
+ private:
+  PatternFileWriter writer_;
+};
 
 // With --table first, prints "LEN COUNT" for every length instead of mining:
 // the minimum support counts that the options give on this input.
-int print_table() {
+int print_table(uint32_t nitems, Reporter* rep) {
   uint32_t ntrans = 0;
   FILE* f = fopen(get_qr_file(), "rb");
   for (uint32_t n; f != nullptr && fread(&n, 4, 1, f) == 1; ++ntrans) fseek(f, 4L * n, SEEK_CUR);
   if (f != nullptr) fclose(f);
-  const char* table = get_supp_table_file();
-  int status = table != nullptr ? init_freq_tbl(table, ntrans, item_count)
-                                : init_freq_tbl_with_minsup(get_min_support(), ntrans, item_count);
-  if (status != 0) return 2;
-  for (uint32_t len = 1; len <= item_count; ++len) printf("%u %u\n", len, minsup_of_length(len));
+  SupportTable table;
+  const char* file = get_supp_table_file();
+  if (file == nullptr) {
+    table.set_constant(percent_to_count(get_min_support(), ntrans), ntrans, nitems,
+                       get_min_size());
+  } else if (!table.load_file(file, ntrans, nitems, get_min_size(), rep)) {
+    return 2;
+  }
+  for (uint32_t len = 1; len <= nitems; ++len) printf("%u %u\n", len, table.minsup_of_length(len));
   return 0;
 }
 
@@ -78,20 +116,29 @@ int main(int argc, char** argv) {
     --argc;
   }
   parse(argc, argv, 0);
-  long top = convert(get_input_file(), get_qr_file());
+  const long top = convert(get_input_file(), get_qr_file());
   if (top < 0) {
     fprintf(stderr, "engine_run: cannot convert %s\n", get_input_file());
     return 2;
   }
-  item_count = static_cast<uint32_t>(top);
+  CollectingReporter rep;
+  int status = 0;
   if (table_only) {
-    const int status = print_table();
-    remove(get_qr_file());
-    return status;
+    status = print_table(static_cast<uint32_t>(top), &rep);
+  } else {
+    Engine engine(&rep);
+    engine.nitems = static_cast<uint32_t>(top);
+    engine.min_size = get_min_size();
+    engine.max_size = get_max_size();
+    FileClient client;
+    const double start = wall_seconds();
+    status = find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client);
+    fprintf(stderr, "engine seconds: %.3f\n", wall_seconds() - start);
   }
-  const double start = wall_seconds();
-  const int status = find_frequent_patterns();
-  fprintf(stderr, "engine seconds: %.3f\n", wall_seconds() - start);
   remove(get_qr_file());
-  return status == 0 ? 0 : 2;
+  if (status != 0) {
+    fprintf(stderr, "engine_run: %s\n", rep.summary().c_str());
+    return 2;
+  }
+  return 0;
 }

@@ -13,11 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "lattice.h"
 #include "maxpat.h"
+#include "report.h"
 
 namespace {
 
@@ -36,6 +38,12 @@ double cpu_now() {
 double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   return v[v.size() / 2];
+}
+
+// Prints what the library reported and returns the failure status.
+int fail(const CollectingReporter& rep) {
+  fprintf(stderr, "lattice_bench: %s\n", rep.summary().c_str());
+  return 1;
 }
 
 bool copy_file(const std::string& from, const std::string& to) {
@@ -58,20 +66,23 @@ int main(int argc, char** argv) {
   const std::string pc = patterns + ".pc";
   const std::string work = patterns + ".work";
   std::vector<double> lattice_s, prune_s, lattice_cpu, prune_cpu;
+  CollectingReporter rep;
   uint32_t kept = 0;
   for (int r = 0; r < runs; ++r) {
     double t0 = now(), c0 = cpu_now();
-    int rc = scan ? generate_lattice_by_scan(patterns.c_str(), pc.c_str())
-                  : generate_lattice(patterns.c_str(), pc.c_str());
+    int rc = scan ? generate_lattice_by_scan(patterns.c_str(), pc.c_str(), &rep)
+                  : generate_lattice(patterns.c_str(), pc.c_str(), &rep);
     lattice_s.push_back(now() - t0);
     lattice_cpu.push_back(cpu_now() - c0);
-    if (rc != 0 || !copy_file(patterns, work)) return 1;
+    if (rc != 0) return fail(rep);
+    if (!copy_file(patterns, work)) return 1;
     t0 = now();
     c0 = cpu_now();
-    if (create_unmaximal_set() != 0) return 1;
-    load_unmaximal_ids(pc.c_str());
-    kept = remove_unmaximal_records(work.c_str());
-    destroy_unmaximal_set();
+    std::unique_ptr<IdSet> ids;
+    if (create_unmaximal_set(&ids, &rep) != 0) return fail(rep);
+    load_unmaximal_ids(ids.get(), pc.c_str());
+    if (remove_unmaximal_records(*ids, work.c_str(), true, &kept, &rep) != 0) return fail(rep);
+    destroy_unmaximal_set(&ids);
     prune_s.push_back(now() - t0);
     prune_cpu.push_back(cpu_now() - c0);
   }
