@@ -134,7 +134,7 @@ constexpr uint32_t kItemsetBreak = 4294967295u;  // what the reserved "-1" reads
 void check_readable(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK);
   if (fd < 0) fail_errno(path, errno);
-  struct stat st;
+  struct stat st {};
   const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   close(fd);
   if (!regular) fail(Error::Kind::kIo, path + ": " + (S_ISDIR(st.st_mode) ? "is a directory" : "is not a regular file"));
