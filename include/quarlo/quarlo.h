@@ -82,6 +82,7 @@ struct Options {
   uint32_t max_size = 0xffffffffu; // longest itemset reported
   bool maximal = false;            // keep only itemsets that are no other's parent
   bool parents = false;            // fill Result::parents
+  uint32_t threads = 1;            // threads that mine (0 counts as 1); the result is the same for any
 };
 
 // Transactions to mine: a file in the program's format (one transaction a
