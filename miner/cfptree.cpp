@@ -593,8 +593,66 @@ int mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) 
 
 }  // namespace
 
+namespace {
+
+// The top level of a run handed to e.split: the same walk, node pruning and
+// one-item patterns as gen_freqpattern at depth 1; the split collects and
+// mines each item's conditional database.
+int split_top_level(Engine& e, FPTree* tree) {
+  e.split->take_tree(*tree);
+  const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
+  Pattern q = {1, 0, e.tree.items.data()};
+  const uint32_t need = e.support.minsup_of_length(1);
+  for (int32_t i = tree->nheader - 1; i >= 0; --i) {
+    HeaderEntry* h = &tree->header[i];
+    if (h->support < floor) continue;
+    if (e.wanted != nullptr && !(*e.wanted)[h->item]) {
+      prune_and_collect(e, h, 0, floor, nullptr);
+      continue;
+    }
+    if (e.split->begin_item(e, h->item) != 0) return -1;
+    q.items[0] = h->item;
+    q.support = h->support;
+    if (at_least(q.support, need)) emit(e, q);
+    if (prune_and_collect(e, h, 0, floor, nullptr) == Pruned::kBelowFloor) continue;
+    if (e.split->conditional(e, h->item, h->support, h->head) != 0) return -1;
+  }
+  *tree = {};
+  return 0;
+}
+
+}  // namespace
+
+int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+  uint32_t nodes = 0;
+  for (const FPNode* v = chain; v != nullptr; v = v->next_link) ++nodes;
+  try {
+    if (e.prune.tran_refs.size() < nodes) e.prune.tran_refs.resize(nodes);
+  } catch (const std::bad_alloc&) {
+    e.rep->trace_errno("malloc");
+    e.rep->tracef("%s(%d) : malloc\n", kSrc, 365);
+    return -1;
+  }
+  TranBuf cdb;
+  if (init_buf(&e.pool, &cdb) != 0) {
+    e.rep->tracef("%s(%d) : init_buf\n", kSrc, 684);
+    return -1;
+  }
+  const uint32_t len = e.support.min_length_of_support(support);
+  for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
+    if (contributes(v, 0, len) && append_path(e, v, &cdb) != 0) {
+      free_buf(&e.pool, &cdb);
+      return -1;
+    }
+  }
+  e.tree.items[0] = item;
+  const Pattern q = {1, support, e.tree.items.data()};
+  return mine_conditional(e, q, &cdb, 1);
+}
+
 int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   if (is_single_path(tree)) return mine_single_path(e, tree, p, depth);
+  if (depth == 1 && e.split != nullptr) return split_top_level(e, tree);
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};

@@ -131,4 +131,31 @@ int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth);
 // to the run's sink.
 int gen_pattern_by_nodepath(Engine& e, const Pattern& p, FPNode* u);
 
+// Takes over the top level of a run whose tree is not a single path (set as
+// Engine::split): the run's thread still walks the top items in mining order,
+// prunes each and hands its one-item pattern to the run's sink, but each
+// item's conditional database is collected and mined elsewhere.
+class TopLevelSplit {
+ public:
+  virtual ~TopLevelSplit() = default;
+  // The tree about to be walked; the split releases it (free_fptree) once
+  // nothing reads its nodes any more.
+  virtual void take_tree(const FPTree& tree) = 0;
+  // `item` comes next; its one-item pattern, when it is frequent, follows on
+  // the run's sink. Returns 0, or -1 after a report.
+  virtual int begin_item(Engine& e, uint32_t item) = 0;
+  // The nodes of `item` left by node pruning (linked by next_link) and its
+  // support. The walk never again writes what mine_top_item reads of them
+  // (their parents, items, counts, depths and this chain), so another thread
+  // may mine them while the walk goes on. Returns 0, or -1 after a report.
+  virtual int conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) = 0;
+};
+
+// Collects the conditional database of {item} from its pruned `chain` in the
+// top-level tree, as a whole run does, and mines it into e's sink exactly as
+// a whole run mines it below its top level. e needs its support table, size
+// limits, pool, pruning tables and pattern scratch. Returns 0, or -1 after a
+// report or trace.
+int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain);
+
 #endif  // QUARLO_MINER_CFPTREE_H_

@@ -389,6 +389,7 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   if (init_buf_pool(&e.pool, e.nitems) != 0) throw std::bad_alloc();
   e.min_size = options.min_size;
   e.max_size = options.max_size;
+  e.threads = options.threads;
   e.wanted = wanted;
   const double loaded = now();
   Client client(sink);

@@ -1,5 +1,7 @@
 #include "qr.h"
 
+#include "parallel.h"
+
 #include <cstdint>
 
 namespace {
@@ -65,7 +67,8 @@ int mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, uint
     free_fptree(&tree);
     return 1;
   }
-  const int mined = mine_fptree(*e, &tree);
+  const int mined = e->threads > 1 ? mine_fptree_parallel(*e, &tree, e->threads)
+                                    : mine_fptree(*e, &tree);
   const bool closed = client->close_sink(e, mined == 0);
   e->sink = nullptr;
   if (mined != 0) return e->node_block_failed ? 1 : fatal(e, "mine_fptree", 183);

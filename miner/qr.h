@@ -34,9 +34,13 @@ struct Engine {
   uint32_t nitems = 0;                // one more than the largest item number
   uint32_t min_size = 1;              // shortest pattern handed to the sink
   uint32_t max_size = 0xffffffffu;    // longest pattern handed to the sink
+  uint32_t threads = 1;               // threads mining below the top level
   // In a restricted run, the items (by number) whose patterns the run
   // produces: those whose least frequent item is marked. Null: every item.
   const std::vector<char>* wanted = nullptr;
+  // When set, takes the top items' conditional databases instead of the
+  // recursion (mining on several threads, or a plan of parts).
+  TopLevelSplit* split = nullptr;
   bool top_single_path = false;       // enumerating the single path of the whole tree
   bool node_block_failed = false;     // a tree node block could not be allocated
 };

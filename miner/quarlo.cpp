@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -267,10 +268,28 @@ int transform_input(LabelTable* labels, uint32_t* nitems, Timings* t, Reporter* 
   return kStatusOk;
 }
 
+// Threads that mine, from QUARLO_THREADS: 1 when unset or empty; a value
+// that is not a number from 1 to 256 is named on standard error and mining
+// goes on with one thread (the output is the same for any count).
+uint32_t threads_of_environment() {
+  const char* text = getenv("QUARLO_THREADS");
+  if (text == nullptr || *text == '\0') return 1;
+  char* end = nullptr;
+  errno = 0;
+  const long n = strtol(text, &end, 10);
+  if (errno != 0 || *end != '\0' || n < 1 || n > 256) {
+    fprintf(stderr, "quarlo: QUARLO_THREADS=%s is not a number from 1 to 256; mining on one thread\n",
+            text);
+    return 1;
+  }
+  return static_cast<uint32_t>(n);
+}
+
 // The mining stage, from FILE.qr to FILE.fp_conv. Returns 0 or the exit status.
 int mine(uint32_t nitems, Reporter* rep) {
   Engine engine(rep);
   engine.nitems = nitems;
+  engine.threads = threads_of_environment();
   engine.min_size = get_min_size();
   engine.max_size = get_max_size();
   ReportingClient client;
