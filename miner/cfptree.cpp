@@ -440,25 +440,35 @@ int collect_conditional(Engine& e, const HeaderEntry* h, uint32_t k, uint32_t le
   return 0;
 }
 
-// One pass of node pruning over h's chain: every leaf too shallow to reach
-// the shortest valid length `*len` goes, and each removal raises `*len`. When
+// Removes leaf `v` of h: its count leaves h's support and `*len` follows.
+void remove_leaf(Engine& e, HeaderEntry* h, FPNode* v, uint32_t* len) {
+  h->support -= v->count;
+  *len = e.support.min_length_of_support(h->support);
+  ++e.counters.pruned_nodes;
+}
+
+// First pass of node pruning over h's chain: every leaf too shallow to reach
+// the shortest valid length `*len` goes (taken out of the chain at once and
+// out of its parent's children after the pass), and each removal raises
+// `*len`. The leaves kept are listed in e.tree.leaves, in chain order. When
 // `cdb` is not null, every node kept is offered to it under `collect_len`.
 // Returns false when a record cannot be appended.
-bool prune_pass(Engine& e, HeaderEntry* h, uint32_t k, uint32_t* len, TranBuf* cdb,
-                uint32_t collect_len) {
+bool first_prune_pass(Engine& e, HeaderEntry* h, uint32_t k, uint32_t* len, TranBuf* cdb,
+                      uint32_t collect_len) {
+  std::vector<FPNode*>& leaves = e.tree.leaves;
+  leaves.clear();
   FPNode* gone = nullptr;  // the leaves removed in this pass
   FPNode* prev = nullptr;
   for (FPNode* v = h->head; v != nullptr;) {
     FPNode* next = v->next_link;
-    if (v->first_child == nullptr &&
-        static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(*len)) {
-      h->support -= v->count;
-      *len = e.support.min_length_of_support(h->support);
+    const bool leaf = v->first_child == nullptr;
+    if (leaf && static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(*len)) {
+      remove_leaf(e, h, v, len);
       drop_from_chain(h, prev, v);
       v->next_link = gone;
       gone = v;
-      ++e.counters.pruned_nodes;
     } else {
+      if (leaf) leaves.push_back(v);
       if (cdb != nullptr && contributes(v, k, collect_len) && append_path(e, v, cdb) != 0) {
         return false;
       }
@@ -472,15 +482,47 @@ bool prune_pass(Engine& e, HeaderEntry* h, uint32_t k, uint32_t* len, TranBuf* c
   return true;
 }
 
+// The later passes: only the leaves the first pass kept can go (removing a
+// leaf of h never makes another node of h a leaf), so each pass walks them in
+// chain order, marking the removed ones with a zero count, until a pass
+// leaves `*len` as it found it or the support falls below `floor`. Then the
+// marked nodes leave the chain and their parents' children.
+void later_prune_passes(Engine& e, HeaderEntry* h, uint32_t k, uint32_t* len, int32_t floor) {
+  std::vector<FPNode*>& leaves = e.tree.leaves;
+  for (uint32_t before = 0; *len != before && h->support >= floor;) {
+    before = *len;
+    for (FPNode* v : leaves) {
+      if (v->count != 0 && static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(*len)) {
+        remove_leaf(e, h, v, len);
+        v->count = 0;
+      }
+    }
+  }
+  FPNode* gone = nullptr;
+  FPNode* prev = nullptr;
+  for (FPNode* v = h->head; v != nullptr;) {
+    FPNode* next = v->next_link;
+    if (v->count == 0) {
+      drop_from_chain(h, prev, v);
+      v->next_link = gone;
+      gone = v;
+    } else {
+      prev = v;
+    }
+    v = next;
+  }
+  unlink_removed(gone);
+}
+
 enum class Pruned { kBelowFloor, kCollected, kFailed };
 
 // Node pruning of h for a pattern of k items plus h, then h's conditional
 // database in `cdb` (made by init_buf; null to prune only). Passes repeat
 // while one raised the shortest valid length, since only that can make
-// another leaf too shallow (removing a leaf of h never makes another node of h
-// a leaf). The first pass also collects the records: when it leaves the
-// length as it found it, those are exactly the records of a separate walk
-// after the pruning; otherwise they are dropped and collected again.
+// another leaf too shallow. The first pass also collects the records: when
+// it leaves the length as it found it, those are exactly the records of a
+// separate walk after the pruning; otherwise they are dropped and collected
+// again.
 Pruned prune_and_collect(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, TranBuf* cdb) {
   uint32_t len = e.support.min_length_of_support(h->support);
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
@@ -489,18 +531,15 @@ Pruned prune_and_collect(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, T
     return collect_conditional(e, h, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
   }
   const uint32_t first_len = len;
-  if (!prune_pass(e, h, k, &len, cdb, first_len)) return Pruned::kFailed;
+  if (!first_prune_pass(e, h, k, &len, cdb, first_len)) return Pruned::kFailed;
   if (h->support < floor) return Pruned::kBelowFloor;
   if (len == first_len) return Pruned::kCollected;
   if (cdb != nullptr) {
     cdb->position = 0;
     cdb->data[0] = 0;
   }
-  for (uint32_t before = 0; len != before;) {
-    before = len;
-    prune_pass(e, h, k, &len, nullptr, 0);
-    if (h->support < floor) return Pruned::kBelowFloor;
-  }
+  later_prune_passes(e, h, k, &len, floor);
+  if (h->support < floor) return Pruned::kBelowFloor;
   if (cdb == nullptr) return Pruned::kCollected;
   return collect_conditional(e, h, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
 }
@@ -623,31 +662,41 @@ int split_top_level(Engine& e, FPTree* tree) {
 
 }  // namespace
 
-int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
-  uint32_t nodes = 0;
-  for (const FPNode* v = chain; v != nullptr; v = v->next_link) ++nodes;
-  try {
-    if (e.prune.tran_refs.size() < nodes) e.prune.tran_refs.resize(nodes);
-  } catch (const std::bad_alloc&) {
-    e.rep->trace_errno("malloc");
-    e.rep->tracef("%s(%d) : malloc\n", kSrc, 365);
-    return -1;
-  }
-  TranBuf cdb;
-  if (init_buf(&e.pool, &cdb) != 0) {
+int collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb) {
+  if (init_buf(&e.pool, cdb) != 0) {
     e.rep->tracef("%s(%d) : init_buf\n", kSrc, 684);
     return -1;
   }
   const uint32_t len = e.support.min_length_of_support(support);
   for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
-    if (contributes(v, 0, len) && append_path(e, v, &cdb) != 0) {
-      free_buf(&e.pool, &cdb);
+    if (contributes(v, 0, len) && append_path(e, v, cdb) != 0) {
+      free_buf(&e.pool, cdb);
       return -1;
     }
   }
+  return 0;
+}
+
+int mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
+  uint32_t records = 0;
+  for (const int32_t* w = cdb->data; *w != 0; ++records) w += *w < 0 ? 2 + w[1] : 1 + *w;
+  try {
+    if (e.prune.tran_refs.size() < records) e.prune.tran_refs.resize(records);
+  } catch (const std::bad_alloc&) {
+    free_buf(&e.pool, cdb);
+    e.rep->trace_errno("malloc");
+    e.rep->tracef("%s(%d) : malloc\n", kSrc, 365);
+    return -1;
+  }
   e.tree.items[0] = item;
   const Pattern q = {1, support, e.tree.items.data()};
-  return mine_conditional(e, q, &cdb, 1);
+  return mine_conditional(e, q, cdb, 1);
+}
+
+int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+  TranBuf cdb;
+  if (collect_top_item(e, support, chain, &cdb) != 0) return -1;
+  return mine_top_database(e, item, support, &cdb);
 }
 
 int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {

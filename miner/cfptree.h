@@ -101,6 +101,8 @@ struct TreeScratch {
   // and the ancestor items of one node.
   std::vector<uint32_t> items;
   std::vector<uint32_t> path;
+  // The leaves of one header chain that node pruning's first pass kept.
+  std::vector<FPNode*> leaves;
 };
 
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of
@@ -151,11 +153,18 @@ class TopLevelSplit {
   virtual int conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) = 0;
 };
 
-// Collects the conditional database of {item} from its pruned `chain` in the
-// top-level tree, as a whole run does, and mines it into e's sink exactly as
-// a whole run mines it below its top level. e needs its support table, size
-// limits, pool, pruning tables and pattern scratch. Returns 0, or -1 after a
-// report or trace.
+// Collects the conditional database of an item with `support` from its
+// pruned `chain` in the top-level tree into `cdb` (made here on e's pool), as
+// a whole run does. Returns 0, or -1 after a trace.
+int collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb);
+
+// Mines `cdb` (released here), the conditional database of {item} with
+// `support`, into e's sink exactly as a whole run mines it below its top
+// level. e needs its support table, size limits, pool, pruning tables and
+// pattern scratch. Returns 0, or -1 after a report or trace.
+int mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb);
+
+// collect_top_item, then mine_top_database.
 int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain);
 
 #endif  // QUARLO_MINER_CFPTREE_H_

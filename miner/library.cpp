@@ -15,6 +15,7 @@
 
 #include "LabelTable.h"
 #include "lattice.h"
+#include "parts.h"
 #include "qr.h"
 #include "quarlo/quarlo.h"
 #include "sequence.h"
@@ -366,9 +367,11 @@ void check_options(const Options& options) {
 double now() { return wall_seconds(); }
 
 // One whole run: load, mine into `sink`, statistics into *stats.
+// With `split`, the top level of the search goes to it (one thread).
 void run(const Transactions& transactions, const Options& options, const Precounted* pre,
          const std::vector<char>* wanted, Loaded* in, PatternSink* sink, Stats* stats,
-         const std::function<void(Loaded*, Engine*, TranBuf*)>& loader) {
+         const std::function<void(Loaded*, Engine*, TranBuf*)>& loader,
+         TopLevelSplit* split = nullptr) {
   check_options(options);
   CollectingReporter rep;
   Engine e(&rep);
@@ -389,7 +392,8 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   if (init_buf_pool(&e.pool, e.nitems) != 0) throw std::bad_alloc();
   e.min_size = options.min_size;
   e.max_size = options.max_size;
-  e.threads = options.threads;
+  e.threads = split == nullptr ? options.threads : 1;
+  e.split = split;
   e.wanted = wanted;
   const double loaded = now();
   Client client(sink);
@@ -563,6 +567,169 @@ Result mine_shard(const Transactions& transactions, const Shard& shard, const Op
     pre.supports = numbering.supports.data();
   };
   return collect(transactions, options, &pre, &numbering.wanted, loader);
+}
+
+}  // namespace quarlo
+
+// ---------------------------------------------------------------------------
+// Mining in parts
+
+namespace quarlo {
+
+namespace {
+
+constexpr uint32_t kRecordMagic = 0x31525251;  // "QRR1"
+
+void put_word(std::string* to, uint32_t w) { to->append(reinterpret_cast<const char*>(&w), 4); }
+
+void put_double(std::string* to, double d) { to->append(reinterpret_cast<const char*>(&d), 8); }
+
+// The byte string of merge()'s record: statistics, labels, the run's record.
+std::string write_record(const Stats& stats, const std::vector<std::string>& labels,
+                         const std::vector<uint32_t>& record) {
+  std::string out;
+  put_word(&out, kRecordMagic);
+  for (uint32_t w : {stats.transactions, stats.items, stats.max_items}) put_word(&out, w);
+  for (double d : {stats.avg_items, stats.seconds_load, stats.seconds_mine}) put_double(&out, d);
+  put_word(&out, static_cast<uint32_t>(labels.size()));
+  for (const std::string& label : labels) {
+    put_word(&out, static_cast<uint32_t>(label.size()));
+    out += label;
+    out.append((4 - label.size() % 4) % 4, '\0');
+  }
+  put_word(&out, static_cast<uint32_t>(record.size()));
+  out.append(reinterpret_cast<const char*>(record.data()), 4 * record.size());
+  return out;
+}
+
+// Reads merge()'s record back; throws kInvalidArgument when it is not one.
+class RecordReader {
+ public:
+  explicit RecordReader(const std::string& bytes) : bytes_(bytes) {}
+  void read(Stats* stats, std::vector<std::string>* labels, std::vector<uint32_t>* record) {
+    if (word() != kRecordMagic) bad();
+    stats->transactions = word();
+    stats->items = word();
+    stats->max_items = word();
+    stats->avg_items = real();
+    stats->seconds_load = real();
+    stats->seconds_mine = real();
+    for (uint32_t n = word(); n > 0; --n) {
+      const uint32_t size = word();
+      labels->push_back(std::string(take(size), size));
+      take((4 - size % 4) % 4);
+    }
+    const uint32_t n = word();
+    record->resize(n);
+    memcpy(record->data(), take(4 * size_t{n}), 4 * size_t{n});
+    if (at_ != bytes_.size()) bad();
+  }
+
+ private:
+  [[noreturn]] static void bad() { fail(Error::Kind::kInvalidArgument, "not the record of a plan"); }
+  const char* take(size_t n) {
+    if (n > bytes_.size() - at_) bad();
+    const char* p = bytes_.data() + at_;
+    at_ += n;
+    return p;
+  }
+  uint32_t word() {
+    uint32_t w;
+    memcpy(&w, take(4), 4);
+    return w;
+  }
+  double real() {
+    double d;
+    memcpy(&d, take(8), 8);
+    return d;
+  }
+  const std::string& bytes_;
+  size_t at_ = 0;
+};
+
+// Loads transactions cut down to the frequent items, numbered over all labels.
+void load_with_totals(const Transactions::Data& data, const Totals& totals, Loaded* in, Engine* e,
+                      TranBuf* db, ShardItems* numbering) {
+  Shard shard;
+  shard.transactions = totals.transactions;
+  shard.item_supports = totals.item_supports;
+  number_shard(shard, in, numbering);
+  load_shard(data, *numbering, e, db, in);
+}
+
+}  // namespace
+
+Plan plan(const Transactions& transactions, const Options& options, uint32_t groups,
+          const Totals* totals) {
+  if (groups == 0) fail(Error::Kind::kInvalidArgument, "a plan needs at least one group");
+  if (totals != nullptr && transactions.data().kind == Transactions::Data::kFile) {
+    fail(Error::Kind::kInvalidArgument, "transactions counted apart must be in memory");
+  }
+  Options top = options;
+  top.maximal = top.parents = false;
+  try {
+    Loaded in;
+    Planner planner;
+    Stats stats;
+    ShardItems numbering;
+    Precounted pre;
+    std::function<void(Loaded*, Engine*, TranBuf*)> loader;
+    if (totals != nullptr) {
+      pre.ntrans = totals->transactions;
+      loader = [&](Loaded* in_, Engine* e, TranBuf* db) {
+        load_with_totals(transactions.data(), *totals, in_, e, db, &numbering);
+        pre.supports = numbering.supports.data();
+      };
+    }
+    run(transactions, top, totals != nullptr ? &pre : nullptr, nullptr, &in, &planner, &stats,
+        loader, &planner);
+    Plan p;
+    std::vector<uint32_t> record;
+    planner.finish(groups, &p.parts, &p.work, &record);
+    p.record = write_record(stats, in.label_text, record);
+    return p;
+  } catch (const std::bad_alloc&) {
+    fail(Error::Kind::kOutOfMemory, "out of memory");
+  }
+}
+
+std::string mine_part(const std::string& part) {
+  std::vector<uint32_t> words;
+  std::string error;
+  bool out_of_memory = false;
+  if (!mine_part_words(part, &words, &error, &out_of_memory)) {
+    fail(out_of_memory ? Error::Kind::kOutOfMemory : Error::Kind::kInvalidArgument, error);
+  }
+  return std::string(reinterpret_cast<const char*>(words.data()), 4 * words.size());
+}
+
+Result merge(const std::string& record, const std::vector<std::string>& mined,
+             const Options& options) {
+  try {
+    Result r;
+    std::vector<uint32_t> words;
+    RecordReader(record).read(&r.stats, &r.labels, &words);
+    std::vector<std::vector<uint32_t>> parts(mined.size());
+    for (size_t i = 0; i < mined.size(); ++i) {
+      if (mined[i].size() % 4 != 0) fail(Error::Kind::kInvalidArgument, "not the result of a part");
+      parts[i].resize(mined[i].size() / 4);
+      memcpy(parts[i].data(), mined[i].data(), mined[i].size());
+    }
+    Collector collector;
+    std::string error;
+    if (!replay_parts(words, parts, &collector, &error)) fail(Error::Kind::kInvalidArgument, error);
+    const Stats stats = r.stats;
+    assemble(collector, options, &r);
+    r.stats.transactions = stats.transactions;
+    for (const Itemset& s : r.itemsets) {
+      for (uint32_t item : s.items) {
+        if (item >= r.labels.size()) fail(Error::Kind::kInvalidArgument, "the results name an unknown item");
+      }
+    }
+    return r;
+  } catch (const std::bad_alloc&) {
+    fail(Error::Kind::kOutOfMemory, "out of memory");
+  }
 }
 
 }  // namespace quarlo

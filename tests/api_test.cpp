@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -292,6 +293,36 @@ TEST_F(Library, BadInputsRaiseTheirKindOfError) {
   const quarlo::Result r = quarlo::mine(quarlo::Transactions::from_labels({{"-1", "a", "b", "-1"}, {"-1"}}));
   EXPECT_EQ(r.stats.transactions, 1u);
   EXPECT_EQ(r.itemsets.size(), 3u);
+}
+
+// A plan's parts and record come back from other processes as bytes: bytes
+// that are not theirs, cut short, swapped or missing are refused, never mined.
+TEST_F(Library, PartsAndRecordsThatDoNotFitAreRefused) {
+  const auto t = quarlo::Transactions::from_file(source_path("examples/groceries.txt"));
+  const quarlo::Plan plan = quarlo::plan(t, quarlo::Options(), 2);
+  ASSERT_EQ(plan.parts.size(), 2u);
+  std::vector<std::string> mined = {quarlo::mine_part(plan.parts[0]), quarlo::mine_part(plan.parts[1])};
+  ASSERT_FALSE(mined[0].empty());
+  ASSERT_FALSE(mined[1].empty());
+  EXPECT_EQ(fp_text(quarlo::merge(plan.record, mined, quarlo::Options())), fp_text(quarlo::mine(t)));
+  auto refused = [](const std::function<void()>& call) {
+    try {
+      call();
+    } catch (const quarlo::Error& e) {
+      return e.kind() == quarlo::Error::Kind::kInvalidArgument;
+    }
+    return false;
+  };
+  std::string item_out_of_range = plan.parts[0];
+  item_out_of_range[item_out_of_range.size() - 8] = '\x7f';  // the last record's last item
+  EXPECT_TRUE(refused([&] { quarlo::mine_part("not a part"); }));
+  EXPECT_TRUE(refused([&] { quarlo::mine_part(plan.parts[0].substr(0, plan.parts[0].size() - 4)); }));
+  EXPECT_TRUE(refused([&] { quarlo::mine_part(item_out_of_range); }));
+  EXPECT_TRUE(refused([&] { quarlo::merge(plan.record, {mined[1], mined[0]}, quarlo::Options()); }));
+  EXPECT_TRUE(refused([&] { quarlo::merge(plan.record, {mined[0]}, quarlo::Options()); }));
+  EXPECT_TRUE(refused([&] { quarlo::merge(plan.record.substr(0, 30), mined, quarlo::Options()); }));
+  EXPECT_TRUE(refused([&] { quarlo::merge(plan.record, {mined[0], mined[1].substr(4)}, quarlo::Options()); }));
+  EXPECT_TRUE(refused([&] { quarlo::plan(t, quarlo::Options(), 0); }));
 }
 
 }  // namespace

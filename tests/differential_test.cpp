@@ -3,7 +3,8 @@
 // itemsets and supports found must equal a brute-force enumeration that
 // counts every itemset directly, maximal pruning must keep exactly the
 // uncontained ones, and the runs of a split by items (shards) must together
-// find exactly the same.
+// find exactly the same. Mining on threads and mining in parts must give the
+// very Result of one thread, order and ordinals included.
 #include <algorithm>
 #include <cstdint>
 #include <map>
@@ -216,6 +217,64 @@ void expect_brute_force(const Case& c) {
       << "maximal\n" << describe(c);
 }
 
+// Two results are the same when their itemsets, in order, their parents and
+// their per-length counts are.
+void expect_same_result(const quarlo::Result& want, const quarlo::Result& got, const std::string& what) {
+  ASSERT_EQ(want.itemsets.size(), got.itemsets.size()) << what;
+  for (size_t i = 0; i < want.itemsets.size(); ++i) {
+    const quarlo::Itemset& a = want.itemsets[i];
+    const quarlo::Itemset& b = got.itemsets[i];
+    ASSERT_TRUE(a.items == b.items && a.support == b.support && a.ordinal == b.ordinal)
+        << what << " row " << i;
+  }
+  EXPECT_EQ(want.parents, got.parents) << what;
+  EXPECT_EQ(want.count_by_length, got.count_by_length) << what;
+  EXPECT_EQ(want.labels, got.labels) << what;
+}
+
+// The Result of mine() against the same run on 2-3 threads and in 1-5 parts
+// (more parts than items now and then), with parents or maximal pruning; the
+// parts are planned from all transactions or, with totals, from transactions
+// cut down to the items that reach the lowest count of any length.
+void expect_same_on_threads_and_in_parts(const Case& c, std::mt19937& rng) {
+  quarlo::Options o = options_of(c);
+  o.parents = rng() % 2 == 0;
+  o.maximal = rng() % 3 == 0;
+  const quarlo::Result want = quarlo::mine(quarlo::Transactions::from_numbers(c.trans), o);
+  quarlo::Options threaded = o;
+  threaded.threads = 2 + rng() % 2;
+  expect_same_result(want, quarlo::mine(quarlo::Transactions::from_numbers(c.trans), threaded),
+                     "threads\n" + describe(c));
+  std::map<uint32_t, uint32_t> support;
+  for (const Items& t : c.trans) {
+    for (uint32_t x : t) ++support[x];
+  }
+  quarlo::Totals totals;
+  totals.transactions = static_cast<uint32_t>(c.trans.size());
+  uint32_t lowest = percent_to_count(c.percent, totals.transactions);
+  for (const auto& [len, pct] : c.table) lowest = std::min(lowest, percent_to_count(pct, totals.transactions));
+  for (const auto& [x, s] : support) totals.item_supports.emplace_back(std::to_string(x), s);
+  std::vector<Items> cut;
+  for (const Items& t : c.trans) {
+    Items kept;
+    for (uint32_t x : t) {
+      if (support[x] >= lowest) kept.push_back(x);
+    }
+    cut.push_back(kept);
+  }
+  const bool with_totals = rng() % 2 == 0;
+  const uint32_t groups = 1 + rng() % 5;
+  const quarlo::Plan plan =
+      with_totals ? quarlo::plan(quarlo::Transactions::from_numbers(cut), o, groups, &totals)
+                  : quarlo::plan(quarlo::Transactions::from_numbers(c.trans), o, groups);
+  ASSERT_EQ(plan.parts.size(), groups);
+  std::vector<std::string> mined;
+  for (const std::string& part : plan.parts) mined.push_back(quarlo::mine_part(part));
+  expect_same_result(want, quarlo::merge(plan.record, mined, o),
+                     "parts " + std::to_string(groups) + (with_totals ? " with totals\n" : "\n") +
+                         describe(c));
+}
+
 TEST(Differential, RandomDatabasesMatchBruteForceWholeAndInShards) {
   std::mt19937 rng(20240611);
   for (int round = 0; round < 1500 && !testing::Test::HasFailure(); ++round) {
@@ -223,6 +282,7 @@ TEST(Differential, RandomDatabasesMatchBruteForceWholeAndInShards) {
     expect_brute_force(c);
     if (!c.trans.empty()) {
       EXPECT_EQ(mine_in_shards(c, rng), brute_force(c)) << describe(c);
+      expect_same_on_threads_and_in_parts(c, rng);
     }
     if (testing::Test::HasFailure()) ADD_FAILURE() << "round " << round;
   }

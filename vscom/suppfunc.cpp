@@ -149,3 +149,24 @@ void SupportTable::make_bound() {
   bound_ = minsup_;
   for (size_t i = 1; i < bound_.size(); ++i) bound_[i] = std::min(bound_[i], bound_[i - 1]);
 }
+
+std::vector<uint32_t> SupportTable::save() const {
+  std::vector<uint32_t> w = {nlengths_, lowest_, static_cast<uint32_t>(minsup_.size())};
+  w.insert(w.end(), shortest_, shortest_ + kCacheSize);
+  w.insert(w.end(), minsup_.begin(), minsup_.end());
+  w.insert(w.end(), bound_.begin(), bound_.end());
+  return w;
+}
+
+bool SupportTable::restore(const uint32_t* words, size_t n) {
+  if (n < 3 + kCacheSize) return false;
+  const size_t size = words[2];
+  if (size == 0 || n != 3 + kCacheSize + 2 * size) return false;
+  nlengths_ = words[0];
+  lowest_ = words[1];
+  std::copy(words + 3, words + 3 + kCacheSize, shortest_);
+  const uint32_t* table = words + 3 + kCacheSize;
+  minsup_.assign(table, table + size);
+  bound_.assign(table + size, table + 2 * size);
+  return true;
+}

@@ -55,6 +55,11 @@ class SupportTable {
 
   uint32_t lengths() const { return nlengths_; }
 
+  // The whole table as words, and the table again from such words (false
+  // when they do not make one), so that another process mines by it.
+  std::vector<uint32_t> save() const;
+  bool restore(const uint32_t* words, size_t n);
+
  private:
   static constexpr int32_t kCacheSize = 100;
 

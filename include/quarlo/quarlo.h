@@ -178,6 +178,44 @@ struct Shard {
 Result mine_shard(const Transactions& transactions, const Shard& shard,
                   const Options& options = Options());
 
+// Mining in parts, for clusters. plan() loads the transactions, counts them,
+// builds the top level of the search and collects every top item's
+// conditional database, dealt into `groups` parts of about equal work;
+// mine_part() mines one part in any process (it holds all it needs); merge()
+// puts the parts' results together into exactly the Result that mine() gives
+// for the same transactions and options, order and ordinals included. Parts
+// and records are byte strings in the host's byte order.
+struct Plan {
+  std::string record;              // what merge() needs besides the parts' results
+  std::vector<std::string> parts;  // one per group; a part may hold no items
+  std::vector<uint64_t> work;      // estimated work of each part (words to mine)
+};
+
+// Supports counted over all the data, for a plan() whose transactions were
+// cut down to the items that can be frequent: `transactions` is the number of
+// non-empty transactions of all the data and `item_supports` every label of
+// all the data with its support.
+struct Totals {
+  uint32_t transactions = 0;
+  std::vector<std::pair<std::string, uint32_t>> item_supports;
+};
+
+// Options::maximal, Options::parents and Options::threads are merge()'s and
+// mine_part()'s business; plan() reads the support and the size limits.
+// With `totals`, `transactions` must be in memory. Throws Error.
+Plan plan(const Transactions& transactions, const Options& options, uint32_t groups,
+          const Totals* totals = nullptr);
+
+// Mines one part of a plan; the result is merge()'s input. Throws Error
+// (kInvalidArgument when `part` is not a part of a plan).
+std::string mine_part(const std::string& part);
+
+// The Result of the planned run from its record and the results of all its
+// parts in the order of Plan::parts, with `options`' maximal and parents.
+// Throws Error (kInvalidArgument when the results do not fit the record).
+Result merge(const std::string& record, const std::vector<std::string>& mined,
+             const Options& options);
+
 // The library's version, "major.minor.patch".
 const char* version();
 

@@ -1,0 +1,300 @@
+#include "parts.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <numeric>
+
+namespace {
+
+constexpr uint32_t kPartMagic = 0x31505251;  // "QRP1"
+constexpr uint32_t kMostItems = 1u << 28;     // more distinct items than any part holds
+
+// Appends the words of a pattern: length, support, items.
+void put_pattern(std::vector<uint32_t>* to, const Pattern& p) {
+  to->push_back(p.length);
+  to->push_back(static_cast<uint32_t>(p.support));
+  to->insert(to->end(), p.items, p.items + p.length);
+}
+
+class WordSink : public PatternSink {
+ public:
+  void put(const Pattern& p) override { put_pattern(to, p); }
+  std::vector<uint32_t>* to = nullptr;
+};
+
+// Reads words from a byte string, checking every length against what is left.
+class WordReader {
+ public:
+  explicit WordReader(const std::string& bytes)
+      : at_(reinterpret_cast<const unsigned char*>(bytes.data())), left_(bytes.size() / 4),
+        ok_(bytes.size() % 4 == 0) {}
+  bool ok() const { return ok_; }
+  size_t left() const { return left_; }
+  uint32_t next() {
+    if (left_ == 0) {
+      ok_ = false;
+      return 0;
+    }
+    uint32_t w;
+    memcpy(&w, at_, 4);
+    at_ += 4;
+    --left_;
+    return w;
+  }
+  // n words into `to`, or false.
+  bool take(size_t n, void* to) {
+    if (!ok_ || n > left_) return ok_ = false;
+    memcpy(to, at_, 4 * n);
+    at_ += 4 * n;
+    left_ -= n;
+    return true;
+  }
+
+ private:
+  const unsigned char* at_;
+  size_t left_;
+  bool ok_;
+};
+
+void append_words(std::string* to, const uint32_t* w, size_t n) {
+  to->append(reinterpret_cast<const char*>(w), 4 * n);
+}
+
+// The items dealt to `groups` parts: the largest first, each to the part with
+// the least work so far (ties to the lowest part).
+std::vector<uint32_t> deal(const std::vector<uint64_t>& sizes, uint32_t groups,
+                           std::vector<uint64_t>* work) {
+  std::vector<size_t> order(sizes.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return sizes[a] > sizes[b]; });
+  work->assign(groups, 0);
+  std::vector<uint32_t> owner(sizes.size(), 0);
+  for (size_t k : order) {
+    const uint32_t g = static_cast<uint32_t>(std::min_element(work->begin(), work->end()) - work->begin());
+    owner[k] = g;
+    (*work)[g] += sizes[k];
+  }
+  return owner;
+}
+
+// A part's engine: the run's support table and limits, and scratch of its own.
+bool prepare_engine(WordReader* in, Engine* e) {
+  e->nitems = in->next();
+  e->min_size = in->next();
+  e->max_size = in->next();
+  const uint32_t n = in->next();
+  if (in->ok() && n == 0 && e->nitems == 0) return in->left() == 0;  // a run with nothing below its top
+  if (!in->ok() || e->nitems > kMostItems) return false;
+  std::vector<uint32_t> table(in->ok() && n <= in->left() ? n : 0);
+  if (!in->take(n, table.data()) || !e->support.restore(table.data(), n)) return false;
+  if (init_buf_pool(&e->pool, e->nitems) != 0 || alloc_avetbl(&e->prune, e->nitems, 0, e->rep) != 0) {
+    throw std::bad_alloc();
+  }
+  e->tree.items.assign(static_cast<size_t>(e->nitems) + 1, 0);
+  e->tree.path.assign(static_cast<size_t>(e->nitems) + 1, 0);
+  return true;
+}
+
+// True when `w` holds n words of records ("n items" or "-weight n items",
+// n > 0, items below nitems) ending with the end word.
+bool well_formed(const int32_t* w, uint32_t n, uint32_t nitems) {
+  size_t i = 0;
+  while (i < n && w[i] != 0) {
+    size_t count = static_cast<uint32_t>(w[i]);
+    size_t first = i + 1;
+    if (w[i] < 0) {
+      if (i + 1 >= n || w[i + 1] <= 0) return false;
+      count = static_cast<uint32_t>(w[i + 1]);
+      first = i + 2;
+    }
+    if (count > n - first) return false;
+    for (size_t k = first; k < first + count; ++k) {
+      if (w[k] < 0 || static_cast<uint32_t>(w[k]) >= nitems) return false;
+    }
+    i = first + count;
+  }
+  return i == n - 1;
+}
+
+// Mines the next item of a part into `out`. False when the part is cut short
+// or holds an item outside the run; *failed when mining failed.
+bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, bool* failed) {
+  const uint32_t index = in->next();
+  const uint32_t item = in->next();
+  const int32_t support = static_cast<int32_t>(in->next());
+  const uint32_t n = in->next();
+  if (!in->ok() || item >= e->nitems || n == 0 || n > in->left()) return false;
+  TranBuf cdb = {4 * n, 0, static_cast<int32_t*>(malloc(4 * size_t{n}))};
+  if (cdb.data == nullptr) throw std::bad_alloc();
+  in->take(n, cdb.data);
+  if (!well_formed(cdb.data, n, e->nitems)) {
+    free(cdb.data);
+    return false;
+  }
+  std::vector<uint32_t>& out = *sink->to;
+  out.push_back(index);
+  const size_t count_at = out.size();
+  out.push_back(0);
+  *failed = mine_top_database(*e, item, support, &cdb) != 0;
+  out[count_at] = static_cast<uint32_t>(out.size() - count_at - 1);
+  return true;
+}
+
+}  // namespace
+
+void Planner::put(const Pattern& p) {
+  record_.push_back(0);
+  put_pattern(&record_, p);
+}
+
+int Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+  TranBuf cdb;
+  if (collect_top_item(e, support, chain, &cdb) != 0) return -1;
+  try {
+    const int32_t* w = cdb.data;
+    items_.push_back(Item{item, support, std::vector<int32_t>(w, w + cdb.position / 4 + 1)});
+    record_.push_back(1);
+    record_.push_back(static_cast<uint32_t>(items_.size() - 1));
+  } catch (const std::bad_alloc&) {
+    free_buf(&e.pool, &cdb);
+    e.rep->trace_errno("malloc");
+    return -1;
+  }
+  free_buf(&e.pool, &cdb);
+  return 0;
+}
+
+int Planner::begin_item(Engine& e, uint32_t) {
+  if (!run_.empty()) return 0;
+  try {
+    run_ = {e.nitems, e.min_size, e.max_size};
+    const std::vector<uint32_t> table = e.support.save();
+    run_.push_back(static_cast<uint32_t>(table.size()));
+    run_.insert(run_.end(), table.begin(), table.end());
+  } catch (const std::bad_alloc&) {
+    e.rep->trace_errno("malloc");
+    return -1;
+  }
+  return 0;
+}
+
+void Planner::finish(uint32_t groups, std::vector<std::string>* parts, std::vector<uint64_t>* work,
+                     std::vector<uint32_t>* record) {
+  free_fptree(&tree_);
+  std::vector<uint64_t> sizes;
+  for (const Item& it : items_) sizes.push_back(it.cdb.size());
+  const std::vector<uint32_t> owner = deal(sizes, groups, work);
+  if (run_.empty()) run_ = {0, 0, 0, 0};
+  parts->assign(groups, std::string());
+  for (std::string& part : *parts) {
+    append_words(&part, &kPartMagic, 1);
+    append_words(&part, run_.data(), run_.size());
+  }
+  for (size_t k = 0; k < items_.size(); ++k) {
+    const Item& it = items_[k];
+    const uint32_t words[] = {static_cast<uint32_t>(k), it.item, static_cast<uint32_t>(it.support),
+                              static_cast<uint32_t>(it.cdb.size())};
+    std::string& part = (*parts)[owner[k]];
+    append_words(&part, words, 4);
+    append_words(&part, reinterpret_cast<const uint32_t*>(it.cdb.data()), it.cdb.size());
+    std::vector<int32_t>().swap(items_[k].cdb);
+  }
+  *record = std::move(record_);
+  record->push_back(2);  // the owners follow
+  record->insert(record->end(), owner.begin(), owner.end());
+}
+
+bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::string* error,
+                     bool* out_of_memory) {
+  *out_of_memory = false;
+  WordReader in(part);
+  CollectingReporter rep;
+  Engine e(&rep);
+  WordSink sink;
+  sink.to = out;
+  e.sink = &sink;
+  try {
+    if (in.next() != kPartMagic || !prepare_engine(&in, &e)) {
+      *error = "not a part of a planned run";
+      return false;
+    }
+    while (in.ok() && in.left() > 0) {
+      bool failed = false;
+      if (!mine_next_item(&in, &e, &sink, &failed)) {
+        *error = "a part cut short or not of this run";
+        return false;
+      }
+      if (failed) {
+        *out_of_memory = e.node_block_failed || rep.summary().find("alloc") != std::string::npos;
+        *error = "mining a part failed: " + rep.summary();
+        return false;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    *out_of_memory = true;
+    *error = "out of memory while mining a part";
+    return false;
+  }
+  return true;
+}
+
+namespace {
+
+// Hands the patterns in words [at, end) (length, support, items) to `sink`;
+// false when one runs past the end.
+bool replay_patterns(const std::vector<uint32_t>& w, size_t at, size_t end, PatternSink* sink,
+                     std::vector<uint32_t>* scratch) {
+  while (at < end) {
+    if (end - at < 2 || w[at] == 0 || w[at] > end - at - 2) return false;
+    const uint32_t len = w[at];
+    scratch->assign(w.begin() + at + 2, w.begin() + at + 2 + len);
+    sink->put(Pattern{len, static_cast<int32_t>(w[at + 1]), scratch->data()});
+    at += 2 + len;
+  }
+  return true;
+}
+
+// Where the owners start in a record (one past the end marker), or 0.
+size_t owners_of(const std::vector<uint32_t>& record) {
+  for (size_t i = 0; i < record.size();) {
+    if (record[i] == 2) return i + 1;
+    const size_t step = record[i] == 0 && i + 1 < record.size() ? 3 + size_t{record[i + 1]} : 2;
+    if (record[i] > 2) return 0;
+    i += step;
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
+                  PatternSink* sink, std::string* error) {
+  *error = "the parts' results do not fit the plan";
+  const size_t owners = owners_of(record);
+  if (owners == 0) return false;
+  std::vector<size_t> cursor(mined.size(), 0);
+  std::vector<uint32_t> scratch;
+  for (size_t i = 0; i + 1 < owners;) {
+    if (record[i] == 0) {
+      const size_t end = i + 3 + record[i + 1];
+      if (end >= owners || !replay_patterns(record, i + 1, end, sink, &scratch)) return false;
+      i = end;
+      continue;
+    }
+    const uint32_t k = record[i + 1];
+    if (owners + k >= record.size() || record[owners + k] >= mined.size()) return false;
+    const std::vector<uint32_t>& w = mined[record[owners + k]];
+    size_t& c = cursor[record[owners + k]];
+    if (w.size() - c < 2 || w[c] != k || w[c + 1] > w.size() - c - 2) return false;
+    if (!replay_patterns(w, c + 2, c + 2 + w[c + 1], sink, &scratch)) return false;
+    c += 2 + w[c + 1];
+    i += 2;
+  }
+  for (size_t p = 0; p < mined.size(); ++p) {
+    if (cursor[p] != mined[p].size()) return false;
+  }
+  error->clear();
+  return true;
+}

@@ -1,0 +1,62 @@
+// Mining in parts: the top level of a run is walked once and each top item's
+// conditional database is kept, with the run's support table and limits, in
+// self-contained parts that any process mines; the run's own record (its
+// one-item patterns and where each item's patterns go) puts the parts'
+// results back in the order of a whole run. A Planner holds one run's record.
+#ifndef QUARLO_MINER_PARTS_H_
+#define QUARLO_MINER_PARTS_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qr.h"
+
+// Splits the top level of a run (set as Engine::split and as its sink).
+class Planner : public TopLevelSplit, public PatternSink {
+ public:
+  Planner() = default;
+  ~Planner() override { free_fptree(&tree_); }
+
+  void take_tree(const FPTree& tree) override { tree_ = tree; }
+  int begin_item(Engine& e, uint32_t) override;
+  // Patterns the walk finds itself (one-item patterns; every pattern of a
+  // tree that is one path) go to the record.
+  void put(const Pattern& p) override;
+  int conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) override;
+
+  // Deals the items into `groups` parts of about equal work (the size of
+  // their conditional databases) and writes them with the run's support
+  // table and limits; *record gets the run's record. Throws std::bad_alloc.
+  void finish(uint32_t groups, std::vector<std::string>* parts, std::vector<uint64_t>* work,
+              std::vector<uint32_t>* record);
+
+ private:
+  struct Item {
+    uint32_t item;
+    int32_t support;
+    std::vector<int32_t> cdb;  // its records and the end word
+  };
+  FPTree tree_ = {};
+  std::vector<uint32_t> run_;  // nitems, min_size, max_size, the support table's words
+  // Entries "0 length support items" (a pattern) and "1 k" (the patterns
+  // of item k), then 2 and the part of every item.
+  std::vector<uint32_t> record_;
+  std::vector<Item> items_;
+};
+
+// Mines one part. Returns the words of its result (per item: its index in
+// the record, the number of words that follow, then per pattern its length,
+// support and items); false, with *error set, when the part is not one or
+// mining fails (*out_of_memory then tells why).
+bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::string* error,
+                     bool* out_of_memory);
+
+// Replays a run: the record's patterns and, at each item's place, that item's
+// patterns from the mined parts (in the order of the parts written), into
+// `sink` in the order of a whole run. False, with *error set, when the parts
+// do not fit the record.
+bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
+                  PatternSink* sink, std::string* error);
+
+#endif  // QUARLO_MINER_PARTS_H_
