@@ -222,3 +222,117 @@ unsigned LabelTable::r_convert(const char* input, const char* output, unsigned s
   close(out_fd);
   return ok ? 0 : 1;
 }
+
+namespace {
+
+// The sections of a grouped output file: per length a buffer that is written
+// at the section's next offset whenever it fills.
+class SectionWriter {
+ public:
+  SectionWriter(int fd, const std::vector<uint64_t>& bytes) : fd_(fd), bytes_(bytes) {
+    const size_t n = bytes.size();
+    const size_t room = std::max<size_t>(size_t{4} << 10, (size_t{64} << 20) / (n > 0 ? n : 1));
+    cap_ = std::min<size_t>(room, size_t{1} << 20);
+    next_.resize(n, 0);
+    done_.resize(n, 0);
+    bufs_.resize(n);
+    for (size_t k = 1; k < n; ++k) next_[k] = next_[k - 1] + bytes[k - 1];
+  }
+  bool has(uint32_t len) const { return len >= 1 && len <= bytes_.size() && bytes_[len - 1] > 0; }
+  std::string* buffer(uint32_t len) { return &bufs_[len - 1]; }
+  bool filled(uint32_t len) { return bufs_[len - 1].size() < cap_ || write(len - 1); }
+  // Writes what is left; true when every section came out at its size.
+  bool finish() {
+    for (size_t k = 0; k < bufs_.size(); ++k) {
+      if (!write(k) || done_[k] != bytes_[k]) return false;
+    }
+    return true;
+  }
+
+ private:
+  bool write(size_t k) {
+    std::string& b = bufs_[k];
+    if (done_[k] + b.size() > bytes_[k]) return false;
+    for (size_t at = 0; at < b.size();) {
+      const ssize_t n = pwrite(fd_, b.data() + at, b.size() - at, static_cast<off_t>(next_[k] + at));
+      if (n <= 0) return false;
+      at += static_cast<size_t>(n);
+    }
+    next_[k] += b.size();
+    done_[k] += b.size();
+    b.clear();
+    return true;
+  }
+
+  int fd_;
+  const std::vector<uint64_t>& bytes_;
+  size_t cap_;
+  std::vector<uint64_t> next_;  // by length: where its next bytes go
+  std::vector<uint64_t> done_;  // by length: bytes written
+  std::vector<std::string> bufs_;
+};
+
+// The length of a line "L-N ...", or 0.
+uint32_t length_of_line(std::string_view line) {
+  uint64_t l = 0;
+  size_t i = 0;
+  for (; i < line.size() && line[i] >= '0' && line[i] <= '9' && i < 10; ++i) l = 10 * l + (line[i] - '0');
+  if (i == 0 || i >= line.size() || line[i] != '-' || l >= 0xffffffffu) return 0;
+  return static_cast<uint32_t>(l + 1);
+}
+
+// Where the items of "L-N support percent items" start (after the third
+// blank), or npos.
+size_t items_start(std::string_view line) {
+  size_t at = 0;
+  for (int blanks = 0; blanks < 3; ++blanks) {
+    at = line.find(' ', at);
+    if (at == std::string_view::npos) return at;
+    ++at;
+  }
+  return at;
+}
+
+}  // namespace
+
+unsigned LabelTable::r_convert_sections(const char* input, const char* output,
+                                        const std::vector<uint64_t>& bytes) const {
+  int in = -1;
+  int out_fd = -1;
+  if (!open_pair(input, output, &in, &out_fd)) return 1;
+  bool ok = true;
+  {
+    SectionWriter sections(out_fd, bytes);
+    LineReader reader(in);
+    std::string_view line;
+    while (ok && reader.next(&line)) {
+      const uint32_t len = length_of_line(line);
+      const size_t items = items_start(line);
+      ok = sections.has(len) && items != std::string_view::npos && items < line.size();
+      if (!ok) break;
+      std::string* out = sections.buffer(len);
+      out->append(line.data(), items);
+      for (size_t at = items; ok && at <= line.size(); ++at) {
+        uint64_t n = 0;
+        const size_t first = at;
+        for (; at < line.size() && line[at] != ' '; ++at) {
+          const char c = line[at];
+          ok = ok && c >= '0' && c <= '9' && at - first < 10;
+          n = 10 * n + static_cast<unsigned>(c - '0');
+        }
+        ok = ok && at > first && n < label_list_.size() && (line[first] != '0' || at - first == 1);
+        if (ok) {
+          const std::string& label = label_list_[n];
+          out->append(label);
+          out->push_back(' ');
+        }
+      }
+      out->push_back('\n');
+      ok = ok && sections.filled(len);
+    }
+    ok = ok && sections.finish();
+  }
+  close(in);
+  if (close(out_fd) != 0) ok = false;
+  return ok ? 0 : 1;
+}

@@ -69,6 +69,17 @@ class LabelTable {
   // item token is not an unsigned decimal below the number of labels.
   unsigned r_convert(const char* input, const char* output, unsigned skip) const;
 
+  // What r_convert(input, output, 3) followed by grouping the lines by
+  // length would write, in one pass: the lines of length L (the number before
+  // the first "-" plus one) go, in file order, to a section of bytes[L - 1]
+  // bytes placed after the sections of the shorter lengths. For pattern
+  // files whose lines are "L-N support percent items" with single blanks.
+  // Returns 0, or 1 when a file cannot be opened, a write fails, a line is
+  // not of that form, or a section does not come out at its size. Writes no
+  // message.
+  unsigned r_convert_sections(const char* input, const char* output,
+                              const std::vector<uint64_t>& bytes) const;
+
  private:
   struct TextHash {
     using is_transparent = void;

@@ -275,6 +275,8 @@ int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, 
   try {
     out_ = std::make_unique<OutBuffer>(fd_);
     per_length_.assign(16, 0);
+    labelled_.clear();
+    label_bytes_.clear();
     scratch_.assign(static_cast<size_t>(nitems) + 1, 0);
     pct_.assign((static_cast<size_t>(ntrans) + 1) * kPctSlot, 0);
   } catch (const std::bad_alloc&) {
@@ -310,8 +312,8 @@ char* PatternFileWriter::put_percent(char* out, int32_t support) {
 void PatternFileWriter::put(const Pattern& p) {
   const uint32_t len = p.length;
   if (len > per_length_.size()) per_length_.resize(std::max<size_t>(len, 2 * per_length_.size()), 0);
-  char* out = out_->reserve(2 * kField);
-  out = put_decimal(out, len - 1);
+  char* const start = out_->reserve(2 * kField);
+  char* out = put_decimal(start, len - 1);
   *out++ = '-';
   out = put_decimal(out, per_length_[len - 1]++);
   *out++ = ' ';
@@ -322,6 +324,7 @@ void PatternFileWriter::put(const Pattern& p) {
   uint32_t* items = scratch_.data();
   memcpy(items, p.items, sizeof(uint32_t) * len);
   sort_items(items, len);
+  if (!label_bytes_.empty()) measure(len, static_cast<uint64_t>(out - start), items);
   for (uint32_t i = 0; i < len; ++i) {
     out = out_->reserve(12);
     *out++ = ' ';
@@ -331,6 +334,15 @@ void PatternFileWriter::put(const Pattern& p) {
   *out++ = '\n';
   out_->commit(out);
   ++total_;
+}
+
+// A labelled line: its first three fields, a blank, each label and a blank,
+// and the newline.
+void PatternFileWriter::measure(uint32_t len, uint64_t head, const uint32_t* items) {
+  if (len > labelled_.size()) labelled_.resize(per_length_.size(), 0);
+  uint64_t bytes = head + 2 + len;
+  for (uint32_t i = 0; i < len; ++i) bytes += label_bytes_[items[i]];
+  labelled_[len - 1] += bytes;
 }
 
 int PatternFileWriter::close() {
@@ -346,7 +358,6 @@ int PatternFileWriter::close() {
     rep_->perror("%s(%u) fclose() failed", kSrc, 47u);
     return -1;
   }
-  per_length_.clear();
   return 0;
 }
 

@@ -51,14 +51,26 @@ class PatternFileWriter : public PatternSink {
   // Number of pattern lines written since the open.
   uint32_t count() const { return total_; }
 
+  // Measures, per length, what the lines will take once the items are
+  // labels as LabelTable::r_convert writes them; `label_bytes[i]` is the
+  // length of item i's label. Call after open.
+  void measure_labels(std::vector<uint32_t> label_bytes) { label_bytes_ = std::move(label_bytes); }
+  // Per length (index L - 1): the patterns written, and with measure_labels
+  // their bytes once labelled.
+  const std::vector<uint32_t>& counts() const { return per_length_; }
+  const std::vector<uint64_t>& labelled_bytes() const { return labelled_; }
+
  private:
   char* put_percent(char* out, int32_t support);
+  void measure(uint32_t len, uint64_t head, const uint32_t* items);
 
   int fd_ = -1;
   std::unique_ptr<OutBuffer> out_;
   Reporter* rep_ = nullptr;
   uint32_t ntrans_ = 0;
   std::vector<uint32_t> per_length_;  // written patterns per length, index L - 1
+  std::vector<uint32_t> label_bytes_;  // by item: its label's length (empty: not measured)
+  std::vector<uint64_t> labelled_;     // by length: bytes of its lines once labelled
   std::vector<uint32_t> scratch_;     // the items of one pattern, sorted
   // Percentage text by support: entry s holds the "%.3f" text of s * 100 /
   // ntrans (first byte its length, 0 while not yet formatted).

@@ -193,8 +193,16 @@ bool put_in_place(const char* tmp, const char* file) {
 
 // The engine's side of the program: the input and option blocks once the
 // input is counted, and the numbered pattern file as the sink.
+// What the pattern writer counted, per length (index L - 1): the patterns
+// and the bytes of their lines once labelled. Empty when nothing was written.
+struct WrittenSections {
+  std::vector<uint32_t> counts;
+  std::vector<uint64_t> bytes;
+};
+
 class ReportingClient : public EngineClient {
  public:
+  explicit ReportingClient(const LabelTable& labels) : labels_(labels) {}
   void counted(const Engine& e, uint32_t ntrans) override {
     log_printf("Transaction File Information ---------------------------------------------------");
     log_printf("  Transaction File Name:                        %s", get_input_file());
@@ -206,7 +214,14 @@ class ReportingClient : public EngineClient {
     print_options();
   }
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    return writer_.open(get_fp_conv_file(), ntrans, e->nitems, e->rep) == 0 ? &writer_ : nullptr;
+    if (writer_.open(get_fp_conv_file(), ntrans, e->nitems, e->rep) != 0) return nullptr;
+    std::vector<uint32_t> label_bytes(std::min<uint32_t>(e->nitems, labels_.label_count()));
+    for (uint32_t i = 0; i < label_bytes.size(); ++i) {
+      label_bytes[i] = static_cast<uint32_t>(labels_.label_of(i).size());
+    }
+    writer_.measure_labels(std::move(label_bytes));
+    measured_ = true;
+    return &writer_;
   }
   bool close_sink(Engine* e, bool complete) override {
     if (!complete) {
@@ -220,9 +235,15 @@ class ReportingClient : public EngineClient {
   }
   const char* sink_name() const override { return get_fp_conv_file(); }
   uint32_t written() const { return writer_.count(); }
+  WrittenSections sections() const {
+    if (!measured_) return {};
+    return {writer_.counts(), writer_.labelled_bytes()};
+  }
 
  private:
+  const LabelTable& labels_;
   PatternFileWriter writer_;
+  bool measured_ = false;
 };
 
 SupportSpec support_of_options() {
@@ -286,13 +307,13 @@ uint32_t threads_of_environment() {
 }
 
 // The mining stage, from FILE.qr to FILE.fp_conv. Returns 0 or the exit status.
-int mine(uint32_t nitems, Reporter* rep) {
+int mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written, Reporter* rep) {
   Engine engine(rep);
   engine.nitems = nitems;
   engine.threads = threads_of_environment();
   engine.min_size = get_min_size();
   engine.max_size = get_max_size();
-  ReportingClient client;
+  ReportingClient client(labels);
   if (find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client) != 0) {
     if (engine.node_block_failed || errno == ENOMEM) report_out_of_memory("mining");
     if (engine.node_block_failed) return kStatusLog;  // the tree builder's own status
@@ -300,6 +321,7 @@ int mine(uint32_t nitems, Reporter* rep) {
     return kStatusConvert;
   }
   print_solution_block(client.written());
+  *written = client.sections();
   return kStatusOk;
 }
 
@@ -346,6 +368,24 @@ int post_process(Timings* t, Reporter* rep) {
   return kStatusOk;
 }
 
+void print_length_counts(const std::vector<uint32_t>& counts) {
+  for (size_t k = 0; k < counts.size(); ++k) {
+    if (counts[k] > 0) log_printf(kLengthCountFormat, static_cast<uint32_t>(k + 1), counts[k]);
+  }
+}
+
+// Groups the pattern file by length in place, then converts it to labels.
+int group_and_convert(const LabelTable& labels) {
+  unlink(g_names.fp_tmp.c_str());
+  if (!group_by_length(get_fp_conv_file())) return kStatusConvert;
+  if (labels.r_convert(get_fp_conv_file(), g_names.fp_tmp.c_str(), 3) != 0) {
+    explain(g_names.fp_tmp.c_str());
+    report_conversion_failure(kLineBackConvert);
+    return kStatusConvert;
+  }
+  return kStatusOk;
+}
+
 // Every stage after the banner; `labels` lives for the whole run.
 int run_stages(LabelTable* labels) {
   LogReporter log_reporter;
@@ -356,20 +396,29 @@ int run_stages(LabelTable* labels) {
   if (status != kStatusOk) return status;
   enter_stage("mining", kStatusConvert);
   t.patterns = -wall_seconds();
-  status = mine(nitems, rep);
+  WrittenSections written;
+  status = mine(nitems, *labels, &written, rep);
   if (status != kStatusOk) return status;
   t.patterns += wall_seconds();
   remove_file(get_qr_file(), kLineRemoveQr);
   status = post_process(&t, rep);
   if (status != kStatusOk) return status;
   enter_stage("the back-conversion", kStatusConvert);
-  if (!group_by_length(get_fp_conv_file())) return kStatusConvert;
-  if (labels->r_convert(get_fp_conv_file(), g_names.fp_tmp.c_str(), 3) != 0) {
-    explain(g_names.fp_tmp.c_str());
-    report_conversion_failure(kLineBackConvert);
-    return kStatusConvert;
+  // The pattern file as written (maximal pruning rewrites it) converts and
+  // groups in one pass; when that fails, the two passes below run as ever,
+  // so they alone decide the report and the files a failure leaves.
+  const bool one_pass = !want_maximal() && !written.bytes.empty() &&
+      labels->r_convert_sections(get_fp_conv_file(), g_names.fp_tmp.c_str(), written.bytes) == 0;
+  if (one_pass) {
+    print_length_counts(written.counts);
+  } else {
+    status = group_and_convert(*labels);
+    if (status != kStatusOk) return status;
   }
   if (!put_in_place(g_names.fp_tmp.c_str(), get_fp_file())) {
+    // The pattern file a failed back-conversion leaves is grouped by length.
+    std::vector<LengthCount> counts;
+    if (one_pass) sort_by_length(get_fp_conv_file(), &counts);
     report_conversion_failure(kLineBackConvert);
     return kStatusConvert;
   }

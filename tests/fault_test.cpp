@@ -6,15 +6,18 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "quarlo/quarlo.h"
 #include "support/harness.h"
 
 namespace {
@@ -136,6 +139,62 @@ TEST_F(Faults, ClosedStandardOutputLeavesEachLineOnceInTheLog) {
   const std::string log = read_file(path("quarlo.log"));
   EXPECT_EQ(log.find("Solution"), log.rfind("Solution"));
   EXPECT_NE(log.find("Solution"), std::string::npos);
+}
+
+// The numbered pattern file a failure leaves: as mining wrote it when the
+// parent-children list fails, grouped by length when the back-conversion
+// does (its output cannot be moved into place, or the disk is full). The
+// library gives the same itemsets in both orders, by item numbers.
+TEST_F(Faults, PatternFileLeftByAFailureIsAsItsStageLeftIt) {
+  const std::string input = read_file(quarlo_test::source_path("examples/groceries.txt"));
+  quarlo::Options o;
+  o.support = quarlo::Support::percent(10);
+  const auto t = quarlo::Transactions::from_file(quarlo_test::source_path("examples/groceries.txt"));
+  auto line = [](uint32_t len, uint32_t ordinal, uint32_t support, uint32_t ntrans, const uint32_t* items) {
+    char pct[32];
+    snprintf(pct, sizeof pct, "%.3f", support * 100.0 / ntrans);
+    std::string s = std::to_string(len - 1);
+    s += '-';
+    s += std::to_string(ordinal);
+    s += ' ';
+    s += std::to_string(support);
+    s += ' ';
+    s += pct;
+    for (uint32_t i = 0; i < len; ++i) {
+      s += ' ';
+      s += std::to_string(items[i]);
+    }
+    s += '\n';
+    return s;
+  };
+  const quarlo::Result r = quarlo::mine(t, o);
+  std::string grouped;
+  for (const quarlo::Itemset& s : r.itemsets) {
+    grouped += line(s.items.size(), s.ordinal, s.support, r.stats.transactions, s.items.data());
+  }
+  std::string as_found;
+  quarlo::mine(t, o, [&](const quarlo::PatternView& v) {
+    as_found += line(v.length, v.ordinal, v.support, r.stats.transactions, v.items);
+  });
+  ASSERT_NE(grouped, as_found);
+  const struct {
+    const char* blocker;  // made a directory
+    std::vector<std::string> args;
+    unsigned long file_size_limit;
+    int status;
+    const std::string& left;
+  } cases[] = {
+      {"g.txt.pc", {"-p", "-s", "10", "g.txt"}, 0, 16, as_found},
+      {"g.txt.fp", {"-s", "10", "g.txt"}, 0, 2, grouped},
+      {nullptr, {"-s", "10", "g.txt"}, grouped.size() + 1, 2, grouped},
+  };
+  for (const auto& c : cases) {
+    quarlo_test::TempDir d;
+    write_file(d.join("g.txt"), input);
+    if (c.blocker != nullptr) mkdir(d.join(c.blocker).c_str(), 0755);
+    EXPECT_EQ(run_quarlo(d.path(), c.args, c.file_size_limit).status, c.status) << c.args[0];
+    EXPECT_EQ(read_file(d.join("g.txt.fp_conv")), c.left) << c.args[0];
+  }
 }
 
 }  // namespace
