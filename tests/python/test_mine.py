@@ -313,3 +313,67 @@ def test_unreadable_files_raise_os_errors_with_errno_and_name(tmp_path):
         locked.chmod(0)
         with pytest.raises(PermissionError):
             quarlo.mine(locked, 1)
+
+
+# ---------------------------------------------------------------------------
+# Threads
+
+CONCURRENT_JOBS = [
+    (GROCERIES, GROCERIES_TABLE, {"parents": True}),
+    (GROCERIES, 0.08, {"maximal": True, "threads": 2}),
+    (ROOT / "tests/data/conversion/labels-noise.txt", 0.02, {}),
+    (ROOT / "tests/data/conversion/numbers-noise.txt", {1: 0.05, 3: 0.01}, {"threads": 3}),
+    (file_tokens(ROOT / "tests/data/conversion/labels-noise.txt"), 5, {"parents": True}),
+]
+
+
+def test_calls_from_several_threads_at_once_give_the_serial_frames():
+    want = [quarlo.mine(t, s, **kw) for t, s, kw in CONCURRENT_JOBS]
+    jobs = CONCURRENT_JOBS * 8
+    with ThreadPoolExecutor(max_workers=8) as pool:
+        got = list(pool.map(lambda job: quarlo.mine(job[0], job[1], **job[2]), jobs))
+    for i, frame in enumerate(got):
+        pd.testing.assert_frame_equal(frame, want[i % len(want)])
+
+
+def test_the_gil_is_free_while_mining(tmp_path):
+    # Dense transactions that take a while to mine and give no itemset of 16
+    # items: while the call mines, this thread must keep running.
+    import random
+    rng = random.Random(7)
+    data = tmp_path / "dense.txt"
+    data.write_text("".join(" ".join(map(str, rng.sample(range(40), 28))) + "\n" for _ in range(1000)))
+    done = threading.Event()
+    worker = threading.Thread(target=lambda: (quarlo.mine(data, 0.1, min_len=16), done.set()))
+    start = time.perf_counter()
+    worker.start()
+    last, longest = start, 0.0
+    while not done.is_set():
+        now = time.perf_counter()
+        longest, last = max(longest, now - last), now
+    worker.join()
+    took = time.perf_counter() - start
+    assert longest < took / 2, f"this thread stood still {longest:.3f} s of {took:.3f} s"
+
+
+def test_dask_workers_mine_side_by_side():
+    distributed = pytest.importorskip("distributed")
+    want = [quarlo.mine(t, s, **kw) for t, s, kw in CONCURRENT_JOBS]
+    with distributed.Client(processes=False, n_workers=1, threads_per_worker=4,
+                            dashboard_address=None) as client:
+        futures = [client.submit(quarlo.mine, t, s, pure=False, **kw) for t, s, kw in CONCURRENT_JOBS]
+        got = client.gather(futures)
+    for frame, expected in zip(got, want):
+        pd.testing.assert_frame_equal(frame, expected)
+
+
+# ---------------------------------------------------------------------------
+# Documentation
+
+def test_help_shows_the_arguments_columns_and_a_working_example():
+    text = quarlo.mine.__doc__
+    for word in ("transactions", "support", "min_len", "max_len", "maximal", "parents", "threads",
+                 "itemsets", "count", "length", "FileNotFoundError", "MemoryError", ">>> "):
+        assert word in text
+    result = doctest.testmod(quarlo, optionflags=doctest.NORMALIZE_WHITESPACE)
+    assert result.attempted > 0 and result.failed == 0
