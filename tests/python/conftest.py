@@ -1,9 +1,10 @@
 """Fixtures of the Python module's tests: the quarlo program to compare with,
-and the package itself from the build when PYTHONPATH does not give it."""
+and the package from the build when PYTHONPATH does not give it."""
 
 import os
 import subprocess
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -13,7 +14,7 @@ ROOT = Path(__file__).resolve().parents[2]
 try:
     import quarlo  # noqa: F401
 except ImportError:
-    sys.path.insert(0, str(ROOT / "build" / "python"))  # where make python puts it
+    sys.path.insert(0, str(ROOT / "build/python"))  # where make python puts it
 
 
 @pytest.fixture(scope="session")
@@ -28,26 +29,18 @@ def program() -> Path:
 
 @pytest.fixture
 def run_program(program, tmp_path):
-    """Runs the program on a copy of `data` in a fresh directory with `args`
-    (a support-table file given as the Path after -S is copied beside it).
-    Returns the text of FILE.fp and of FILE.pc ("" when not written)."""
-    counter = iter(range(1000))
-
-    def run(data: Path, *args):
-        work = tmp_path / f"run{next(counter)}"
-        work.mkdir()
-        argv = [str(program)]
-        for arg in args:
-            if isinstance(arg, Path):
-                (work / arg.name).write_bytes(arg.read_bytes())
-                arg = arg.name
-            argv.append(str(arg))
-        (work / data.name).write_bytes(data.read_bytes())
-        argv.append(data.name)
+    """run(data, *args): the program on a copy of `data` in a directory of its
+    own (a Path among the args is copied there too); the text of FILE.fp and
+    FILE.pc ("" when not written)."""
+    def run(data, *args):
+        work = Path(tempfile.mkdtemp(dir=tmp_path))
+        for path in (data, *[a for a in args if isinstance(a, Path)]):
+            (work / path.name).write_bytes(path.read_bytes())
+        argv = [program, *[a.name if isinstance(a, Path) else a for a in args], data.name]
         done = subprocess.run(argv, cwd=work, capture_output=True)
         assert done.returncode == 0, done.stderr
-        pc = work / (data.name + ".pc")
-        return ((work / (data.name + ".fp")).read_bytes().decode("utf-8", "surrogateescape"),
-                pc.read_bytes().decode("utf-8", "surrogateescape") if pc.exists() else "")
-
+        text = {s: (work / (data.name + s)).read_bytes().decode("utf-8", "surrogateescape")
+                if (work / (data.name + s)).exists() else "" for s in (".fp", ".pc")}
+        return text[".fp"], text[".pc"]
     return run
+
