@@ -53,10 +53,13 @@ def mine(
           is a str, an int, or any hashable whose str() is the label; it
           must be non-empty and hold no white space. "-1" is reserved as in
           files: it is ignored first or last in a transaction;
-        * a pandas DataFrame of booleans or 0/1 values, one column per item
-          (the label is str(column name)) and one row per transaction.
+        * a pandas DataFrame of booleans or 0/1 values (sparse columns too),
+          one column per item (the label is str(column name)) and one row
+          per transaction; a true cell puts the item in the transaction.
 
         Transactions without items do not count, as empty lines of a file.
+        Labels read from a file that are not UTF-8 come back with their
+        bytes as surrogate escapes and read the same when given back.
     support
         The minimum support, one of:
 
@@ -96,7 +99,10 @@ def mine(
         * ``length``: its number of items (int);
         * ``parents`` (with ``parents=True``): the list of the row positions
           of its parents, the frequent itemsets reached by dropping items
-          through itemsets that are not frequent.
+          through itemsets that are not frequent (in the order of FILE.pc).
+
+        With no frequent itemset the frame is empty, with the same columns
+        and types.
 
     Raises
     ------
@@ -147,6 +153,9 @@ def _source(transactions):
         return "file", os.fsencode(transactions)
     if isinstance(transactions, pd.DataFrame):
         return "matrix", _matrix(transactions)
+    if isinstance(transactions, np.ndarray) and transactions.dtype == bool:
+        # Its rows would read as transactions of the labels "True" and "False".
+        raise TypeError("a boolean array has no item labels: give a DataFrame with one column per item")
     if isinstance(transactions, (bytes, bytearray)) or not isinstance(transactions, Iterable):
         raise TypeError(
             "transactions must be a path, an iterable of iterables of labels or a "

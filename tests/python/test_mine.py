@@ -175,6 +175,7 @@ def test_bad_arguments_raise_the_documented_exceptions(tmp_path):
     zero.write_text("1 5\n0 3\n")
     cases = [
         ((5, 1), TypeError, "transactions must be"), ((b"a b", 1), TypeError, "transactions must be"),
+        ((np.ones((2, 2), bool), 1), TypeError, "give a DataFrame"),
         (([["a"], "bc"], 1), TypeError, "transaction 1 must be an iterable"),
         (([["a", ["b"]]], 1), TypeError, "unhashable"),
         (([["a b"]], 1), ValueError, "white space"), (([["a", ""]], 1), ValueError, "empty"),
