@@ -156,21 +156,21 @@ Decimal fraction_of(const std::string& text) {
 // The ceiling of ntrans * d (d in (0, 1]), at least 1, in integers: the
 // digits times ntrans by long multiplication, then the point put back.
 uint32_t fraction_to_count(const Decimal& d, uint32_t ntrans) {
+  if (d.exponent >= 0) return std::max<uint32_t>(ntrans, 1);  // the fraction is 1
+  // ntrans has at most 10 digits, so the product has at most 10 more.
   std::string product(d.digits.size() + 10, '0');
   uint64_t carry = 0;
-  for (size_t i = 0; i < product.size(); ++i) {
-    const size_t from_right = i + 1;
-    const uint64_t digit =
-        from_right <= d.digits.size() ? static_cast<uint64_t>(d.digits[d.digits.size() - from_right] - '0') : 0;
-    const uint64_t v = digit * ntrans + carry;
-    product[product.size() - from_right] = static_cast<char>('0' + v % 10);
+  for (size_t i = 1; i <= product.size(); ++i) {
+    const size_t at = d.digits.size() >= i ? d.digits.size() - i : std::string::npos;
+    const uint64_t v =
+        (at == std::string::npos ? 0 : d.digits[at] - '0') * uint64_t{ntrans} + carry;
+    product[product.size() - i] = static_cast<char>('0' + v % 10);
     carry = v / 10;
   }
-  if (d.exponent >= 0) return std::max<uint32_t>(ntrans, 1);  // the fraction is 1
   const size_t scale = static_cast<size_t>(-d.exponent);
   const size_t whole_digits = product.size() > scale ? product.size() - scale : 0;
   uint64_t count = 0;
-  for (size_t i = 0; i < whole_digits; ++i) count = count * 10 + static_cast<uint64_t>(product[i] - '0');
+  for (size_t i = 0; i < whole_digits; ++i) count = count * 10 + (product[i] - '0');
   if (product.find_first_not_of('0', whole_digits) != std::string::npos) ++count;
   return static_cast<uint32_t>(std::max<uint64_t>(count, 1));
 }
@@ -395,7 +395,9 @@ SupportSpec spec_of(const Support::Spec& s, uint32_t ntrans) {
   for (const auto& [len, decimal] : s.fraction_pairs) {
     spec.count_pairs.emplace_back(len, fraction_to_count(fraction_of(decimal), ntrans));
   }
-  if (s.kind == SupportSpec::kCount && !s.fraction_pairs.empty()) spec.count = spec.count_pairs[0].second;
+  if (s.kind == SupportSpec::kCount && !s.fraction_pairs.empty()) {
+    spec.count = spec.count_pairs[0].second;
+  }
   return spec;
 }
 

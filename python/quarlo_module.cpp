@@ -64,7 +64,8 @@ std::vector<std::vector<std::string>> labels_of_iterable(py::handle source) {
 }
 
 std::vector<std::vector<std::string>> labels_of_matrix(py::handle source) {
-  const auto [cells, names] = source.cast<std::pair<py::array_t<uint8_t, py::array::c_style>, py::list>>();
+  const auto [cells, names] =
+      source.cast<std::pair<py::array_t<uint8_t, py::array::c_style>, py::list>>();
   if (cells.ndim() != 2 || static_cast<size_t>(cells.shape(1)) != names.size()) {
     throw py::value_error("the matrix must have one column per label");
   }
@@ -94,7 +95,8 @@ quarlo::Support support_of(const std::string& kind, py::handle value) {
     return quarlo::Support::count_table(value.cast<std::vector<std::pair<uint32_t, uint32_t>>>());
   }
   if (kind == "fractions") {
-    return quarlo::Support::fraction_table(value.cast<std::vector<std::pair<uint32_t, std::string>>>());
+    return quarlo::Support::fraction_table(
+        value.cast<std::vector<std::pair<uint32_t, std::string>>>());
   }
   if (kind == "table_file") return quarlo::Support::table_file(value.cast<std::string>());
   throw py::value_error("unknown support kind " + kind);
@@ -137,7 +139,8 @@ quarlo::Support support_of(const std::string& kind, py::handle value) {
 
 // A label's bytes as str, undoing label_text's encoding.
 py::object label_object(const std::string& label) {
-  PyObject* s = PyUnicode_DecodeUTF8(label.data(), static_cast<Py_ssize_t>(label.size()), "surrogateescape");
+  PyObject* s =
+      PyUnicode_DecodeUTF8(label.data(), static_cast<Py_ssize_t>(label.size()), "surrogateescape");
   if (s == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::object>(s);
 }
