@@ -3,10 +3,11 @@
 #   make demo   build, then run quarlo on the example in examples/
 #   make test   Debug build with AddressSanitizer + UBSan, all tests through CTest,
 #               then the same tests on the optimised build, then the installed
-#               package checked with examples/embed
+#               package checked with examples/embed, then the Python module's tests
 #   make install PREFIX=/usr/local   program, library, headers, CMake package, man page
 #   make fuzz   clang libFuzzer targets in build/fuzz, each run FUZZ_SECONDS seconds
 #               on a copy of its seed corpus; fails when one finds a crash
+#   make python the Python package quarlo in build/python (PYTHONPATH=build/python)
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 DEMO_DIR := build/demo
 
@@ -15,7 +16,13 @@ FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
 FUZZ_TARGETS := transactions support_table binary patterns parents
 
-.PHONY: all release demo test fuzz install build-deps test-deps fuzz-deps clean
+# The Python module is built for Debian's interpreter, whatever python3 comes
+# first on PATH; CMake works in build/py-cmake, the package lands in build/python.
+PYTHON := /usr/bin/python3
+PY_BUILD := build/py-cmake
+PY_PACKAGE_DIR := build/python
+
+.PHONY: all release demo test fuzz python install build-deps test-deps fuzz-deps python-deps clean
 
 all: release
 
@@ -40,6 +47,9 @@ test-deps:
 fuzz-deps:
 	@sh tools/ensure-deps.sh fuzz
 
+python-deps:
+	@sh tools/ensure-deps.sh python
+
 test: test-deps
 	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON
 	cmake --build build/asan -j $(JOBS)
@@ -48,11 +58,18 @@ test: test-deps
 	cmake --build build/release -j $(JOBS)
 	cd build/release && ctest --output-on-failure -j $(JOBS)
 	sh tools/check-embed.sh
+	$(MAKE) --no-print-directory python
+	QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q tests/python
 
 fuzz: fuzz-deps
 	CXX=clang++-14 cmake -S . -B $(FUZZ_DIR) -DQUARLO_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
 	sh tools/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+python: python-deps
+	cmake -S . -B $(PY_BUILD) -DCMAKE_BUILD_TYPE=Release -DQUARLO_PYTHON=ON \
+	  -DPython_EXECUTABLE=$(PYTHON) -DQUARLO_PYTHON_DIR=$(CURDIR)/$(PY_PACKAGE_DIR)
+	cmake --build $(PY_BUILD) -j $(JOBS) --target quarlo_python
 
 install: release
 	cmake --install build/release --prefix $(PREFIX)

@@ -34,6 +34,9 @@ struct Support::Spec {
   std::string file;
   std::vector<std::pair<long, double>> percent_pairs;
   LengthCounts count_pairs;
+  // Decimal fractions by length, made counts once the transactions are
+  // counted: kCount takes the first, kCountPairs all of them.
+  std::vector<std::pair<long, std::string>> fraction_pairs;
 };
 
 Support::Support() : spec_(std::make_shared<Spec>()) {}
@@ -83,6 +86,113 @@ Support Support::table_file(std::string path) {
   Spec spec;
   spec.kind = SupportSpec::kTableFile;
   spec.file = std::move(path);
+  return Support(std::make_shared<Spec>(std::move(spec)));
+}
+
+namespace {
+
+// A decimal as written: value = digits * 10^exponent, digits without leading
+// or trailing zeros ("" for zero).
+struct Decimal {
+  std::string digits;
+  int64_t exponent = 0;
+};
+
+// Reads the exponent after an "e": an optional sign and digits, within a
+// million either way. False on other text.
+bool parse_exponent(const std::string& text, int64_t* exponent) {
+  const size_t sign = text.empty() || (text[0] != '+' && text[0] != '-') ? 0 : 1;
+  if (text.size() == sign || text.size() > sign + 7) return false;
+  if (text.find_first_not_of("0123456789", sign) != std::string::npos) return false;
+  const int64_t value = std::stoll(text.substr(sign));
+  *exponent = text[0] == '-' ? -value : value;
+  return true;
+}
+
+// Reads "D", "D.D", ".D" or "D." with an optional "e[+-]N". False on other text.
+bool parse_decimal(const std::string& text, Decimal* d) {
+  const size_t end = text.find_first_of("eE");
+  const std::string mantissa = text.substr(0, end);
+  const size_t point = mantissa.find('.');
+  std::string digits = mantissa;
+  int64_t exponent = 0;
+  if (point != std::string::npos) {
+    digits.erase(point, 1);
+    exponent = -static_cast<int64_t>(mantissa.size() - point - 1);
+  }
+  if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos) return false;
+  int64_t shift = 0;
+  if (end != std::string::npos && !parse_exponent(text.substr(end + 1), &shift)) return false;
+  exponent += shift;
+  const size_t first = digits.find_first_not_of('0');
+  if (first == std::string::npos) {
+    digits.clear();
+  } else {
+    const size_t last = digits.find_last_not_of('0');
+    exponent += static_cast<int64_t>(digits.size() - 1 - last);
+    digits = digits.substr(first, last - first + 1);
+  }
+  d->digits = std::move(digits);
+  d->exponent = exponent;
+  return true;
+}
+
+// The decimal fraction `text` in (0, 1], or kInvalidArgument.
+Decimal fraction_of(const std::string& text) {
+  Decimal d;
+  if (!parse_decimal(text, &d)) {
+    throw Error(Error::Kind::kInvalidArgument, "\"" + text + "\" is not a decimal fraction");
+  }
+  // With digits d1..dk the value lies in [10^(k+e-1), 10^(k+e)): it is at
+  // most 1 when k + e <= 0, or when it is exactly 1.
+  const int64_t magnitude = static_cast<int64_t>(d.digits.size()) + d.exponent;
+  const bool one = d.digits == "1" && d.exponent == 0;
+  if (d.digits.empty() || (magnitude > 0 && !one)) {
+    throw Error(Error::Kind::kInvalidArgument,
+                "a support fraction must be above 0 and at most 1, not " + text);
+  }
+  return d;
+}
+
+// The ceiling of ntrans * d (d in (0, 1]), at least 1, in integers: the
+// digits times ntrans by long multiplication, then the point put back.
+uint32_t fraction_to_count(const Decimal& d, uint32_t ntrans) {
+  if (d.exponent >= 0) return std::max<uint32_t>(ntrans, 1);  // the fraction is 1
+  // ntrans has at most 10 digits, so the product has at most 10 more.
+  std::string product(d.digits.size() + 10, '0');
+  uint64_t carry = 0;
+  for (size_t i = 1; i <= product.size(); ++i) {
+    const size_t at = d.digits.size() >= i ? d.digits.size() - i : std::string::npos;
+    const uint64_t v =
+        (at == std::string::npos ? 0 : d.digits[at] - '0') * uint64_t{ntrans} + carry;
+    product[product.size() - i] = static_cast<char>('0' + v % 10);
+    carry = v / 10;
+  }
+  const size_t scale = static_cast<size_t>(-d.exponent);
+  const size_t whole_digits = product.size() > scale ? product.size() - scale : 0;
+  uint64_t count = 0;
+  for (size_t i = 0; i < whole_digits; ++i) count = count * 10 + (product[i] - '0');
+  if (product.find_first_not_of('0', whole_digits) != std::string::npos) ++count;
+  return static_cast<uint32_t>(std::max<uint64_t>(count, 1));
+}
+
+}  // namespace
+
+Support Support::fraction(std::string decimal) {
+  fraction_of(decimal);
+  Spec spec;
+  spec.kind = SupportSpec::kCount;
+  spec.fraction_pairs.emplace_back(1, std::move(decimal));
+  return Support(std::make_shared<Spec>(std::move(spec)));
+}
+
+Support Support::fraction_table(std::vector<std::pair<uint32_t, std::string>> fraction_by_length) {
+  Spec spec;
+  spec.kind = SupportSpec::kCountPairs;
+  for (auto& [len, decimal] : fraction_by_length) {
+    fraction_of(decimal);
+    spec.fraction_pairs.emplace_back(len, std::move(decimal));
+  }
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
@@ -274,7 +384,8 @@ void load(const Transactions::Data& data, Engine* e, TranBuf* db, Loaded* in) {
 // ---------------------------------------------------------------------------
 // Mining
 
-SupportSpec spec_of(const Support::Spec& s) {
+// The engine's form of `s` for a run of `ntrans` transactions.
+SupportSpec spec_of(const Support::Spec& s, uint32_t ntrans) {
   SupportSpec spec;
   spec.kind = s.kind;
   spec.percent = s.percent;
@@ -282,6 +393,12 @@ SupportSpec spec_of(const Support::Spec& s) {
   spec.table_file = s.file.c_str();
   spec.percent_pairs = s.percent_pairs;
   spec.count_pairs = s.count_pairs;
+  for (const auto& [len, decimal] : s.fraction_pairs) {
+    spec.count_pairs.emplace_back(len, fraction_to_count(fraction_of(decimal), ntrans));
+  }
+  if (s.kind == SupportSpec::kCount && !s.fraction_pairs.empty()) {
+    spec.count = spec.count_pairs[0].second;
+  }
   return spec;
 }
 
@@ -397,7 +514,8 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   e.wanted = wanted;
   const double loaded = now();
   Client client(sink);
-  if (mine_database(&e, &db, spec_of(options.support.spec()), pre, &client) != 0) {
+  const uint32_t ntrans = pre != nullptr ? pre->ntrans : count_tran(&e.pool, &db);
+  if (mine_database(&e, &db, spec_of(options.support.spec(), ntrans), pre, &client) != 0) {
     engine_failure(e, rep);
   }
   *stats = client.stats;

@@ -247,6 +247,75 @@ TEST_F(Library, CallbackSeesEveryItemsetInTheOrderFound) {
                quarlo::Error);
 }
 
+// The lowest support among the frequent single items of `ntrans` transactions
+// in which an item of each support in `supports` stands: the count `support`
+// demands, when `supports` holds it.
+uint32_t demanded(uint32_t ntrans, const std::vector<uint32_t>& supports, const quarlo::Support& support) {
+  std::vector<std::vector<uint32_t>> data(ntrans, std::vector<uint32_t>{ntrans});
+  for (uint32_t s : supports) {
+    for (uint32_t t = 0; t < std::min(s, ntrans); ++t) data[t].push_back(s);
+  }
+  quarlo::Options options;
+  options.support = support;
+  options.max_size = 1;
+  uint32_t lowest = ntrans + 1;
+  for (const quarlo::Itemset& s : quarlo::mine(quarlo::Transactions::from_numbers(data), options).itemsets) {
+    lowest = std::min(lowest, s.support);
+  }
+  return lowest;
+}
+
+TEST(LibrarySupport, FractionsCountExactlyOnTheDecimalAsWritten) {
+  const struct {
+    uint32_t ntrans;
+    std::string decimal;
+    uint32_t count;
+  } cases[] = {
+      {20000, "0.002", 40},  // the double 0.002 lies above 0.002: its exact product is above 40
+      {20000, "2e-3", 40},
+      {20000, ".0020", 40},
+      {20000, "0.00200001", 41},
+      {100, "0.07", 7},      // 100 * 0.07 in doubles is 7.000000000000001
+      {1000, "0.008", 8},
+      {7, "0.142857142857142857142857", 1},
+      {7, "0.1428571428571428571428572", 2},
+      {100, "1", 100},
+      {100, "1.000E0", 100},
+      {100, "5e-324", 1},
+      {3, "0.5", 2},
+  };
+  for (const auto& c : cases) {
+    const std::vector<uint32_t> around = {c.count - 1, c.count, c.count + 1};
+    EXPECT_EQ(demanded(c.ntrans, around, quarlo::Support::fraction(c.decimal)), c.count) << c.decimal;
+    EXPECT_EQ(demanded(c.ntrans, around, quarlo::Support::fraction_table({{1, c.decimal}})), c.count)
+        << c.decimal;
+  }
+  // The percentage rule can ask one more of the same value.
+  EXPECT_EQ(demanded(20000, {40, 41}, quarlo::Support::percent(0.2)), 41u);
+  EXPECT_EQ(demanded(1000, {8, 9}, quarlo::Support::percent(0.8)), 9u);
+
+  for (const std::string bad : {"0", "0.000", "1.5", "1.0000001", "10e-1x", "abc", "", ".", "-0.1",
+                                "+0.1", "0.5e", "1e1", "nan", "inf", "0x1p-3", " 0.5", "1e+9999999"}) {
+    EXPECT_THROW(quarlo::Support::fraction(bad), quarlo::Error) << bad;
+    EXPECT_THROW(quarlo::Support::fraction_table({{1, "0.5"}, {2, bad}}), quarlo::Error) << bad;
+  }
+}
+
+TEST_F(Library, FractionTableReadsAsTheSameTableOfCounts) {
+  const std::string input = source_path("examples/groceries.txt");  // 25 transactions
+  quarlo::Options by_fraction;
+  by_fraction.support = quarlo::Support::fraction_table({{1, "0.2"}, {2, "0.1201"}, {4, "0.08"}});
+  by_fraction.parents = true;
+  quarlo::Options by_count = by_fraction;
+  by_count.support = quarlo::Support::count_table({{1, 5}, {2, 4}, {4, 2}});
+  const quarlo::Result want = quarlo::mine(quarlo::Transactions::from_file(input), by_count);
+  const quarlo::Result got = quarlo::mine(quarlo::Transactions::from_file(input), by_fraction);
+  EXPECT_EQ(fp_text(got), fp_text(want));
+  EXPECT_EQ(pc_text(got), pc_text(want));
+  by_fraction.support = quarlo::Support::fraction_table({{2, "0.2"}});
+  EXPECT_THROW(quarlo::mine(quarlo::Transactions::from_file(input), by_fraction), quarlo::Error);
+}
+
 TEST_F(Library, BadInputsRaiseTheirKindOfError) {
   using Kind = quarlo::Error::Kind;
   write_file(path("ok.txt"), "a b\nb c\n");

@@ -1,8 +1,9 @@
 #!/bin/sh
 # Makes sure the build's tools are present: g++, cmake and make, plus
-# GoogleTest and the man page tools when called with "test", clang 14 and its
-# libFuzzer and sanitizer runtimes when called with "fuzz". As root, missing Debian packages are
-# installed with apt-get; otherwise the script names them and fails.
+# GoogleTest, the man page tools and the Python module's packages when called
+# with "test", the Python module's packages alone with "python", clang 14 and
+# its libFuzzer and sanitizer runtimes with "fuzz". As root, missing Debian
+# packages are installed with apt-get; otherwise the script names them and fails.
 missing=""
 command -v g++ >/dev/null 2>&1 || missing="$missing g++"
 command -v cmake >/dev/null 2>&1 || missing="$missing cmake"
@@ -11,6 +12,13 @@ if [ "${1:-build}" = "test" ]; then
   [ -f /usr/include/gtest/gtest.h ] || missing="$missing libgtest-dev"
   command -v groff >/dev/null 2>&1 || missing="$missing groff-base"
   command -v man >/dev/null 2>&1 || missing="$missing man-db"
+fi
+if [ "${1:-build}" = "test" ] || [ "${1:-build}" = "python" ]; then
+  # The module is built for and tested with Debian's interpreter.
+  /usr/bin/python3 -c 'import pybind11, pandas, numpy, pytest, dask, distributed' >/dev/null 2>&1 ||
+    missing="$missing python3-pybind11 python3-pandas python3-numpy python3-pytest python3-dask python3-distributed"
+  [ -f /usr/lib/cmake/pybind11/pybind11Config.cmake ] || missing="$missing pybind11-dev"
+  ls /usr/include/python3*/Python.h >/dev/null 2>&1 || missing="$missing python3-dev"
 fi
 if [ "${1:-build}" = "fuzz" ]; then
   command -v clang++-14 >/dev/null 2>&1 || missing="$missing clang-14"

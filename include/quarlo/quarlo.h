@@ -62,6 +62,15 @@ class Support {
   static Support count_table(std::vector<std::pair<uint32_t, uint32_t>> count_by_length);
   // A support-table file: lines "LEN F(LEN)" (percentages).
   static Support table_file(std::string path);
+  // One fraction of the transactions for every length, written as a decimal
+  // ("0.002", ".5", "1", "2.5e-3") in (0, 1]. Its count is the ceiling of
+  // ntrans * fraction computed exactly on the decimal as written, at least 1:
+  // 0.002 of 20000 transactions is 40, where percent(0.2) demands 41 because
+  // the double nearest 0.2 lies above it. Other text throws kInvalidArgument.
+  static Support fraction(std::string decimal);
+  // (length, decimal fraction) pairs, each made a count as fraction() does
+  // and read as table() reads its pairs.
+  static Support fraction_table(std::vector<std::pair<uint32_t, std::string>> fraction_by_length);
 
   Support();
   ~Support();

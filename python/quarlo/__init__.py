@@ -1,0 +1,273 @@
+"""Frequent itemsets under a length-decreasing minimum support, as pandas DataFrames.
+
+quarlo finds every itemset whose support reaches the minimum support of its
+own length; the minimum may fall as itemsets grow, so long itemsets count as
+frequent at a lower support than short ones. ``quarlo.mine`` runs the same
+engine as the ``quarlo`` program and returns its FILE.fp as a DataFrame.
+"""
+
+from __future__ import annotations
+
+import decimal
+import numbers
+import os
+from collections.abc import Hashable, Iterable, Mapping
+from typing import Union
+
+import numpy as np
+import pandas as pd
+
+from . import _quarlo
+
+__all__ = ["mine", "__version__"]
+__version__: str = _quarlo.version()
+
+_MAX_U32 = 4294967295
+
+Label = Hashable
+Transactions = Union[str, "os.PathLike[str]", Iterable[Iterable[Label]], pd.DataFrame]
+SupportValue = Union[float, int]
+Support = Union[SupportValue, Mapping[int, SupportValue], str, "os.PathLike[str]"]
+
+
+def mine(
+    transactions: Transactions,
+    support: Support,
+    *,
+    min_len: int = 1,
+    max_len: int | None = None,
+    maximal: bool = False,
+    parents: bool = False,
+    threads: int = 1,
+) -> pd.DataFrame:
+    """Return the frequent itemsets of ``transactions`` as a DataFrame.
+
+    Parameters
+    ----------
+    transactions
+        One of:
+
+        * a path (str or os.PathLike) to a file in the quarlo program's
+          format: one transaction a line, labels separated by white space;
+        * an iterable of transactions, each an iterable of labels. A label
+          is a str, an int, or any hashable whose str() is the label; it
+          must be non-empty and hold no white space. "-1" is reserved as in
+          files: it is ignored first or last in a transaction;
+        * a pandas DataFrame of booleans or 0/1 values (sparse columns too),
+          one column per item (the label is str(column name)) and one row
+          per transaction; a true cell puts the item in the transaction.
+
+        Transactions without items do not count, as empty lines of a file.
+        Labels read from a file that are not UTF-8 come back with their
+        bytes as surrogate escapes and read the same when given back.
+    support
+        The minimum support, one of:
+
+        * a float in (0, 1]: a fraction of the transactions, for every
+          length. Its count is ceil(n * fraction), computed exactly on the
+          decimal the float prints as (0.002 of 20,000 transactions is 40);
+        * an int >= 1: an absolute count of transactions, for every length;
+        * a mapping {length: value}: a support table. Length 1 must be
+          given; a length's value holds for the longer lengths up to the
+          next one given. The values are all fractions or all counts;
+        * a path (str or os.PathLike) to a support-table file as the
+          program's -S reads it: lines "LEN PERCENT". Percentages follow the
+          program's rule, which can demand one transaction more than the
+          fraction rule for the same value (0.2 % of 20,000 demands 41).
+    min_len, max_len
+        Report only itemsets of at least ``min_len`` and at most ``max_len``
+        items (default: all lengths).
+    maximal
+        Keep only the maximal itemsets: those that are no frequent itemset's
+        parent (the program's -x).
+    parents
+        Add the column ``parents``.
+    threads
+        Threads that mine; the result is the same for any number. The GIL
+        is released while mining, so calls from several Python threads run
+        at the same time.
+
+    Returns
+    -------
+    pandas.DataFrame
+        One row per itemset, in the order of the program's FILE.fp (by
+        length, then in the order found), with the columns
+
+        * ``itemsets``: frozenset of the labels (str);
+        * ``support``: the fraction of the transactions that hold it (float);
+        * ``count``: the number of transactions that hold it (int);
+        * ``length``: its number of items (int);
+        * ``parents`` (with ``parents=True``): the list of the row positions
+          of its parents, the frequent itemsets reached by dropping items
+          through itemsets that are not frequent (in the order of FILE.pc).
+
+        With no frequent itemset the frame is empty, with the same columns
+        and types.
+
+    Raises
+    ------
+    TypeError
+        An argument of a type not listed above.
+    ValueError
+        A value out of range, a bad label, a cell other than 0/1, a bad
+        support table, or -1 between two items.
+    FileNotFoundError, OSError
+        A file that cannot be read (with its errno and file name).
+    MemoryError
+        Memory ran short while mining.
+
+    Examples
+    --------
+    >>> import quarlo
+    >>> baskets = [["bread", "milk"], ["bread", "butter"],
+    ...            ["bread", "milk", "butter"], ["milk"]]
+    >>> frame = quarlo.mine(baskets, {1: 0.5, 2: 0.25}, parents=True)
+    >>> for row in frame.itertuples():
+    ...     print(sorted(row.itemsets), row.support, row.count, row.parents)
+    ['butter'] 0.5 2 []
+    ['milk'] 0.75 3 []
+    ['bread'] 0.75 3 []
+    ['bread', 'butter'] 0.5 2 [0, 2]
+    ['butter', 'milk'] 0.25 1 [1, 0]
+    ['bread', 'milk'] 0.5 2 [1, 2]
+    ['bread', 'butter', 'milk'] 0.25 1 [4, 5, 3]
+    >>> quarlo.mine(baskets, 2, min_len=2, maximal=True)["itemsets"].map(sorted).tolist()
+    [['bread', 'butter'], ['bread', 'milk']]
+    """
+    source_kind, source = _source(transactions)
+    support_kind, support_value = _support(support)
+    min_len = _length("min_len", min_len)
+    max_len = _MAX_U32 if max_len is None else _length("max_len", max_len)
+    if max_len < min_len:
+        raise ValueError(f"max_len ({max_len}) is below min_len ({min_len})")
+    threads = _int_at_least("threads", threads, 1)
+    columns = _quarlo.mine(
+        source_kind, source, support_kind, support_value, min_len, max_len,
+        _flag("maximal", maximal), _flag("parents", parents), threads)
+    return _frame(columns)
+
+
+def _source(transactions):
+    """The tagged form of ``transactions`` for the extension module."""
+    if isinstance(transactions, (str, os.PathLike)):
+        return "file", os.fsencode(transactions)
+    if isinstance(transactions, pd.DataFrame):
+        return "matrix", _matrix(transactions)
+    if isinstance(transactions, np.ndarray) and transactions.dtype == bool:
+        # Its rows would read as transactions of the labels "True" and "False".
+        raise TypeError("a boolean array has no item labels: give a DataFrame with one column per item")
+    if isinstance(transactions, (bytes, bytearray)) or not isinstance(transactions, Iterable):
+        raise TypeError(
+            "transactions must be a path, an iterable of iterables of labels or a "
+            f"DataFrame, not {type(transactions).__name__}")
+    return "labels", transactions
+
+
+def _matrix(frame: pd.DataFrame):
+    """A DataFrame of 0/1 cells as (uint8 cells, column labels)."""
+    names = [str(c) for c in frame.columns]
+    if len(set(names)) != len(names):
+        raise ValueError("the DataFrame's column names must differ from each other as str")
+    cells = frame.to_numpy()
+    if cells.dtype == bool:
+        return np.ascontiguousarray(cells, dtype=np.uint8), names
+    if cells.dtype == object:
+        ok = all(isinstance(v, (bool, np.bool_, numbers.Number)) and (v == 0 or v == 1)
+                 for v in cells.flat)
+    else:
+        ok = np.issubdtype(cells.dtype, np.number) and bool(((cells == 0) | (cells == 1)).all())
+    if not ok:
+        raise ValueError("the DataFrame's cells must be booleans or 0/1")
+    return np.ascontiguousarray(cells != 0, dtype=np.uint8), names
+
+
+def _is_int(value) -> bool:
+    return isinstance(value, numbers.Integral) and not isinstance(value, (bool, np.bool_))
+
+
+def _is_fraction(value) -> bool:
+    return isinstance(value, (float, np.floating, decimal.Decimal))
+
+
+def _count(value) -> int:
+    if not 1 <= value <= _MAX_U32:
+        raise ValueError(f"a support count must be from 1 to {_MAX_U32}, not {value}")
+    return int(value)
+
+
+def _fraction(value) -> str:
+    """The decimal a fraction prints as, which is the value the user wrote."""
+    if not (value > 0 and value <= 1):  # also false for NaN
+        raise ValueError(
+            f"a support fraction must be above 0 and at most 1, not {value} "
+            "(give an int for a count of transactions)")
+    return str(value)
+
+
+def _support(support):
+    """The tagged form of ``support`` for the extension module."""
+    if isinstance(support, (str, os.PathLike)):
+        return "table_file", os.fsencode(support)
+    if _is_int(support):
+        return "count", _count(support)
+    if _is_fraction(support):
+        return "fraction", _fraction(support)
+    if isinstance(support, Mapping):
+        return _support_table(support)
+    raise TypeError(
+        "support must be a fraction (float), a count (int), a mapping {length: value} "
+        f"or the path of a support-table file, not {type(support).__name__}")
+
+
+def _support_table(table: Mapping):
+    pairs = []
+    for length, value in table.items():
+        if not _is_int(length):
+            raise TypeError(f"support-table lengths must be ints, not {type(length).__name__}")
+        if not 1 <= length <= _MAX_U32:
+            raise ValueError(f"support-table lengths must be from 1 to {_MAX_U32}, not {length}")
+        pairs.append((int(length), value))
+    pairs.sort(key=lambda pair: pair[0])
+    if not pairs or pairs[0][0] != 1:
+        raise ValueError("a support table must give length 1")
+    if all(_is_int(v) for _, v in pairs):
+        return "counts", [(n, _count(v)) for n, v in pairs]
+    if all(_is_fraction(v) for _, v in pairs):
+        return "fractions", [(n, _fraction(v)) for n, v in pairs]
+    if all(_is_int(v) or _is_fraction(v) for _, v in pairs):
+        raise ValueError("a support table's values must be all fractions (float) or all counts (int)")
+    bad = next(v for _, v in pairs if not (_is_int(v) or _is_fraction(v)))
+    raise TypeError(f"support-table values must be floats or ints, not {type(bad).__name__}")
+
+
+def _int_at_least(name: str, value, least: int) -> int:
+    if not _is_int(value):
+        raise TypeError(f"{name} must be an int, not {type(value).__name__}")
+    if not least <= value <= _MAX_U32:
+        raise ValueError(f"{name} must be from {least} to {_MAX_U32}, not {value}")
+    return int(value)
+
+
+def _length(name: str, value) -> int:
+    return _int_at_least(name, value, 1)
+
+
+def _flag(name: str, value) -> bool:
+    if not isinstance(value, (bool, np.bool_)):
+        raise TypeError(f"{name} must be a bool, not {type(value).__name__}")
+    return bool(value)
+
+
+def _frame(columns: dict) -> pd.DataFrame:
+    """The DataFrame of the extension module's columns."""
+    count = columns["count"]
+    ntrans = columns["transactions"]
+    data = {
+        "itemsets": pd.Series(columns["itemsets"], dtype=object),
+        "support": count / ntrans if ntrans else count.astype(np.float64),
+        "count": count,
+        "length": columns["length"],
+    }
+    if columns["parents"] is not None:
+        data["parents"] = pd.Series(columns["parents"], dtype=object)
+    return pd.DataFrame(data)

@@ -1,0 +1,215 @@
+// quarlo._quarlo: the library's mine() for the Python package. The package
+// (quarlo/__init__.py) sorts the user's arguments into the tagged forms below;
+// this module turns them into the library's containers while it holds the
+// GIL, mines without it, and hands the result back as columns of Python
+// objects. Labels cross the boundary as UTF-8 with "surrogateescape", so
+// the bytes of any label in a file come back unchanged and can be given
+// back in memory.
+//
+//   mine(source_kind, source, support_kind, support,
+//        min_len, max_len, maximal, parents, threads) -> dict
+//
+//   source_kind  "file"   source: the path, as bytes
+//                "labels" source: an iterable of iterables of labels
+//                "matrix" source: (2-D uint8 array, column labels); a
+//                         non-zero cell puts the column's label in the row
+//   support_kind "count" (int), "fraction" (decimal str), "counts" /
+//                "fractions" (list of (length, value)), "table_file" (bytes)
+//
+// The dict holds "itemsets" (list of frozenset of str), "count" and
+// "length" (int64 arrays), "parents" (list of lists of row positions, or
+// None) and "transactions" (the number counted).
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "quarlo/quarlo.h"
+
+namespace py = pybind11;
+
+namespace {
+
+// The UTF-8 bytes of a label: a str as it is, anything else through str().
+std::string label_text(py::handle label) {
+  py::object text = py::reinterpret_borrow<py::object>(label);
+  if (!PyUnicode_Check(label.ptr())) {
+    if (PyObject_Hash(label.ptr()) == -1) throw py::error_already_set();
+    text = py::str(label);
+  }
+  PyObject* bytes = PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogateescape");
+  if (bytes == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::bytes>(bytes).cast<std::string>();
+}
+
+std::string type_name(py::handle h) { return Py_TYPE(h.ptr())->tp_name; }
+
+std::vector<std::vector<std::string>> labels_of_iterable(py::handle source) {
+  std::vector<std::vector<std::string>> out;
+  for (py::handle transaction : py::iter(source)) {
+    if (PyUnicode_Check(transaction.ptr()) || PyBytes_Check(transaction.ptr()) ||
+        !py::isinstance<py::iterable>(transaction)) {
+      throw py::type_error("transaction " + std::to_string(out.size()) +
+                           " must be an iterable of labels, not " + type_name(transaction));
+    }
+    out.emplace_back();
+    for (py::handle label : py::iter(transaction)) out.back().push_back(label_text(label));
+  }
+  return out;
+}
+
+std::vector<std::vector<std::string>> labels_of_matrix(py::handle source) {
+  const auto [cells, names] =
+      source.cast<std::pair<py::array_t<uint8_t, py::array::c_style>, py::list>>();
+  if (cells.ndim() != 2 || static_cast<size_t>(cells.shape(1)) != names.size()) {
+    throw py::value_error("the matrix must have one column per label");
+  }
+  std::vector<std::string> labels;
+  for (py::handle name : names) labels.push_back(label_text(name));
+  const auto view = cells.unchecked<2>();
+  std::vector<std::vector<std::string>> out(static_cast<size_t>(view.shape(0)));
+  for (py::ssize_t r = 0; r < view.shape(0); ++r) {
+    for (py::ssize_t c = 0; c < view.shape(1); ++c) {
+      if (view(r, c) != 0) out[static_cast<size_t>(r)].push_back(labels[static_cast<size_t>(c)]);
+    }
+  }
+  return out;
+}
+
+quarlo::Transactions transactions_of(const std::string& kind, py::handle source) {
+  if (kind == "file") return quarlo::Transactions::from_file(source.cast<std::string>());
+  if (kind == "labels") return quarlo::Transactions::from_labels(labels_of_iterable(source));
+  if (kind == "matrix") return quarlo::Transactions::from_labels(labels_of_matrix(source));
+  throw py::value_error("unknown source kind " + kind);
+}
+
+quarlo::Support support_of(const std::string& kind, py::handle value) {
+  if (kind == "count") return quarlo::Support::count(value.cast<uint32_t>());
+  if (kind == "fraction") return quarlo::Support::fraction(value.cast<std::string>());
+  if (kind == "counts") {
+    return quarlo::Support::count_table(value.cast<std::vector<std::pair<uint32_t, uint32_t>>>());
+  }
+  if (kind == "fractions") {
+    return quarlo::Support::fraction_table(
+        value.cast<std::vector<std::pair<uint32_t, std::string>>>());
+  }
+  if (kind == "table_file") return quarlo::Support::table_file(value.cast<std::string>());
+  throw py::value_error("unknown support kind " + kind);
+}
+
+// An OSError for a file the library could not read. Its messages end in
+// ": " and the system's text for the cause (or the library's own ": is a
+// directory"), so the errno is found again and Python picks the matching
+// subclass: FileNotFoundError, PermissionError, IsADirectoryError, ...
+[[noreturn]] void raise_os_error(const std::string& message) {
+  auto ends_with = [&](const std::string& suffix) {
+    return message.size() > suffix.size() &&
+           message.compare(message.size() - suffix.size(), suffix.size(), suffix) == 0;
+  };
+  for (int err = 1; err < 134; ++err) {
+    std::string suffix = std::string(": ") + strerror(err);
+    if (!ends_with(suffix) && err == EISDIR) suffix = ": is a directory";
+    if (ends_with(suffix)) {
+      const std::string file = message.substr(0, message.size() - suffix.size());
+      PyErr_SetObject(PyExc_OSError, py::make_tuple(err, strerror(err), file).ptr());
+      throw py::error_already_set();
+    }
+  }
+  PyErr_SetString(PyExc_OSError, message.c_str());
+  throw py::error_already_set();
+}
+
+[[noreturn]] void raise_error(const quarlo::Error& e) {
+  switch (e.kind()) {
+    case quarlo::Error::Kind::kIo:
+      raise_os_error(e.what());
+    case quarlo::Error::Kind::kOutOfMemory:
+      PyErr_SetString(PyExc_MemoryError, e.what());
+      throw py::error_already_set();
+    case quarlo::Error::Kind::kInvalidArgument:
+      break;
+  }
+  throw py::value_error(e.what());
+}
+
+// A label's bytes as str, undoing label_text's encoding.
+py::object label_object(const std::string& label) {
+  PyObject* s =
+      PyUnicode_DecodeUTF8(label.data(), static_cast<Py_ssize_t>(label.size()), "surrogateescape");
+  if (s == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::object>(s);
+}
+
+py::list itemsets_of(const quarlo::Result& r) {
+  std::vector<py::object> labels;
+  labels.reserve(r.labels.size());
+  for (const std::string& label : r.labels) labels.push_back(label_object(label));
+  py::list out(r.itemsets.size());
+  for (size_t i = 0; i < r.itemsets.size(); ++i) {
+    py::object set = py::reinterpret_steal<py::object>(PyFrozenSet_New(nullptr));
+    if (!set) throw py::error_already_set();
+    // A frozenset no one else has seen yet may still be filled.
+    for (uint32_t item : r.itemsets[i].items) {
+      if (PySet_Add(set.ptr(), labels[item].ptr()) != 0) throw py::error_already_set();
+    }
+    out[i] = std::move(set);
+  }
+  return out;
+}
+
+py::dict columns_of(const quarlo::Result& r, bool parents) {
+  const py::ssize_t n = static_cast<py::ssize_t>(r.itemsets.size());
+  py::array_t<int64_t> count(n);
+  py::array_t<int64_t> length(n);
+  auto c = count.mutable_unchecked<1>();
+  auto l = length.mutable_unchecked<1>();
+  for (py::ssize_t i = 0; i < n; ++i) {
+    c(i) = r.itemsets[static_cast<size_t>(i)].support;
+    l(i) = static_cast<int64_t>(r.itemsets[static_cast<size_t>(i)].items.size());
+  }
+  py::dict out;
+  out["itemsets"] = itemsets_of(r);
+  out["count"] = count;
+  out["length"] = length;
+  out["parents"] = parents ? py::cast(r.parents) : py::none();
+  out["transactions"] = r.stats.transactions;
+  return out;
+}
+
+py::dict mine(const std::string& source_kind, py::handle source, const std::string& support_kind,
+              py::handle support, uint32_t min_len, uint32_t max_len, bool maximal, bool parents,
+              uint32_t threads) {
+  try {
+    quarlo::Options options;
+    options.support = support_of(support_kind, support);
+    options.min_size = min_len;
+    options.max_size = max_len;
+    options.maximal = maximal;
+    options.parents = parents;
+    options.threads = threads;
+    const quarlo::Transactions transactions = transactions_of(source_kind, source);
+    quarlo::Result r;
+    {
+      py::gil_scoped_release release;
+      r = quarlo::mine(transactions, options);
+    }
+    return columns_of(r, parents);
+  } catch (const quarlo::Error& e) {
+    raise_error(e);
+  }
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_quarlo, m) {
+  m.doc() = "The quarlo library's mining call; use quarlo.mine instead.";
+  m.def("mine", &mine, py::arg("source_kind"), py::arg("source"), py::arg("support_kind"),
+        py::arg("support"), py::arg("min_len"), py::arg("max_len"), py::arg("maximal"),
+        py::arg("parents"), py::arg("threads"));
+  m.def("version", &quarlo::version);
+}
