@@ -197,10 +197,13 @@ Support Support::fraction_table(std::vector<std::pair<uint32_t, std::string>> fr
 }
 
 struct Transactions::Data {
-  enum Kind { kFile, kLabels, kNumbers } kind = kLabels;
+  enum Kind { kFile, kLabels, kNumbers, kCodes } kind = kLabels;
   std::string path;
   std::vector<std::vector<std::string>> labels;
   std::vector<std::vector<uint32_t>> numbers;
+  std::vector<std::string> code_labels;  // kCodes
+  std::vector<uint32_t> codes;
+  std::vector<uint64_t> ends;
 };
 
 Transactions::Transactions() : data_(std::make_unique<Data>()) {}
@@ -226,6 +229,26 @@ Transactions Transactions::from_numbers(std::vector<std::vector<uint32_t>> trans
   Transactions t;
   t.data_->kind = Data::kNumbers;
   t.data_->numbers = std::move(transactions);
+  return t;
+}
+
+Transactions Transactions::from_codes(std::vector<std::string> labels, std::vector<uint32_t> codes,
+                                      std::vector<uint64_t> ends) {
+  uint64_t last = 0;
+  for (uint64_t end : ends) {
+    if (end < last || end > codes.size()) {
+      throw Error(Error::Kind::kInvalidArgument, "transaction ends must rise up to the number of codes");
+    }
+    last = end;
+  }
+  for (uint32_t c : codes) {
+    if (c >= labels.size()) throw Error(Error::Kind::kInvalidArgument, "a code names no label");
+  }
+  Transactions t;
+  t.data_->kind = Data::kCodes;
+  t.data_->code_labels = std::move(labels);
+  t.data_->codes = std::move(codes);
+  t.data_->ends = std::move(ends);
   return t;
 }
 
@@ -314,6 +337,27 @@ void check_label(const std::string& label) {
 }
 
 // Records of transactions of labels, by the same rules as lines of a file.
+// Item numbers of transaction r, given as n labels through label(i) and
+// their numbers through number(i): "-1" at either end is no item, between
+// two items it is refused.
+template <class Label, class Number>
+void labelled_record(size_t r, size_t n, const Label& label, const Number& number,
+                     std::vector<uint32_t>* items) {
+  items->clear();
+  bool after_break = false;
+  for (size_t i = 0; i < n; ++i) {
+    if (label(i) == "-1") {
+      after_break = !items->empty();
+      continue;
+    }
+    if (after_break) {
+      fail(Error::Kind::kInvalidArgument,
+           "transaction " + std::to_string(r) + " holds -1 between two items");
+    }
+    items->push_back(number(i));
+  }
+}
+
 void load_labels(const std::vector<std::vector<std::string>>& data, Engine* e, TranBuf* db,
                  Loaded* in) {
   in->labels.add_reserved_token("-1");
@@ -326,20 +370,39 @@ void load_labels(const std::vector<std::vector<std::string>>& data, Engine* e, T
   in->labels.assign_item_numbers();
   std::vector<uint32_t> items;
   for (size_t r = 0; r < data.size(); ++r) {
-    items.clear();
-    bool after_break = false;
-    for (const std::string& label : data[r]) {
-      if (label == "-1") {
-        after_break = !items.empty();
-        continue;
-      }
-      if (after_break) {
-        fail(Error::Kind::kInvalidArgument,
-             "transaction " + std::to_string(r) + " holds -1 between two items");
-      }
-      items.push_back(in->labels.item_number_of(label));
-    }
+    const std::vector<std::string>& t = data[r];
+    labelled_record(
+        r, t.size(), [&](size_t i) -> const std::string& { return t[i]; },
+        [&](size_t i) { return in->labels.item_number_of(t[i]); }, &items);
     add_record(e, db, &items, &in->nitems);
+  }
+}
+
+// Records of coded transactions: only labels that some code names are items.
+void load_codes(const Transactions::Data& data, Engine* e, TranBuf* db, Loaded* in) {
+  in->labels.add_reserved_token("-1");
+  const std::vector<std::string>& labels = data.code_labels;
+  std::vector<char> named(labels.size(), 0);
+  for (uint32_t c : data.codes) named[c] = 1;
+  for (size_t i = 0; i < labels.size(); ++i) {
+    if (!named[i]) continue;
+    check_label(labels[i]);
+    if (labels[i] != "-1") in->labels.register_token(labels[i]);
+  }
+  in->labels.assign_item_numbers();
+  std::vector<uint32_t> number(labels.size(), 0);
+  for (size_t i = 0; i < labels.size(); ++i) {
+    if (named[i] && labels[i] != "-1") number[i] = in->labels.item_number_of(labels[i]);
+  }
+  std::vector<uint32_t> items;
+  uint64_t begin = 0;
+  for (size_t r = 0; r < data.ends.size(); ++r) {
+    const uint32_t* codes = data.codes.data() + begin;
+    labelled_record(
+        r, data.ends[r] - begin, [&](size_t i) -> const std::string& { return labels[codes[i]]; },
+        [&](size_t i) { return number[codes[i]]; }, &items);
+    add_record(e, db, &items, &in->nitems);
+    begin = data.ends[r];
   }
 }
 
@@ -371,6 +434,9 @@ void load(const Transactions::Data& data, Engine* e, TranBuf* db, Loaded* in) {
       break;
     case Transactions::Data::kLabels:
       load_labels(data.labels, e, db, in);
+      break;
+    case Transactions::Data::kCodes:
+      load_codes(data, e, db, in);
       break;
     case Transactions::Data::kNumbers:
       load_numbers(data.numbers, e, db, in);
@@ -655,6 +721,22 @@ void number_shard(const Shard& shard, Loaded* in, ShardItems* items) {
 void load_shard(const Transactions::Data& data, const ShardItems& numbering, Engine* e, TranBuf* db,
                 Loaded* in) {
   std::vector<uint32_t> items;
+  if (data.kind == Transactions::Data::kCodes) {
+    std::vector<uint32_t> number(data.code_labels.size(), 0);
+    std::vector<char> named(data.code_labels.size(), 0);
+    for (uint32_t c : data.codes) named[c] = 1;
+    for (size_t i = 0; i < number.size(); ++i) {
+      if (named[i]) number[i] = numbering.of(data.code_labels[i]);
+    }
+    uint64_t begin = 0;
+    for (uint64_t end : data.ends) {
+      items.clear();
+      for (uint64_t k = begin; k < end; ++k) items.push_back(number[data.codes[k]]);
+      add_record(e, db, &items, &in->nitems);
+      begin = end;
+    }
+    return;
+  }
   const size_t n = data.kind == Transactions::Data::kLabels ? data.labels.size() : data.numbers.size();
   for (size_t r = 0; r < n; ++r) {
     items.clear();
@@ -776,6 +858,55 @@ void load_with_totals(const Transactions::Data& data, const Totals& totals, Load
 }
 
 }  // namespace
+
+Scan scan(const Transactions& transactions) {
+  try {
+    CollectingReporter rep;
+    Engine e(&rep);
+    Loaded in;
+    TranBuf db = {};
+    if (init_buf_pool(&e.pool, 0) != 0 || init_buf(&e.pool, &db) != 0) throw std::bad_alloc();
+    try {
+      load(transactions.data(), &e, &db, &in);
+    } catch (...) {
+      free_buf(&e.pool, &db);
+      throw;
+    }
+    Scan out;
+    out.labels = std::move(in.label_text);
+    out.supports.assign(out.labels.size(), 0);
+    if (init_buf_pool(&e.pool, static_cast<uint32_t>(out.labels.size())) != 0) {
+      free_buf(&e.pool, &db);
+      throw std::bad_alloc();
+    }
+    CurTran* tran = nullptr;
+    db.position = 0;
+    while (read_tran(&e.pool, &db, &tran) != 0) {
+      for (int32_t i = 0; i < tran->n; ++i) {
+        out.codes.push_back(tran->slot[i].item);
+        ++out.supports[tran->slot[i].item];
+      }
+      out.ends.push_back(out.codes.size());
+    }
+    free_buf(&e.pool, &db);
+    return out;
+  } catch (const std::bad_alloc&) {
+    fail(Error::Kind::kOutOfMemory, "out of memory");
+  }
+}
+
+uint32_t lowest_count(const Options& options, const Totals& totals) {
+  check_options(options);
+  CollectingReporter rep;
+  Engine e(&rep);
+  e.nitems = static_cast<uint32_t>(totals.item_supports.size());
+  e.min_size = options.min_size;
+  const uint32_t ntrans = totals.transactions;
+  if (build_support_table(&e, spec_of(options.support.spec(), ntrans), ntrans) != 0) {
+    fail(Error::Kind::kInvalidArgument, rep.summary());
+  }
+  return e.support.lowest_minsup();
+}
 
 Plan plan(const Transactions& transactions, const Options& options, uint32_t groups,
           const Totals* totals) {

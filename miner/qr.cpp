@@ -13,8 +13,8 @@ int fatal(Engine* e, const char* stage, unsigned line) {
   return 1;
 }
 
-// Builds the run's support table for `ntrans` transactions. Returns 0, or 1
-// after a report.
+}  // namespace
+
 int build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) {
   SupportTable& t = e->support;
   const uint32_t n = e->nitems;
@@ -48,6 +48,8 @@ int build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) {
   t.set_constant(percent_to_count(spec.percent, ntrans), ntrans, n, e->min_size);
   return 0;
 }
+
+namespace {
 
 // Builds the tree of `db` (released here), opens the sink, mines, closes.
 int mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, uint32_t ntrans,

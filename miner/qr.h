@@ -79,6 +79,10 @@ class EngineClient {
   virtual bool close_sink(Engine* e, bool complete) = 0;
 };
 
+// Builds e's support table for `ntrans` transactions of e->nitems items and
+// e->min_size. Returns 0, or 1 after a report.
+int build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans);
+
 // Mines the records of `db` (made by init_buf on e.pool; released here) under
 // `spec`. With `pre` the counts come from it instead of from `db`. Returns 0,
 // or 1 after a "Fatal error in ...()" (or open/close) report.

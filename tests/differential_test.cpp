@@ -234,8 +234,8 @@ void expect_same_result(const quarlo::Result& want, const quarlo::Result& got, c
 
 // The Result of mine() against the same run on 2-3 threads and in 1-5 parts
 // (more parts than items now and then), with parents or maximal pruning; the
-// parts are planned from all transactions or, with totals, from transactions
-// cut down to the items that reach the lowest count of any length.
+// parts are planned from all transactions or, with totals, from partitions
+// scanned apart and cut down to the items that reach the lowest count.
 void expect_same_on_threads_and_in_parts(const Case& c, std::mt19937& rng) {
   quarlo::Options o = options_of(c);
   o.parents = rng() % 2 == 0;
@@ -245,32 +245,54 @@ void expect_same_on_threads_and_in_parts(const Case& c, std::mt19937& rng) {
   threaded.threads = 2 + rng() % 2;
   expect_same_result(want, quarlo::mine(quarlo::Transactions::from_numbers(c.trans), threaded),
                      "threads\n" + describe(c));
-  std::map<uint32_t, uint32_t> support;
-  for (const Items& t : c.trans) {
-    for (uint32_t x : t) ++support[x];
+  // As a cluster run does it: partitions scanned apart, their counts added,
+  // items below the lowest count dropped, the rest coded for the plan.
+  const size_t npart = 1 + rng() % 3;
+  std::vector<quarlo::Scan> scans;
+  for (size_t p = 0; p < npart; ++p) {
+    std::vector<Items> part;
+    for (size_t r = p; r < c.trans.size(); r += npart) part.push_back(c.trans[r]);
+    scans.push_back(quarlo::scan(quarlo::Transactions::from_numbers(part)));
   }
+  std::map<std::string, uint32_t> support;
   quarlo::Totals totals;
-  totals.transactions = static_cast<uint32_t>(c.trans.size());
-  uint32_t lowest = percent_to_count(c.percent, totals.transactions);
-  for (const auto& [len, pct] : c.table) lowest = std::min(lowest, percent_to_count(pct, totals.transactions));
-  for (const auto& [x, s] : support) totals.item_supports.emplace_back(std::to_string(x), s);
-  std::vector<Items> cut;
-  for (const Items& t : c.trans) {
-    Items kept;
-    for (uint32_t x : t) {
-      if (support[x] >= lowest) kept.push_back(x);
-    }
-    cut.push_back(kept);
+  for (const quarlo::Scan& sc : scans) {
+    totals.transactions += static_cast<uint32_t>(sc.ends.size());
+    for (size_t i = 0; i < sc.labels.size(); ++i) support[sc.labels[i]] += sc.supports[i];
   }
+  totals.item_supports.assign(support.begin(), support.end());
+  const uint32_t lowest = quarlo::lowest_count(o, totals);
+  // The plan takes the partitions in their order, so the whole run is mined
+  // over the same order of transactions.
+  std::vector<Items> in_order;
+  std::vector<std::string> labels;
+  std::vector<uint32_t> codes;
+  std::vector<uint64_t> ends;
+  for (size_t p = 0; p < npart; ++p) {
+    const quarlo::Scan& sc = scans[p];
+    const uint32_t base = static_cast<uint32_t>(labels.size());
+    labels.insert(labels.end(), sc.labels.begin(), sc.labels.end());
+    for (size_t r = 0, begin = 0; r < sc.ends.size(); begin = sc.ends[r++]) {
+      Items t;
+      for (size_t k = begin; k < sc.ends[r]; ++k) {
+        const std::string& label = sc.labels[sc.codes[k]];
+        t.push_back(static_cast<uint32_t>(std::stoul(label)));
+        if (support[label] >= lowest) codes.push_back(base + sc.codes[k]);
+      }
+      in_order.push_back(t);
+      ends.push_back(codes.size());
+    }
+  }
+  const quarlo::Result whole = quarlo::mine(quarlo::Transactions::from_numbers(in_order), o);
   const bool with_totals = rng() % 2 == 0;
   const uint32_t groups = 1 + rng() % 5;
   const quarlo::Plan plan =
-      with_totals ? quarlo::plan(quarlo::Transactions::from_numbers(cut), o, groups, &totals)
-                  : quarlo::plan(quarlo::Transactions::from_numbers(c.trans), o, groups);
+      with_totals ? quarlo::plan(quarlo::Transactions::from_codes(labels, codes, ends), o, groups, &totals)
+                  : quarlo::plan(quarlo::Transactions::from_numbers(in_order), o, groups);
   ASSERT_EQ(plan.parts.size(), groups);
   std::vector<std::string> mined;
   for (const std::string& part : plan.parts) mined.push_back(quarlo::mine_part(part));
-  expect_same_result(want, quarlo::merge(plan.record, mined, o),
+  expect_same_result(whole, quarlo::merge(plan.record, mined, o),
                      "parts " + std::to_string(groups) + (with_totals ? " with totals\n" : "\n") +
                          describe(c));
 }

@@ -105,6 +105,11 @@ class Transactions {
   static Transactions from_labels(std::vector<std::vector<std::string>> transactions);
   // Integer labels: item 5 is the label "5".
   static Transactions from_numbers(std::vector<std::vector<uint32_t>> transactions);
+  // Coded labels: transaction i is codes[ends[i-1] .. ends[i]) (from 0 for
+  // i = 0), each code the index of its label in `labels`; labels follow the
+  // rules of from_labels, and labels no code names are not items.
+  static Transactions from_codes(std::vector<std::string> labels, std::vector<uint32_t> codes,
+                                 std::vector<uint64_t> ends);
 
   Transactions();
   ~Transactions();
@@ -208,6 +213,23 @@ struct Totals {
   uint32_t transactions = 0;
   std::vector<std::pair<std::string, uint32_t>> item_supports;
 };
+
+// Transactions as the library reads them (a file's lines, repeats within a
+// transaction dropped, "-1" at either end ignored, empty ones left out) in
+// the coded form of Transactions::from_codes, with each label's support: the
+// counting pass of a distributed run, one partition at a time.
+struct Scan {
+  std::vector<std::string> labels;
+  std::vector<uint32_t> supports;  // by label
+  std::vector<uint32_t> codes;
+  std::vector<uint64_t> ends;      // one per transaction
+};
+Scan scan(const Transactions& transactions);
+
+// The lowest count any length demands in a run over transactions with these
+// totals (no item below it can be in any itemset found), so that partitions
+// can drop such items before a plan. Throws Error.
+uint32_t lowest_count(const Options& options, const Totals& totals);
 
 // Options::maximal, Options::parents and Options::threads are merge()'s and
 // mine_part()'s business; plan() reads the support and the size limits.
