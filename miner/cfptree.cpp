@@ -644,6 +644,7 @@ int split_top_level(Engine& e, FPTree* tree) {
   const uint32_t need = e.support.minsup_of_length(1);
   for (int32_t i = tree->nheader - 1; i >= 0; --i) {
     HeaderEntry* h = &tree->header[i];
+    if (e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
     if (e.wanted != nullptr && !(*e.wanted)[h->item]) {
       prune_and_collect(e, h, 0, floor, nullptr);
@@ -708,6 +709,7 @@ int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const uint32_t need = e.support.minsup_of_length(k + 1);
   for (int32_t i = tree->nheader - 1; i >= 0; --i) {
     HeaderEntry* h = &tree->header[i];
+    if (depth == 1 && e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
     // A restricted run still prunes the items it skips, so that the tree
     // evolves exactly as in a run over every item.

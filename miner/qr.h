@@ -17,6 +17,13 @@
 #include "report.h"
 #include "suppfunc.h"
 
+// Told how far the walk over the top-level items has come.
+class ProgressHook {
+ public:
+  virtual ~ProgressHook() = default;
+  virtual void top_items(uint32_t done, uint32_t total) = 0;
+};
+
 struct Engine {
   explicit Engine(Reporter* r) : rep(r) { pool.rep = r; }
   Engine(const Engine&) = delete;
@@ -41,6 +48,7 @@ struct Engine {
   // When set, takes the top items' conditional databases instead of the
   // recursion (mining on several threads, or a plan of parts).
   TopLevelSplit* split = nullptr;
+  ProgressHook* progress = nullptr;   // null: nobody watches
   bool top_single_path = false;       // enumerating the single path of the whole tree
   bool node_block_failed = false;     // a tree node block could not be allocated
 };

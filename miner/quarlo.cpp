@@ -128,7 +128,14 @@ int g_stage_status = kStatusConvert;
 void enter_stage(const char* name, int status) {
   g_stage = name;
   g_stage_status = status;
+  progress_stage(name);
 }
+
+// The share of the top-level items mined, for the progress line.
+class MiningProgress : public ProgressHook {
+ public:
+  void top_items(uint32_t done, uint32_t total) override { progress_share(done, total); }
+};
 
 void report_out_of_memory(const char* stage) {
   log_printf("%s(%u) out of memory in %s", kSrc, kLineOutOfMemory, stage);
@@ -171,6 +178,7 @@ void remove_temporaries() {
 // On SIGINT, SIGTERM or SIGHUP the run removes its own files and ends with
 // 128 + the signal number; the earlier FILE.fp and FILE.pc stay whole.
 extern "C" void on_signal(int sig) {
+  progress_clear_on_signal();
   for (const char* name : g_names.own) unlink(name);
   _exit(128 + sig);
 }
@@ -311,6 +319,8 @@ int mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written, Re
   Engine engine(rep);
   engine.nitems = nitems;
   engine.threads = threads_of_environment();
+  MiningProgress progress;
+  engine.progress = &progress;
   engine.min_size = get_min_size();
   engine.max_size = get_max_size();
   ReportingClient client(labels);
@@ -446,6 +456,8 @@ int run_pipeline() {
   g_names.set(get_input_file());
   remove_leftovers();
   catch_signals();
+  progress_start();
+  progress_stage(g_stage);
   try {
     LabelTable labels;
     status = run_stages(&labels);
@@ -453,6 +465,7 @@ int run_pipeline() {
     report_out_of_memory(g_stage);
     status = g_stage_status;
   }
+  progress_clear();
   if (status != kStatusOk) remove_temporaries();
   return status;
 }

@@ -3,12 +3,14 @@
 // modes of every run that can be provoked from outside, and the groceries
 // example against checked-in results. What the itemsets, parents and maximal
 // itemsets are is checked through the library, which api_test holds to the program.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -430,6 +432,43 @@ TEST_F(Cli, RunFinishesWhenStandardOutputIsABrokenPipe) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(list_dir(dir()), (Names{"g.txt", "g.txt.fp", "market.supp", "market.txt", "quarlo.log"}));
   EXPECT_NE(read_file(path("quarlo.log")).find("Timing Information"), std::string::npos);
+}
+
+// With standard error on a terminal, a progress line names the stages there
+// and is cleared at the end; the report on standard output and the files stay
+// those of a run without one.
+TEST_F(Cli, ProgressLineShowsOnlyOnATerminalAndIsClearedAtTheEnd) {
+  const std::string d = dir();
+  copy_file(example("groceries.txt"), path("g.txt"));
+  const RunResult plain = run_quarlo(d, {"-s", "20", "g.txt"});
+  ASSERT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.err, "");
+  const std::string fp = read_file(path("g.txt.fp"));
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(master, 0);
+  ASSERT_EQ(grantpt(master), 0);
+  ASSERT_EQ(unlockpt(master), 0);
+  const std::string terminal = ptsname(master);
+  const RunResult r = quarlo_test::run_forked([&d, &terminal] {
+    const int tty = open(terminal.c_str(), O_RDWR | O_NOCTTY);
+    if (tty < 0 || chdir(d.c_str()) != 0) return 126;
+    dup2(tty, STDERR_FILENO);
+    execl(QUARLO_BINARY, "quarlo", "-s", "20", "g.txt", static_cast<char*>(nullptr));
+    return 127;
+  });
+  std::string shown;
+  char buf[4096];
+  for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 && shown.size() < 65536;) {
+    shown.append(buf, static_cast<size_t>(n));
+    if (shown.ends_with("\r\033[K")) break;
+  }
+  close(master);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(mask_timings(r.out), mask_timings(plain.out));
+  EXPECT_EQ(read_file(path("g.txt.fp")), fp);
+  EXPECT_NE(shown.find("quarlo: mining"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("quarlo: the back-conversion"), std::string::npos) << shown;
+  EXPECT_TRUE(shown.ends_with("\r\033[K")) << shown;
 }
 
 // The whole report below the banner (whose second line carries the version)
