@@ -23,6 +23,9 @@ constexpr size_t kField = 64;
 // A percentage never exceeds "100.000", so 7 characters suffice for every
 // support <= ntrans.
 constexpr size_t kPctSlot = 8;
+// Item text slots: the text's length, then a blank and the digits.
+constexpr size_t kItemSlot = 16;
+constexpr size_t kMostItemTexts = size_t{1} << 20;
 const uint64_t kNoKey = UINT64_MAX;  // lines without a "-": kept last, not counted
 
 // The decimal key before the first "-": digits 1-9 add their value, any other
@@ -279,6 +282,12 @@ int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, 
     label_bytes_.clear();
     scratch_.assign(static_cast<size_t>(nitems) + 1, 0);
     pct_.assign((static_cast<size_t>(ntrans) + 1) * kPctSlot, 0);
+    item_text_.assign(kItemSlot * std::min<size_t>(nitems, kMostItemTexts), 0);
+    for (uint32_t i = 0; i < item_text_.size() / kItemSlot; ++i) {
+      char* slot = item_text_.data() + kItemSlot * size_t{i};
+      slot[1] = ' ';
+      slot[0] = static_cast<char>(put_decimal(slot + 2, i) - slot - 1);
+    }
   } catch (const std::bad_alloc&) {
     rep->printf("%s(%u) new(%u) failed", kSrc, 37u, 0u);
     ::close(fd_);
@@ -325,10 +334,18 @@ void PatternFileWriter::put(const Pattern& p) {
   memcpy(items, p.items, sizeof(uint32_t) * len);
   sort_items(items, len);
   if (!label_bytes_.empty()) measure(len, static_cast<uint64_t>(out - start), items);
+  const char* text = item_text_.data();
   for (uint32_t i = 0; i < len; ++i) {
-    out = out_->reserve(12);
-    *out++ = ' ';
-    out_->commit(put_decimal(out, items[i]));
+    out = out_->reserve(kItemSlot);
+    if (items[i] < item_text_.size() / kItemSlot) {
+      // A blank and the item's digits, copied whole from its slot.
+      const char* slot = text + kItemSlot * size_t{items[i]};
+      memcpy(out, slot + 1, kItemSlot - 1);
+      out_->commit(out + slot[0]);
+    } else {
+      *out++ = ' ';
+      out_->commit(put_decimal(out, items[i]));
+    }
   }
   out = out_->reserve(1);
   *out++ = '\n';

@@ -75,6 +75,7 @@ class PatternFileWriter : public PatternSink {
   // Percentage text by support: entry s holds the "%.3f" text of s * 100 /
   // ntrans (first byte its length, 0 while not yet formatted).
   std::vector<char> pct_;
+  std::vector<char> item_text_;  // by item number: its text slot (see the writer)
   uint32_t total_ = 0;
 };
 

@@ -102,15 +102,37 @@ void OutBuffer::put_spanning(const void* bytes, size_t n) {
   }
 }
 
+namespace {
+
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+unsigned decimal_digits(uint32_t v) {
+  unsigned n = 1;
+  for (uint32_t bound = 10; n < 10 && v >= bound; bound *= 10) ++n;
+  return n;
+}
+
+}  // namespace
+
 char* put_decimal(char* out, uint32_t v) {
-  char digits[10];
-  int k = 0;
-  do {
-    digits[k++] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  } while (v != 0);
-  while (k > 0) *out++ = digits[--k];
-  return out;
+  char* const end = out + decimal_digits(v);
+  char* p = end;
+  while (v >= 100) {
+    const uint32_t pair = 2 * (v % 100);
+    v /= 100;
+    *--p = kDigitPairs[pair + 1];
+    *--p = kDigitPairs[pair];
+  }
+  if (v >= 10) {
+    *--p = kDigitPairs[2 * v + 1];
+    *--p = kDigitPairs[2 * v];
+  } else {
+    *--p = static_cast<char>('0' + v);
+  }
+  return end;
 }
 
 void OutBuffer::put_decimal(uint32_t v) {
