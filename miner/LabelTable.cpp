@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "sequence.h"
@@ -235,12 +236,25 @@ class SectionWriter {
     cap_ = std::min<size_t>(room, size_t{1} << 20);
     next_.resize(n, 0);
     done_.resize(n, 0);
+    used_.resize(n, 0);
     bufs_.resize(n);
     for (size_t k = 1; k < n; ++k) next_[k] = next_[k - 1] + bytes[k - 1];
   }
   bool has(uint32_t len) const { return len >= 1 && len <= bytes_.size() && bytes_[len - 1] > 0; }
-  std::string* buffer(uint32_t len) { return &bufs_[len - 1]; }
-  bool filled(uint32_t len) { return bufs_[len - 1].size() < cap_ || write(len - 1); }
+  // Appends n bytes to the section of length len; false when a write failed.
+  bool put(uint32_t len, const char* text, size_t n) {
+    const size_t k = len - 1;
+    if (bufs_[k] == nullptr) bufs_[k] = std::make_unique<char[]>(cap_);
+    while (n > 0) {
+      if (used_[k] == cap_ && !write(k)) return false;
+      const size_t step = std::min(n, cap_ - used_[k]);
+      memcpy(bufs_[k].get() + used_[k], text, step);
+      used_[k] += step;
+      text += step;
+      n -= step;
+    }
+    return true;
+  }
   // Writes what is left; true when every section came out at its size.
   bool finish() {
     for (size_t k = 0; k < bufs_.size(); ++k) {
@@ -251,16 +265,16 @@ class SectionWriter {
 
  private:
   bool write(size_t k) {
-    std::string& b = bufs_[k];
-    if (done_[k] + b.size() > bytes_[k]) return false;
-    for (size_t at = 0; at < b.size();) {
-      const ssize_t n = pwrite(fd_, b.data() + at, b.size() - at, static_cast<off_t>(next_[k] + at));
-      if (n <= 0) return false;
-      at += static_cast<size_t>(n);
+    const size_t n = used_[k];
+    if (done_[k] + n > bytes_[k]) return false;
+    for (size_t at = 0; at < n;) {
+      const ssize_t w = pwrite(fd_, bufs_[k].get() + at, n - at, static_cast<off_t>(next_[k] + at));
+      if (w <= 0) return false;
+      at += static_cast<size_t>(w);
     }
-    next_[k] += b.size();
-    done_[k] += b.size();
-    b.clear();
+    next_[k] += n;
+    done_[k] += n;
+    used_[k] = 0;
     return true;
   }
 
@@ -269,7 +283,23 @@ class SectionWriter {
   size_t cap_;
   std::vector<uint64_t> next_;  // by length: where its next bytes go
   std::vector<uint64_t> done_;  // by length: bytes written
-  std::vector<std::string> bufs_;
+  std::vector<size_t> used_;    // by length: bytes buffered
+  std::vector<std::unique_ptr<char[]>> bufs_;
+};
+
+// Each label followed by a blank, one after another, and where each starts.
+struct LabelTexts {
+  explicit LabelTexts(const std::vector<std::string>& labels) {
+    start.reserve(labels.size() + 1);
+    for (const std::string& label : labels) {
+      start.push_back(text.size());
+      text += label;
+      text += ' ';
+    }
+    start.push_back(text.size());
+  }
+  std::string text;
+  std::vector<size_t> start;
 };
 
 // The length of a line "L-N ...", or 0.
@@ -302,33 +332,29 @@ unsigned LabelTable::r_convert_sections(const char* input, const char* output,
   if (!open_pair(input, output, &in, &out_fd)) return 1;
   bool ok = true;
   {
+    const LabelTexts texts(label_list_);
     SectionWriter sections(out_fd, bytes);
     LineReader reader(in);
     std::string_view line;
+    std::string out;
     while (ok && reader.next(&line)) {
       const uint32_t len = length_of_line(line);
       const size_t items = items_start(line);
       ok = sections.has(len) && items != std::string_view::npos && items < line.size();
-      if (!ok) break;
-      std::string* out = sections.buffer(len);
-      out->append(line.data(), items);
+      out.assign(line.data(), ok ? items : 0);
       for (size_t at = items; ok && at <= line.size(); ++at) {
         uint64_t n = 0;
         const size_t first = at;
         for (; at < line.size() && line[at] != ' '; ++at) {
-          const char c = line[at];
-          ok = ok && c >= '0' && c <= '9' && at - first < 10;
-          n = 10 * n + static_cast<unsigned>(c - '0');
+          const unsigned digit = static_cast<unsigned char>(line[at]) - '0';
+          ok = ok && digit < 10 && at - first < 10;
+          n = 10 * n + digit;
         }
         ok = ok && at > first && n < label_list_.size() && (line[first] != '0' || at - first == 1);
-        if (ok) {
-          const std::string& label = label_list_[n];
-          out->append(label);
-          out->push_back(' ');
-        }
+        if (ok) out.append(texts.text, texts.start[n], texts.start[n + 1] - texts.start[n]);
       }
-      out->push_back('\n');
-      ok = ok && sections.filled(len);
+      out.push_back('\n');
+      ok = ok && sections.put(len, out.data(), out.size());
     }
     ok = ok && sections.finish();
   }
