@@ -637,11 +637,136 @@ namespace {
 // The top level of a run handed to e.split: the same walk, node pruning and
 // one-item patterns as gen_freqpattern at depth 1; the split collects and
 // mines each item's conditional database.
+// The nodes of every item that node pruning at the top level can remove
+// while the item's support stays at the floor or above: those shallower than
+// the shortest length of the floor. By header index, in chain order.
+struct ShallowNodes {
+  std::vector<size_t> start;  // nheader + 1 entries
+  std::vector<FPNode*> nodes;
+};
+
+// Lists them by one sequential scan of the node blocks; false (nothing
+// listed) when they are not few, so that walking the chains costs as much.
+bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNodes* out) {
+  std::vector<uint32_t>& index = e.tree.rank;  // all zero between builds: item -> header index + 1
+  for (int32_t p = 0; p < tree.nheader; ++p) index[tree.header[p].item] = static_cast<uint32_t>(p + 1);
+  out->start.assign(static_cast<size_t>(tree.nheader) + 1, 0);
+  size_t total = 0;
+  size_t listed = 0;
+  auto each_node = [&](auto&& visit) {
+    for (const FPNodeBlock* b = tree.first_block; b != nullptr; b = b->next) {
+      const uint32_t used = b == tree.cur_block ? tree.nodes_used : kNodesPerBlock;
+      for (uint32_t k = b == tree.first_block ? 1 : 0; k < used; ++k) visit(const_cast<FPNode*>(&b->node[k]));
+    }
+  };
+  each_node([&](FPNode* v) {
+    ++total;
+    if (v->depth < bound) {
+      ++out->start[index[v->item]];
+      ++listed;
+    }
+  });
+  const bool few = 2 * listed <= total;
+  if (few) {
+    // start[p] counts the nodes of header index p - 1: turn counts into ends.
+    for (size_t p = 1; p < out->start.size(); ++p) out->start[p] += out->start[p - 1];
+    out->nodes.resize(listed);
+    // Chains run from the newest node to the oldest: fill each range from its end.
+    std::vector<size_t> fill(out->start.begin() + 1, out->start.end());
+    each_node([&](FPNode* v) {
+      if (v->depth < bound) out->nodes[--fill[index[v->item] - 1]] = v;
+    });
+  }
+  for (int32_t p = 0; p < tree.nheader; ++p) index[tree.header[p].item] = 0;
+  return few;
+}
+
+// Marks removed leaf v of h (count 0, kept in its chain) for unlinking.
+void mark_removed(Engine& e, HeaderEntry* h, FPNode* v, uint32_t* len) {
+  remove_leaf(e, h, v, len);
+  v->count = 0;
+  e.tree.gone.push_back(v);
+}
+
+// Ends a pass whose support fell below the floor at node `from` of h's
+// chain: every leaf after it that is still there and too shallow goes.
+void finish_pass_on_chain(Engine& e, HeaderEntry* h, FPNode* from, uint32_t* len) {
+  for (FPNode* v = from; v != nullptr; v = v->next_link) {
+    if (v->first_child == nullptr && v->count != 0 && static_cast<int64_t>(v->depth) < *len) {
+      mark_removed(e, h, v, len);
+    }
+  }
+}
+
+// Takes the marked nodes out of their parents' children.
+void unlink_marked(Engine& e) {
+  for (FPNode* v : e.tree.gone) {
+    FPNode** at = &v->parent->first_child;
+    while (*at != v) at = &(*at)->next_sibling;
+    *at = v->next_sibling;
+  }
+  e.tree.gone.clear();
+}
+
+// Node pruning of top item h as prune_and_collect decides it, visiting only
+// its listed shallow nodes while the support stays at the floor: deeper
+// leaves could only go once it has fallen below, and then the pass goes on
+// along the chain. Removed nodes stay in the chain with a zero count (no
+// record is collected from them: they are too shallow).
+Pruned prune_listed(Engine& e, HeaderEntry* h, FPNode* const* nodes, size_t n, int32_t floor) {
+  uint32_t len = e.support.min_length_of_support(h->support);
+  if (len <= 1) return Pruned::kCollected;
+  std::vector<FPNode*>& leaves = e.tree.leaves;
+  leaves.clear();
+  const uint32_t first_len = len;
+  for (size_t i = 0; i < n; ++i) {
+    FPNode* v = nodes[i];
+    if (v->first_child != nullptr) continue;
+    if (v->depth >= len) {
+      leaves.push_back(v);
+      continue;
+    }
+    mark_removed(e, h, v, &len);
+    if (h->support < floor) {
+      finish_pass_on_chain(e, h, v->next_link, &len);
+      unlink_marked(e);
+      return Pruned::kBelowFloor;
+    }
+  }
+  for (uint32_t before = first_len == len ? len : 0; len != before;) {
+    before = len;
+    for (FPNode* v : leaves) {
+      if (v->count == 0 || v->depth >= len) continue;
+      mark_removed(e, h, v, &len);
+      if (h->support < floor) {
+        finish_pass_on_chain(e, h, v->next_link, &len);
+        unlink_marked(e);
+        return Pruned::kBelowFloor;
+      }
+    }
+  }
+  unlink_marked(e);
+  return Pruned::kCollected;
+}
+
+// The longest shortest length of any support at the floor or above (the
+// lookup is not monotone over small counts with a constant table).
+uint32_t longest_length(const Engine& e, int32_t floor) {
+  const int32_t cached = 100;
+  uint32_t longest = e.support.min_length_of_support(std::max(floor, cached));
+  for (int32_t s = std::max(floor, 0); s < cached; ++s) {
+    longest = std::max(longest, e.support.min_length_of_support(s));
+  }
+  return longest;
+}
+
 int split_top_level(Engine& e, FPTree* tree) {
   e.split->take_tree(*tree);
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
   Pattern q = {1, 0, e.tree.items.data()};
   const uint32_t need = e.support.minsup_of_length(1);
+  ShallowNodes shallow;
+  const bool listed = e.wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow);
   for (int32_t i = tree->nheader - 1; i >= 0; --i) {
     HeaderEntry* h = &tree->header[i];
     if (e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
@@ -654,7 +779,11 @@ int split_top_level(Engine& e, FPTree* tree) {
     q.items[0] = h->item;
     q.support = h->support;
     if (at_least(q.support, need)) emit(e, q);
-    if (prune_and_collect(e, h, 0, floor, nullptr) == Pruned::kBelowFloor) continue;
+    const Pruned pruned =
+        listed ? prune_listed(e, h, shallow.nodes.data() + shallow.start[i],
+                              shallow.start[i + 1] - shallow.start[i], floor)
+               : prune_and_collect(e, h, 0, floor, nullptr);
+    if (pruned == Pruned::kBelowFloor) continue;
     if (e.split->conditional(e, h->item, h->support, h->head) != 0) return -1;
   }
   *tree = {};

@@ -101,8 +101,10 @@ struct TreeScratch {
   // and the ancestor items of one node.
   std::vector<uint32_t> items;
   std::vector<uint32_t> path;
-  // The leaves of one header chain that node pruning's first pass kept.
+  // The leaves of one header chain that node pruning's first pass kept, and
+  // the nodes it marked for removal.
   std::vector<FPNode*> leaves;
+  std::vector<FPNode*> gone;
 };
 
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of

@@ -310,6 +310,35 @@ TEST(Differential, RandomDatabasesMatchBruteForceWholeAndInShards) {
   }
 }
 
+// Larger random databases under steep tables (hundreds of records, counts
+// above the support cache, items that node pruning drops below the floor
+// half-way): threads and parts must still give one thread's Result.
+TEST(Differential, LargerDatabasesOnThreadsAndInPartsMatchOneThread) {
+  std::mt19937 rng(7102026);
+  for (int round = 0; round < 150 && !testing::Test::HasFailure(); ++round) {
+    Case c;
+    const uint32_t nitems = 8 + rng() % 10;
+    std::vector<double> p(nitems);
+    for (double& x : p) x = 0.05 + (rng() % 60) / 100.0;
+    std::uniform_real_distribution<double> coin(0.0, 1.0);
+    for (uint32_t t = 150 + rng() % 250; t > 0; --t) {
+      Items items;
+      for (uint32_t i = 0; i < nitems; ++i) {
+        if (coin(rng) < p[i]) items.push_back(i);
+      }
+      if (!items.empty()) c.trans.push_back(items);
+    }
+    double f = 30.0 + rng() % 50;
+    for (uint32_t len = 1; len <= nitems; ++len) {
+      c.table.emplace_back(len, f);
+      f = std::max(0.2, f * (0.3 + (rng() % 60) / 100.0));
+    }
+    if (c.trans.empty()) continue;
+    expect_same_on_threads_and_in_parts(c, rng);
+    if (testing::Test::HasFailure()) ADD_FAILURE() << "round " << round;
+  }
+}
+
 // Ten records of x and three of y z w, with 90 % for lengths 1-2 and 23 % from
 // length 3 (minimum counts 12 and 3 of 13): path pruning cuts x from every
 // record, the remaining tree is the single path y-z-w, and {y, z, w} with
