@@ -1,5 +1,6 @@
 #include "parallel.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -39,14 +40,89 @@ struct ItemOutput {
   bool done = true;  // false while a worker mines the item
 };
 
-class BufferSink : public PatternSink {
- public:
-  void put(const Pattern& p) override {
-    to->push_back(p.length);
-    to->push_back(static_cast<uint32_t>(p.support));
-    to->insert(to->end(), p.items, p.items + p.length);
+void buffer_pattern(std::vector<uint32_t>* to, const Pattern& p) {
+  to->push_back(p.length);
+  to->push_back(static_cast<uint32_t>(p.support));
+  to->insert(to->end(), p.items, p.items + p.length);
+}
+
+// Hands the buffered patterns of `w` to `sink` in order.
+void replay(const std::vector<uint32_t>& w, PatternSink* sink) {
+  for (size_t i = 0; i < w.size(); i += 2 + w[i]) {
+    sink->put(Pattern{w[i], static_cast<int32_t>(w[i + 1]), const_cast<uint32_t*>(&w[i + 2])});
   }
-  std::vector<uint32_t>* to = nullptr;
+}
+
+// Where the run's sink is shared: the output at the front of the item order
+// (whose patterns may go straight to the sink) and the lock of the sink.
+struct SharedSink {
+  PatternSink* sink = nullptr;
+  std::mutex lock;
+  std::atomic<const ItemOutput*> front{nullptr};
+  // A worker whose buffer is full waits here for its item to come to the front.
+  std::mutex wait_lock;
+  std::condition_variable front_moved;
+  bool stopping = false;  // under wait_lock
+
+  void set_front(const ItemOutput* out) {
+    {
+      std::lock_guard<std::mutex> hold(wait_lock);
+      front.store(out, std::memory_order_release);
+    }
+    front_moved.notify_all();
+  }
+  void stop() {
+    {
+      std::lock_guard<std::mutex> hold(wait_lock);
+      stopping = true;
+    }
+    front_moved.notify_all();
+  }
+};
+
+// Words an item may buffer before its worker waits to write them itself: the
+// memory of a run stays bounded whatever the number of patterns.
+constexpr size_t kMostBufferedWords = size_t{1} << 20;
+
+// A worker's sink: buffers an item's patterns until the item is the front
+// one, then passes what it holds and every later pattern of the item straight
+// to the run's sink, holding its lock until the item is mined.
+class WorkerSink : public PatternSink {
+ public:
+  explicit WorkerSink(SharedSink* shared) : shared_(shared) {}
+  void start(ItemOutput* out) { out_ = out; }
+  void put(const Pattern& p) override {
+    if (!held_.owns_lock() && out_->words.size() > kMostBufferedWords) wait_for_front();
+    if (!held_.owns_lock() && shared_->front.load(std::memory_order_acquire) == out_) {
+      held_ = std::unique_lock<std::mutex>(shared_->lock);
+      replay(out_->words, shared_->sink);
+      std::vector<uint32_t>().swap(out_->words);
+    }
+    if (held_.owns_lock()) {
+      shared_->sink->put(p);
+    } else {
+      buffer_pattern(&out_->words, p);
+    }
+  }
+  void finish() {
+    if (held_.owns_lock()) held_.unlock();
+  }
+
+ private:
+  // Items are taken in order, so the front item is always being mined by a
+  // worker that does not wait: this ends.
+  void wait_for_front() {
+    std::unique_lock<std::mutex> hold(shared_->wait_lock);
+    shared_->front_moved.wait(hold, [this] {
+      return shared_->stopping || shared_->front.load(std::memory_order_acquire) == out_;
+    });
+  }
+
+ public:
+ private:
+  SharedSink* shared_;
+  ItemOutput* out_ = nullptr;
+  std::unique_lock<std::mutex> held_;
 };
 
 struct Task {
@@ -57,9 +133,10 @@ struct Task {
 };
 
 struct Worker {
+  explicit Worker(SharedSink* shared) : sink(shared) {}
   KeptReports rep;
   Engine e{&rep};
-  BufferSink sink;
+  WorkerSink sink;
   std::thread thread;
 };
 
@@ -73,7 +150,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   // Starts the workers. Returns 0, or -1 after a trace.
   int start() {
     for (std::unique_ptr<Worker>& w : workers_) {
-      w = std::make_unique<Worker>();
+      w = std::make_unique<Worker>(&shared_);
       if (prepare(&w->e) != 0) {
         w->rep.pass_on(run_.rep);
         return -1;
@@ -88,6 +165,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
 
   int begin_item(Engine&, uint32_t) override {
     outputs_.push_back(std::make_unique<ItemOutput>());
+    if (outputs_.size() == 1) shared_.set_front(outputs_.front().get());
     return 0;
   }
 
@@ -95,12 +173,10 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   // begun) the run's thread mines alone and the patterns pass straight on.
   void put(const Pattern& p) override {
     if (outputs_.empty()) {
-      sink_->put(p);
+      shared_.sink->put(p);
       return;
     }
-    BufferSink into;
-    into.to = &outputs_.back()->words;
-    into.put(p);
+    buffer_pattern(&outputs_.back()->words, p);
   }
 
   int conditional(Engine&, uint32_t item, int32_t support, const FPNode* chain) override {
@@ -116,7 +192,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   void take_tree(const FPTree& tree) override { tree_ = tree; }
 
   // Takes the run's sink; hands the patterns to it from now on.
-  void take_sink(PatternSink* sink) { sink_ = sink; }
+  void take_sink(PatternSink* sink) { shared_.sink = sink; }
 
   // Waits for every item and hands the rest over (dropped when `ok` is
   // false), passes the workers' reports on and adds their counters to the
@@ -180,14 +256,16 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   }
 
   int mine(Worker* w, Task* t) {
-    w->sink.to = &t->out->words;
+    w->sink.start(t->out);
+    int status = -1;
     try {
-      return mine_top_item(w->e, t->item, t->support, t->chain);
+      status = mine_top_item(w->e, t->item, t->support, t->chain);
     } catch (const std::bad_alloc&) {  // an item's output buffer could not grow
       w->rep.trace_errno("malloc");
       w->e.node_block_failed = true;
-      return -1;
     }
+    w->sink.finish();
+    return status;
   }
 
   // Hands the finished outputs at the front to the run's sink, in item order,
@@ -204,12 +282,10 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
           continue;
         }
       }
-      const std::vector<uint32_t>& w = outputs_.front()->words;
-      for (size_t i = 0; i < w.size(); i += 2 + w[i]) {
-        Pattern p = {w[i], static_cast<int32_t>(w[i + 1]), const_cast<uint32_t*>(&w[i + 2])};
-        sink_->put(p);
-      }
+      std::unique_lock<std::mutex> held(shared_.lock);
+      replay(outputs_.front()->words, shared_.sink);
       outputs_.pop_front();
+      shared_.set_front(outputs_.empty() ? nullptr : outputs_.front().get());
     }
     return status_;
   }
@@ -222,6 +298,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
       queue_.clear();
     }
     work_cv_.notify_all();
+    shared_.stop();
     for (std::unique_ptr<Worker>& w : workers_) {
       if (w != nullptr && w->thread.joinable()) w->thread.join();
     }
@@ -230,7 +307,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
 
   Engine& run_;
   const size_t limit_;       // items begun but not handed over before the walk waits
-  PatternSink* sink_ = nullptr;
+  SharedSink shared_;
   FPTree tree_ = {};  // the top-level tree, read by the workers until they stop
   std::deque<std::unique_ptr<ItemOutput>> outputs_;  // run's thread only
   std::vector<std::unique_ptr<Worker>> workers_;
