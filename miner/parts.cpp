@@ -46,7 +46,7 @@ class WordReader {
   // n words into `to`, or false.
   bool take(size_t n, void* to) {
     if (!ok_ || n > left_) return ok_ = false;
-    memcpy(to, at_, 4 * n);
+    if (n > 0) memcpy(to, at_, 4 * n);
     at_ += 4 * n;
     left_ -= n;
     return true;
