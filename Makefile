@@ -14,7 +14,7 @@ DEMO_DIR := build/demo
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
 FUZZ_DIR := build/fuzz
-FUZZ_TARGETS := transactions support_table binary patterns parents
+FUZZ_TARGETS := transactions support_table binary patterns parents parts
 
 # The Python module is built for Debian's interpreter, whatever python3 comes
 # first on PATH; CMake works in build/py-cmake, the package lands in build/python.

@@ -105,6 +105,8 @@ struct TreeScratch {
   // the nodes it marked for removal.
   std::vector<FPNode*> leaves;
   std::vector<FPNode*> gone;
+  // By item: set while a record from outside is checked for repeats.
+  std::vector<char> seen;
 };
 
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of

@@ -820,8 +820,8 @@ class RecordReader {
       take((4 - size % 4) % 4);
     }
     const uint32_t n = word();
+    const char* words = take(4 * size_t{n});  // before anything is sized by n
     record->resize(n);
-    const char* words = take(4 * size_t{n});
     if (n > 0) memcpy(record->data(), words, 4 * size_t{n});
     if (at_ != bytes_.size()) bad();
   }
@@ -967,15 +967,11 @@ Result merge(const std::string& record, const std::vector<std::string>& mined,
     }
     Collector collector;
     std::string error;
-    if (!replay_parts(words, parts, &collector, &error)) fail(Error::Kind::kInvalidArgument, error);
+    const uint32_t nitems = static_cast<uint32_t>(r.labels.size());
+    if (!replay_parts(words, parts, nitems, &collector, &error)) fail(Error::Kind::kInvalidArgument, error);
     const Stats stats = r.stats;
     assemble(collector, options, &r);
     r.stats.transactions = stats.transactions;
-    for (const Itemset& s : r.itemsets) {
-      for (uint32_t item : s.items) {
-        if (item >= r.labels.size()) fail(Error::Kind::kInvalidArgument, "the results name an unknown item");
-      }
-    }
     return r;
   } catch (const std::bad_alloc&) {
     fail(Error::Kind::kOutOfMemory, "out of memory");

@@ -88,7 +88,10 @@ bool prepare_engine(WordReader* in, Engine* e) {
   if (in->ok() && n == 0 && e->nitems == 0) return in->left() == 0;  // a run with nothing below its top
   if (!in->ok() || e->nitems > kMostItems) return false;
   std::vector<uint32_t> table(in->ok() && n <= in->left() ? n : 0);
-  if (!in->take(n, table.data()) || !e->support.restore(table.data(), n)) return false;
+  if (!in->take(n, table.data()) || !e->support.restore(table.data(), n) ||
+      e->support.lengths() != e->nitems) {
+    return false;
+  }
   if (init_buf_pool(&e->pool, e->nitems) != 0 || alloc_avetbl(&e->prune, e->nitems, 0, e->rep) != 0) {
     throw std::bad_alloc();
   }
@@ -98,24 +101,36 @@ bool prepare_engine(WordReader* in, Engine* e) {
 }
 
 // True when `w` holds n words of records ("n items" or "-weight n items",
-// n > 0, items below nitems) ending with the end word.
-bool well_formed(const int32_t* w, uint32_t n, uint32_t nitems) {
+// n > 0, distinct items below nitems, weights adding up to at most the
+// item's support) ending with the end word. `seen` has
+// nitems entries, all 0, and is left so.
+bool well_formed(const int32_t* w, uint32_t n, uint32_t nitems, int32_t support,
+                 std::vector<char>* seen) {
   size_t i = 0;
-  while (i < n && w[i] != 0) {
+  bool ok = support > 0;
+  int64_t weight = 0;  // the records are some of the item's nodes: their counts add up to at most its support
+  while (ok && i < n && w[i] != 0) {
     size_t count = static_cast<uint32_t>(w[i]);
     size_t first = i + 1;
+    weight += w[i] < 0 ? -static_cast<int64_t>(w[i]) : 1;
+    if (weight > support) return false;
     if (w[i] < 0) {
       if (i + 1 >= n || w[i + 1] <= 0) return false;
       count = static_cast<uint32_t>(w[i + 1]);
       first = i + 2;
     }
-    if (count > n - first) return false;
-    for (size_t k = first; k < first + count; ++k) {
-      if (w[k] < 0 || static_cast<uint32_t>(w[k]) >= nitems) return false;
+    if (count > n - first || count > nitems) return false;
+    size_t k = first;
+    for (; ok && k < first + count; ++k) {
+      ok = w[k] >= 0 && static_cast<uint32_t>(w[k]) < nitems && !(*seen)[w[k]];
+      if (ok) (*seen)[w[k]] = 1;
+    }
+    for (size_t j = first; j < k; ++j) {
+      if (w[j] >= 0 && static_cast<uint32_t>(w[j]) < nitems) (*seen)[w[j]] = 0;
     }
     i = first + count;
   }
-  return i == n - 1;
+  return ok && i == n - 1;
 }
 
 // Mines the next item of a part into `out`. False when the part is cut short
@@ -129,7 +144,9 @@ bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, bool* failed) {
   TranBuf cdb = {4 * n, 0, static_cast<int32_t*>(malloc(4 * size_t{n}))};
   if (cdb.data == nullptr) throw std::bad_alloc();
   in->take(n, cdb.data);
-  if (!well_formed(cdb.data, n, e->nitems)) {
+  std::vector<char>& seen = e->tree.seen;
+  if (seen.size() < e->nitems) seen.assign(e->nitems, 0);
+  if (!well_formed(cdb.data, n, e->nitems, support, &seen)) {
     free(cdb.data);
     return false;
   }
@@ -244,12 +261,15 @@ namespace {
 
 // Hands the patterns in words [at, end) (length, support, items) to `sink`;
 // false when one runs past the end.
-bool replay_patterns(const std::vector<uint32_t>& w, size_t at, size_t end, PatternSink* sink,
-                     std::vector<uint32_t>* scratch) {
+bool replay_patterns(const std::vector<uint32_t>& w, size_t at, size_t end, uint32_t nitems,
+                     PatternSink* sink, std::vector<uint32_t>* scratch) {
   while (at < end) {
-    if (end - at < 2 || w[at] == 0 || w[at] > end - at - 2) return false;
+    if (end - at < 2 || w[at] == 0 || w[at] > end - at - 2 || w[at] > nitems) return false;
     const uint32_t len = w[at];
     scratch->assign(w.begin() + at + 2, w.begin() + at + 2 + len);
+    for (uint32_t item : *scratch) {
+      if (item >= nitems) return false;
+    }
     sink->put(Pattern{len, static_cast<int32_t>(w[at + 1]), scratch->data()});
     at += 2 + len;
   }
@@ -270,7 +290,7 @@ size_t owners_of(const std::vector<uint32_t>& record) {
 }  // namespace
 
 bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
-                  PatternSink* sink, std::string* error) {
+                  uint32_t nitems, PatternSink* sink, std::string* error) {
   *error = "the parts' results do not fit the plan";
   const size_t owners = owners_of(record);
   if (owners == 0) return false;
@@ -279,7 +299,7 @@ bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::ve
   for (size_t i = 0; i + 1 < owners;) {
     if (record[i] == 0) {
       const size_t end = i + 3 + record[i + 1];
-      if (end >= owners || !replay_patterns(record, i + 1, end, sink, &scratch)) return false;
+      if (end >= owners || !replay_patterns(record, i + 1, end, nitems, sink, &scratch)) return false;
       i = end;
       continue;
     }
@@ -288,7 +308,7 @@ bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::ve
     const std::vector<uint32_t>& w = mined[record[owners + k]];
     size_t& c = cursor[record[owners + k]];
     if (w.size() - c < 2 || w[c] != k || w[c + 1] > w.size() - c - 2) return false;
-    if (!replay_patterns(w, c + 2, c + 2 + w[c + 1], sink, &scratch)) return false;
+    if (!replay_patterns(w, c + 2, c + 2 + w[c + 1], nitems, sink, &scratch)) return false;
     c += 2 + w[c + 1];
     i += 2;
   }

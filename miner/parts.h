@@ -55,8 +55,8 @@ bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::s
 // Replays a run: the record's patterns and, at each item's place, that item's
 // patterns from the mined parts (in the order of the parts written), into
 // `sink` in the order of a whole run. False, with *error set, when the parts
-// do not fit the record.
+// do not fit the record or name an item from `nitems` on.
 bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
-                  PatternSink* sink, std::string* error);
+                  uint32_t nitems, PatternSink* sink, std::string* error);
 
 #endif  // QUARLO_MINER_PARTS_H_

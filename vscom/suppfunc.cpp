@@ -161,7 +161,10 @@ std::vector<uint32_t> SupportTable::save() const {
 bool SupportTable::restore(const uint32_t* words, size_t n) {
   if (n < 3 + kCacheSize) return false;
   const size_t size = words[2];
-  if (size == 0 || n != 3 + kCacheSize + 2 * size) return false;
+  // One entry per length (one at least), as the builders make them.
+  if (size == 0 || n != 3 + kCacheSize + 2 * size || words[0] > size || size > std::max(words[0], 1u)) {
+    return false;
+  }
   nlengths_ = words[0];
   lowest_ = words[1];
   std::copy(words + 3, words + 3 + kCacheSize, shortest_);
