@@ -6,9 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-/tmp/quarlo-quest}
-quarlo=$PWD/build/release/quarlo
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build/release -j 2 --target quarlo >/dev/null
+. bench/program.sh
 mkdir -p "$dir"
 echo "| transactions | patterns | wall s | mining s | peak MiB | time / previous |"
 echo "|---:|---:|---:|---:|---:|---:|"

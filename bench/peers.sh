@@ -12,14 +12,8 @@ cd "$(dirname "$0")/.."
 peer=${1:--}
 runs=${2:-3}
 shared=../shared
-quarlo=$PWD/build/release/quarlo
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build/release -j 2 --target quarlo >/dev/null
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. bench/program.sh
 [ -x "$peer" ] || peer=""
-
-median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 # time_run DIR CMD... : wall seconds and peak KB of one run, output discarded.
 time_run() {

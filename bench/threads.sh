@@ -12,12 +12,7 @@ runs=${1:-3}
 quest=${2:-}
 quest_args=${3:--s 0.05}
 shared=../shared
-quarlo=$PWD/build/release/quarlo
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build/release -j 2 --target quarlo >/dev/null
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+. bench/program.sh
 
 # one DIR THREADS ARGS... : "mining-seconds wall-seconds peak-KB" of one run
 one() {
