@@ -821,7 +821,8 @@ class RecordReader {
     }
     const uint32_t n = word();
     record->resize(n);
-    memcpy(record->data(), take(4 * size_t{n}), 4 * size_t{n});
+    const char* words = take(4 * size_t{n});
+    if (n > 0) memcpy(record->data(), words, 4 * size_t{n});
     if (at_ != bytes_.size()) bad();
   }
 
@@ -962,7 +963,7 @@ Result merge(const std::string& record, const std::vector<std::string>& mined,
     for (size_t i = 0; i < mined.size(); ++i) {
       if (mined[i].size() % 4 != 0) fail(Error::Kind::kInvalidArgument, "not the result of a part");
       parts[i].resize(mined[i].size() / 4);
-      memcpy(parts[i].data(), mined[i].data(), mined[i].size());
+      if (!mined[i].empty()) memcpy(parts[i].data(), mined[i].data(), mined[i].size());
     }
     Collector collector;
     std::string error;
