@@ -172,12 +172,33 @@ py::list itemsets_of(const quarlo::Result& r) {
     for (uint32_t item : r.itemsets[i].items) {
       if (PySet_Add(set.ptr(), labels[item].ptr()) != 0) throw py::error_already_set();
     }
+    // A frozenset of str can never be part of a cycle: the collector need
+    // not walk millions of them (Python drops tuples of atoms the same way).
+    PyObject_GC_UnTrack(set.ptr());
     out[i] = std::move(set);
   }
   return out;
 }
 
+// Holds the cyclic garbage collector off while a result becomes millions of
+// frozensets and lists: they hold only str and int, so no cycle can form,
+// and the collections their allocations would set off cost more than
+// building them (3.2 million itemsets: 3.7 s of 5.8).
+class GcPause {
+ public:
+  GcPause() : was_enabled_(PyGC_Disable() == 1) {}
+  ~GcPause() {
+    if (was_enabled_) PyGC_Enable();
+  }
+  GcPause(const GcPause&) = delete;
+  GcPause& operator=(const GcPause&) = delete;
+
+ private:
+  bool was_enabled_;
+};
+
 py::dict columns_of(const quarlo::Result& r, bool parents) {
+  GcPause pause;
   const py::ssize_t n = static_cast<py::ssize_t>(r.itemsets.size());
   py::array_t<int64_t> count(n);
   py::array_t<int64_t> length(n);
