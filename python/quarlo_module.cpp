@@ -346,7 +346,10 @@ py::tuple plan(py::handle labels, py::handle partitions, py::handle total_labels
           options, groups, &totals);
     }
     py::list parts(p.parts.size());
-    for (size_t i = 0; i < p.parts.size(); ++i) parts[i] = py::bytes(p.parts[i]);
+    for (size_t i = 0; i < p.parts.size(); ++i) {
+      parts[i] = py::bytes(p.parts[i]);
+      std::string().swap(p.parts[i]);  // parts can be gigabytes: one copy at a time
+    }
     return py::make_tuple(py::bytes(p.record), parts, py::cast(p.work));
   } catch (const quarlo::Error& e) {
     raise_error(e);

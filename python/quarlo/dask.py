@@ -223,7 +223,7 @@ def _paths(transactions) -> list[str]:
     """The files of a path, a glob pattern or a list of paths, absolute."""
     if isinstance(transactions, (str, os.PathLike)):
         path = os.fspath(transactions)
-        if isinstance(path, bytes) or not any(c in path for c in "*?["):
+        if isinstance(path, bytes) or not any(c in path for c in "*?[") or os.path.isfile(path):
             return [os.path.abspath(path)]
         paths = sorted(glob.glob(path))
         if not paths:

@@ -133,14 +133,18 @@ def test_stats_count_what_the_phases_move(client):
     pd.testing.assert_frame_equal(frame, quarlo.mine(lines, 0.2))
 
 
-def test_empty_inputs_and_nothing_frequent_keep_the_columns(client, tmp_path):
+def test_empty_inputs_single_paths_and_nothing_frequent(client, tmp_path):
     for data, support in (([[], ["-1"]], 0.5), (tokens(GROCERIES), 26), ([["a"]] * 3 + [[]], 1.0)):
         want = quarlo.mine(data, support, parents=True)
         got = quarlo.dask.mine(client, dask_bag.from_sequence(data, npartitions=2), support, parents=True)
         pd.testing.assert_frame_equal(got, want)
     (tmp_path / "empty.txt").write_bytes(b"")
-    pd.testing.assert_frame_equal(quarlo.dask.mine(client, [tmp_path / "empty.txt", GROCERIES], 0.3),
-                                  quarlo.mine(GROCERIES, 0.3))
+    want = quarlo.mine(GROCERIES, 0.3)
+    pd.testing.assert_frame_equal(quarlo.dask.mine(client, [tmp_path / "empty.txt", GROCERIES], 0.3), want)
+    literal = tmp_path / "baskets[1].txt"  # a file whose name reads as a pattern
+    literal.write_bytes(GROCERIES.read_bytes())
+    for path in (literal, str(literal)):
+        pd.testing.assert_frame_equal(quarlo.dask.mine(client, path, 0.3), want)
 
 
 def test_errors_on_workers_reach_the_driver_as_quarlo_mine_raises_them(client, tmp_path):
