@@ -268,7 +268,8 @@ py::tuple scan(const std::string& source_kind, py::handle source) {
   }
 }
 
-quarlo::Totals totals_of(py::handle labels, const Array<uint32_t>& supports, uint32_t transactions) {
+quarlo::Totals totals_of(py::handle labels, const Array<uint32_t>& supports,
+                         uint32_t transactions) {
   const auto count = supports.unchecked<1>();
   if (static_cast<size_t>(count.shape(0)) != py::len(labels)) {
     throw py::value_error("the totals need one support per label");
@@ -341,9 +342,9 @@ py::tuple plan(py::handle labels, py::handle partitions, py::handle total_labels
     quarlo::Plan p;
     {
       py::gil_scoped_release release;
-      p = quarlo::plan(
-          quarlo::Transactions::from_codes(std::move(code_labels), std::move(codes), std::move(ends)),
-          options, groups, &totals);
+      p = quarlo::plan(quarlo::Transactions::from_codes(std::move(code_labels), std::move(codes),
+                                                        std::move(ends)),
+                       options, groups, &totals);
     }
     py::list parts(p.parts.size());
     for (size_t i = 0; i < p.parts.size(); ++i) {
