@@ -12,7 +12,7 @@ import decimal
 import numbers
 import os
 from collections.abc import Hashable, Iterable, Mapping
-from typing import Union
+from typing import NamedTuple, Union
 
 import numpy as np
 import pandas as pd
@@ -135,16 +135,32 @@ def mine(
     [['bread', 'butter'], ['bread', 'milk']]
     """
     source_kind, source = _source(transactions)
+    o = _options(support, min_len, max_len, maximal, parents, threads)
+    columns = _quarlo.mine(source_kind, source, o.support_kind, o.support, o.min_len, o.max_len,
+                           o.maximal, o.parents, o.threads)
+    return _frame(columns)
+
+
+class _Options(NamedTuple):
+    """mine()'s arguments past the transactions, checked, in the tagged forms
+    of the extension module (quarlo.dask takes the same ones)."""
+    support_kind: str
+    support: object
+    min_len: int
+    max_len: int
+    maximal: bool
+    parents: bool
+    threads: int
+
+
+def _options(support, min_len, max_len, maximal, parents, threads) -> _Options:
     support_kind, support_value = _support(support)
     min_len = _length("min_len", min_len)
     max_len = _MAX_U32 if max_len is None else _length("max_len", max_len)
     if max_len < min_len:
         raise ValueError(f"max_len ({max_len}) is below min_len ({min_len})")
-    threads = _int_at_least("threads", threads, 1)
-    columns = _quarlo.mine(
-        source_kind, source, support_kind, support_value, min_len, max_len,
-        _flag("maximal", maximal), _flag("parents", parents), threads)
-    return _frame(columns)
+    return _Options(support_kind, support_value, min_len, max_len, _flag("maximal", maximal),
+                    _flag("parents", parents), _int_at_least("threads", threads, 1))
 
 
 def _source(transactions):
