@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 runs=${1:-3}
 quest=${2:-}
 quest_args=${3:--s 0.05}
-shared=../shared
+shared=$(cd ../shared && pwd)
 . bench/program.sh
 
 # one DIR THREADS ARGS... : "mining-seconds wall-seconds peak-KB" of one run
