@@ -1,8 +1,8 @@
 #include "qr.h"
 
-#include "parallel.h"
-
 #include <cstdint>
+
+#include "parallel.h"
 
 namespace {
 

@@ -471,6 +471,31 @@ TEST_F(Cli, ProgressLineShowsOnlyOnATerminalAndIsClearedAtTheEnd) {
   EXPECT_TRUE(shown.ends_with("\r\033[K")) << shown;
 }
 
+// QUARLO_THREADS changes neither the files nor the report; a value that is
+// not a thread count is named on standard error and one thread mines.
+TEST_F(Cli, ThreadCountFromTheEnvironmentKeepsEveryByte) {
+  copy_file(example("groceries.txt"), path("g.txt"));
+  copy_file(example("groceries.supp"), path("g.supp"));
+  const Names args = {"-S", "g.supp", "-x", "g.txt"};
+  unsetenv("QUARLO_THREADS");
+  const RunResult one = run_quarlo(dir(), args);
+  ASSERT_EQ(one.status, 0);
+  const std::string fp = read_file(path("g.txt.fp"));
+  const std::string pc = read_file(path("g.txt.pc"));
+  for (const char* value : {"2", "3", "0", "two", "999"}) {
+    setenv("QUARLO_THREADS", value, 1);
+    const RunResult r = run_quarlo(dir(), args);
+    unsetenv("QUARLO_THREADS");
+    EXPECT_EQ(r.status, 0) << value;
+    EXPECT_EQ(mask_timings(r.out), mask_timings(one.out)) << value;
+    EXPECT_EQ(read_file(path("g.txt.fp")), fp) << value;
+    EXPECT_EQ(read_file(path("g.txt.pc")), pc) << value;
+    const bool counted = std::string(value) == "2" || std::string(value) == "3";
+    EXPECT_EQ(r.err, counted ? "" : "quarlo: QUARLO_THREADS=" + std::string(value) +
+                                        " is not a number from 1 to 256; mining on one thread\n");
+  }
+}
+
 // The whole report below the banner (whose second line carries the version)
 // and the files of the groceries example, against checked-in results.
 TEST(Pipeline, GroceriesRunsMatchTheCheckedInResults) {
