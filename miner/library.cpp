@@ -256,8 +256,6 @@ const char* version() { return QUARLO_VERSION; }
 
 namespace {
 
-constexpr uint32_t kItemsetBreak = 4294967295u;  // what the reserved "-1" reads as
-
 [[noreturn]] void fail(Error::Kind kind, const std::string& message) { throw Error(kind, message); }
 
 [[noreturn]] void fail_errno(const std::string& what, int err) {

@@ -17,7 +17,6 @@ namespace {
 
 const char kSrc[] = "ttoqr";
 const char kUtilSrc[] = "../vscom/util";  // an input that cannot be opened reports as util
-constexpr size_t kChunk = size_t{1} << 20;
 constexpr uint32_t kItemsetBreak = 4294967295u;
 
 uint32_t to_little_endian(uint32_t v) {
