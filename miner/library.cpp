@@ -917,7 +917,7 @@ Plan plan(const Transactions& transactions, const Options& options, uint32_t gro
   top.maximal = top.parents = false;
   try {
     Loaded in;
-    Planner planner;
+    Planner planner(groups);
     Stats stats;
     ShardItems numbering;
     Precounted pre;
@@ -933,7 +933,7 @@ Plan plan(const Transactions& transactions, const Options& options, uint32_t gro
         loader, &planner);
     Plan p;
     std::vector<uint32_t> record;
-    planner.finish(groups, &p.parts, &p.work, &record);
+    planner.finish(&p.parts, &p.work, &record);
     p.record = write_record(stats, in.label_text, record);
     return p;
   } catch (const std::bad_alloc&) {

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <numeric>
 
 namespace {
 
@@ -60,23 +59,6 @@ class WordReader {
 
 void append_words(std::string* to, const uint32_t* w, size_t n) {
   to->append(reinterpret_cast<const char*>(w), 4 * n);
-}
-
-// The items dealt to `groups` parts: the largest first, each to the part with
-// the least work so far (ties to the lowest part).
-std::vector<uint32_t> deal(const std::vector<uint64_t>& sizes, uint32_t groups,
-                           std::vector<uint64_t>* work) {
-  std::vector<size_t> order(sizes.size());
-  std::iota(order.begin(), order.end(), 0);
-  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return sizes[a] > sizes[b]; });
-  work->assign(groups, 0);
-  std::vector<uint32_t> owner(sizes.size(), 0);
-  for (size_t k : order) {
-    const uint32_t g = static_cast<uint32_t>(std::min_element(work->begin(), work->end()) - work->begin());
-    owner[k] = g;
-    (*work)[g] += sizes[k];
-  }
-  return owner;
 }
 
 // A part's engine: the run's support table and limits, and scratch of its own.
@@ -169,11 +151,17 @@ void Planner::put(const Pattern& p) {
 int Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
   TranBuf cdb;
   if (collect_top_item(e, support, chain, &cdb) != 0) return -1;
+  const size_t n = cdb.position / 4 + 1;  // the records and the end word
   try {
-    const int32_t* w = cdb.data;
-    items_.push_back(Item{item, support, std::vector<int32_t>(w, w + cdb.position / 4 + 1)});
+    const uint32_t g = static_cast<uint32_t>(std::min_element(work_.begin(), work_.end()) - work_.begin());
+    const uint32_t k = static_cast<uint32_t>(owner_.size());
+    const uint32_t words[] = {k, item, static_cast<uint32_t>(support), static_cast<uint32_t>(n)};
+    append_words(&parts_[g], words, 4);
+    append_words(&parts_[g], reinterpret_cast<const uint32_t*>(cdb.data), n);
+    work_[g] += n;
+    owner_.push_back(g);
     record_.push_back(1);
-    record_.push_back(static_cast<uint32_t>(items_.size() - 1));
+    record_.push_back(k);
   } catch (const std::bad_alloc&) {
     free_buf(&e.pool, &cdb);
     e.rep->trace_errno("malloc");
@@ -183,13 +171,22 @@ int Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode
   return 0;
 }
 
+void Planner::start_parts(const std::vector<uint32_t>& run) {
+  for (std::string& part : parts_) {
+    append_words(&part, &kPartMagic, 1);
+    append_words(&part, run.data(), run.size());
+  }
+  started_ = true;
+}
+
 int Planner::begin_item(Engine& e, uint32_t) {
-  if (!run_.empty()) return 0;
+  if (started_) return 0;
   try {
-    run_ = {e.nitems, e.min_size, e.max_size};
+    std::vector<uint32_t> run = {e.nitems, e.min_size, e.max_size};
     const std::vector<uint32_t> table = e.support.save();
-    run_.push_back(static_cast<uint32_t>(table.size()));
-    run_.insert(run_.end(), table.begin(), table.end());
+    run.push_back(static_cast<uint32_t>(table.size()));
+    run.insert(run.end(), table.begin(), table.end());
+    start_parts(run);
   } catch (const std::bad_alloc&) {
     e.rep->trace_errno("malloc");
     return -1;
@@ -197,30 +194,15 @@ int Planner::begin_item(Engine& e, uint32_t) {
   return 0;
 }
 
-void Planner::finish(uint32_t groups, std::vector<std::string>* parts, std::vector<uint64_t>* work,
+void Planner::finish(std::vector<std::string>* parts, std::vector<uint64_t>* work,
                      std::vector<uint32_t>* record) {
   free_fptree(&tree_);
-  std::vector<uint64_t> sizes;
-  for (const Item& it : items_) sizes.push_back(it.cdb.size());
-  const std::vector<uint32_t> owner = deal(sizes, groups, work);
-  if (run_.empty()) run_ = {0, 0, 0, 0};
-  parts->assign(groups, std::string());
-  for (std::string& part : *parts) {
-    append_words(&part, &kPartMagic, 1);
-    append_words(&part, run_.data(), run_.size());
-  }
-  for (size_t k = 0; k < items_.size(); ++k) {
-    const Item& it = items_[k];
-    const uint32_t words[] = {static_cast<uint32_t>(k), it.item, static_cast<uint32_t>(it.support),
-                              static_cast<uint32_t>(it.cdb.size())};
-    std::string& part = (*parts)[owner[k]];
-    append_words(&part, words, 4);
-    append_words(&part, reinterpret_cast<const uint32_t*>(it.cdb.data()), it.cdb.size());
-    std::vector<int32_t>().swap(items_[k].cdb);
-  }
+  if (!started_) start_parts({0, 0, 0, 0});
+  *parts = std::move(parts_);
+  *work = std::move(work_);
   *record = std::move(record_);
   record->push_back(2);  // the owners follow
-  record->insert(record->end(), owner.begin(), owner.end());
+  record->insert(record->end(), owner_.begin(), owner_.end());
 }
 
 bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::string* error,

@@ -15,7 +15,9 @@
 // Splits the top level of a run (set as Engine::split and as its sink).
 class Planner : public TopLevelSplit, public PatternSink {
  public:
-  Planner() = default;
+  // Deals the items into `groups` parts as they come, each to the part with
+  // the least work so far (the words of the conditional databases).
+  explicit Planner(uint32_t groups) : parts_(groups), work_(groups, 0) {}
   ~Planner() override { free_fptree(&tree_); }
 
   void take_tree(const FPTree& tree) override { tree_ = tree; }
@@ -25,24 +27,23 @@ class Planner : public TopLevelSplit, public PatternSink {
   void put(const Pattern& p) override;
   int conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) override;
 
-  // Deals the items into `groups` parts of about equal work (the size of
-  // their conditional databases) and writes them with the run's support
-  // table and limits; *record gets the run's record. Throws std::bad_alloc.
-  void finish(uint32_t groups, std::vector<std::string>* parts, std::vector<uint64_t>* work,
+  // Hands over the parts (each with the run's support table and limits),
+  // their work and the run's record. Throws std::bad_alloc.
+  void finish(std::vector<std::string>* parts, std::vector<uint64_t>* work,
               std::vector<uint32_t>* record);
 
  private:
-  struct Item {
-    uint32_t item;
-    int32_t support;
-    std::vector<int32_t> cdb;  // its records and the end word
-  };
+  // Writes the run's support table and limits at the head of every part.
+  void start_parts(const std::vector<uint32_t>& run);
+
   FPTree tree_ = {};
-  std::vector<uint32_t> run_;  // nitems, min_size, max_size, the support table's words
+  bool started_ = false;
+  std::vector<std::string> parts_;
+  std::vector<uint64_t> work_;
+  std::vector<uint32_t> owner_;  // by item index: its part
   // Entries "0 length support items" (a pattern) and "1 k" (the patterns
   // of item k), then 2 and the part of every item.
   std::vector<uint32_t> record_;
-  std::vector<Item> items_;
 };
 
 // Mines one part. Returns the words of its result (per item: its index in
