@@ -12,6 +12,7 @@
 
 #include "iopttn.h"
 #include "qr.h"
+#include "quarlo.h"
 #include "report.h"
 #include "suppfunc.h"
 #include "util.h"
@@ -56,17 +57,6 @@ long convert(const char* in, const char* out) {
   free(text);
   fclose(f);
   return fclose(g) == 0 ? static_cast<long>(top) : -1;
-}
-
-SupportSpec support_of_options() {
-  SupportSpec support;
-  if (get_supp_table_file() != nullptr) {
-    support.kind = SupportSpec::kTableFile;
-    support.table_file = get_supp_table_file();
-  } else {
-    support.percent = get_min_support();
-  }
-  return support;
 }
 
 // The patterns go to FILE.fp_conv, as in a quarlo run, without the report blocks.

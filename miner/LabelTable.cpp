@@ -342,6 +342,8 @@ unsigned LabelTable::r_convert_sections(const char* input, const char* output,
       const size_t items = items_start(line);
       ok = sections.has(len) && items != std::string_view::npos && items < line.size();
       out.assign(line.data(), ok ? items : 0);
+      // Item numbers are parsed in place rather than by read_number: this is
+      // the run's hottest loop, and the writer's numbers need no "-1" case.
       for (size_t at = items; ok && at <= line.size(); ++at) {
         uint64_t n = 0;
         const size_t first = at;

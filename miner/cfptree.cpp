@@ -393,14 +393,17 @@ void emit(Engine& e, const Pattern& q) {
   e.sink->put(q);
 }
 
-// Takes every node of the list `removed` (linked by next_link) out of its
-// parent's child list; the other children keep their order.
+// Takes node `v` out of its parent's child list; the other children keep
+// their order.
+void unlink_from_parent(FPNode* v) {
+  FPNode** at = &v->parent->first_child;
+  while (*at != v) at = &(*at)->next_sibling;
+  *at = v->next_sibling;
+}
+
+// Unlinks every node of the list `removed` (linked by next_link).
 void unlink_removed(FPNode* removed) {
-  for (FPNode* v = removed; v != nullptr; v = v->next_link) {
-    FPNode** at = &v->parent->first_child;
-    while (*at != v) at = &(*at)->next_sibling;
-    *at = v->next_sibling;
-  }
+  for (FPNode* v = removed; v != nullptr; v = v->next_link) unlink_from_parent(v);
 }
 
 // Takes `v` (behind `prev`, or the head) out of h's chain.
@@ -432,9 +435,10 @@ bool contributes(const FPNode* v, uint32_t k, uint32_t len) {
   return v->depth > 1 && static_cast<int64_t>(v->depth) + k >= static_cast<int64_t>(len);
 }
 
-// Fills `cdb` with the record of every node of h that contributes under `len`.
-int collect_conditional(Engine& e, const HeaderEntry* h, uint32_t k, uint32_t len, TranBuf* cdb) {
-  for (const FPNode* v = h->head; v != nullptr; v = v->next_link) {
+// Fills `cdb` with the record of every node of `chain` (linked by
+// next_link) that contributes under `len`.
+int collect_conditional(Engine& e, const FPNode* chain, uint32_t k, uint32_t len, TranBuf* cdb) {
+  for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
     if (contributes(v, k, len) && append_path(e, v, cdb) != 0) return -1;
   }
   return 0;
@@ -528,7 +532,7 @@ Pruned prune_and_collect(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, T
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
   if (static_cast<int64_t>(k) + 1 >= static_cast<int64_t>(len)) {
     if (cdb == nullptr) return Pruned::kCollected;
-    return collect_conditional(e, h, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
+    return collect_conditional(e, h->head, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
   }
   const uint32_t first_len = len;
   if (!first_prune_pass(e, h, k, &len, cdb, first_len)) return Pruned::kFailed;
@@ -541,7 +545,7 @@ Pruned prune_and_collect(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, T
   later_prune_passes(e, h, k, &len, floor);
   if (h->support < floor) return Pruned::kBelowFloor;
   if (cdb == nullptr) return Pruned::kCollected;
-  return collect_conditional(e, h, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
+  return collect_conditional(e, h->head, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
 }
 
 // Builds the conditional tree of pattern `q` (k + 1 items, the last being h's)
@@ -634,9 +638,6 @@ int mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) 
 
 namespace {
 
-// The top level of a run handed to e.split: the same walk, node pruning and
-// one-item patterns as gen_freqpattern at depth 1; the split collects and
-// mines each item's conditional database.
 // The nodes of every item that node pruning at the top level can remove
 // while the item's support stays at the floor or above: those shallower than
 // the shortest length of the floor. By header index, in chain order.
@@ -700,11 +701,7 @@ void finish_pass_on_chain(Engine& e, HeaderEntry* h, FPNode* from, uint32_t* len
 
 // Takes the marked nodes out of their parents' children.
 void unlink_marked(Engine& e) {
-  for (FPNode* v : e.tree.gone) {
-    FPNode** at = &v->parent->first_child;
-    while (*at != v) at = &(*at)->next_sibling;
-    *at = v->next_sibling;
-  }
+  for (FPNode* v : e.tree.gone) unlink_from_parent(v);
   e.tree.gone.clear();
 }
 
@@ -752,7 +749,7 @@ Pruned prune_listed(Engine& e, HeaderEntry* h, FPNode* const* nodes, size_t n, i
 // The longest shortest length of any support at the floor or above (the
 // lookup is not monotone over small counts with a constant table).
 uint32_t longest_length(const Engine& e, int32_t floor) {
-  const int32_t cached = 100;
+  const int32_t cached = SupportTable::kCacheSize;
   uint32_t longest = e.support.min_length_of_support(std::max(floor, cached));
   for (int32_t s = std::max(floor, 0); s < cached; ++s) {
     longest = std::max(longest, e.support.min_length_of_support(s));
@@ -760,6 +757,9 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
   return longest;
 }
 
+// The top level of a run handed to e.split: the same walk, node pruning and
+// one-item patterns as gen_freqpattern at depth 1; the split collects and
+// mines each item's conditional database.
 int split_top_level(Engine& e, FPTree* tree) {
   e.split->take_tree(*tree);
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
@@ -797,12 +797,9 @@ int collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* c
     e.rep->tracef("%s(%d) : init_buf\n", kSrc, 684);
     return -1;
   }
-  const uint32_t len = e.support.min_length_of_support(support);
-  for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
-    if (contributes(v, 0, len) && append_path(e, v, cdb) != 0) {
-      free_buf(&e.pool, cdb);
-      return -1;
-    }
+  if (collect_conditional(e, chain, 0, e.support.min_length_of_support(support), cdb) != 0) {
+    free_buf(&e.pool, cdb);
+    return -1;
   }
   return 0;
 }

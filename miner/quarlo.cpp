@@ -254,17 +254,6 @@ class ReportingClient : public EngineClient {
   bool measured_ = false;
 };
 
-SupportSpec support_of_options() {
-  SupportSpec spec;
-  if (get_supp_table_file() != nullptr) {
-    spec.kind = SupportSpec::kTableFile;
-    spec.table_file = get_supp_table_file();
-  } else {
-    spec.percent = get_min_support();
-  }
-  return spec;
-}
-
 void print_solution_block(uint32_t npatterns) {
   log_printf("Solution -----------------------------------------------------------------------");
   log_printf("  Frequent Pattern File:                        %s", get_fp_file());
@@ -439,6 +428,17 @@ int run_stages(LabelTable* labels) {
 }
 
 }  // namespace
+
+SupportSpec support_of_options() {
+  SupportSpec spec;
+  if (get_supp_table_file() != nullptr) {
+    spec.kind = SupportSpec::kTableFile;
+    spec.table_file = get_supp_table_file();
+  } else {
+    spec.percent = get_min_support();
+  }
+  return spec;
+}
 
 int run_pipeline() {
   if (log_open("quarlo.log") != 0) return kStatusLog;

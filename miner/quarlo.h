@@ -4,6 +4,8 @@
 #ifndef QUARLO_MINER_QUARLO_H_
 #define QUARLO_MINER_QUARLO_H_
 
+#include "qr.h"
+
 // Exit statuses of a run.
 enum RunStatus {
   kStatusOk = 0,
@@ -14,6 +16,9 @@ enum RunStatus {
   kStatusLattice = 16,    // the parent-children list could not be generated
   kStatusTidList = 32,    // -t was given
 };
+
+// The minimum support the parsed options give (-S file or -s percentage).
+SupportSpec support_of_options();
 
 // Runs the whole job after parse(); returns the exit status.
 int run_pipeline();

@@ -44,7 +44,10 @@ class SupportTable {
   // length len or shorter with a lower support is ever frequent.
   uint32_t bound_of_length(uint32_t len) const { return bound_[len - 1]; }
 
-  // Shortest length whose minimum support is at most `support` (cached below 100).
+  // Supports below this have their shortest length cached.
+  static constexpr int32_t kCacheSize = 100;
+
+  // Shortest length whose minimum support is at most `support` (cached below kCacheSize).
   uint32_t min_length_of_support(int32_t support) const {
     if (support >= 0 && support < kCacheSize) return shortest_[support];
     return search_length(support);
@@ -61,8 +64,6 @@ class SupportTable {
   bool restore(const uint32_t* words, size_t n);
 
  private:
-  static constexpr int32_t kCacheSize = 100;
-
   uint32_t search_length(int32_t support) const;
   void block_short_lengths(uint32_t ntrans, uint32_t min_size);
   void make_bound();
