@@ -10,7 +10,7 @@ RUN="$PWD/$BUILD/engine_run"
 build_driver() {
   cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null
   cmake --build "$BUILD" -j 2 --target quarlo_lib quarlo_cli quarlo >/dev/null
-  g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Ivscom -Iminer bench/engine_run.cpp \
+  g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Isrc -I. bench/engine_run.cpp \
     "$BUILD/libquarlo_cli.a" "$BUILD/libquarlo.a" -lpthread -o "$BUILD/engine_run"
   mkdir -p "$WORK"
   for f in chess mushroom retail T10I4D100K; do

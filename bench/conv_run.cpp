@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <string>
 
-#include "LabelTable.h"
-#include "report.h"
-#include "ttoqr.h"
-#include "util.h"
+#include "convert/label_table.h"
+#include "base/report.h"
+#include "convert/records.h"
+#include "base/io.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {

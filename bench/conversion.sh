@@ -12,7 +12,7 @@ trap 'rm -rf "$tmp"' EXIT
 
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build/release --target quarlo_lib quarlo_cli quarlo -j 2 >/dev/null
-g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Ivscom -Iminer bench/conv_run.cpp \
+g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Isrc -I. bench/conv_run.cpp \
   build/release/libquarlo_cli.a build/release/libquarlo.a -lpthread -o "$tmp/conv_run"
 
 cp "$shared/data/retail.dat" "$tmp/retail.dat"

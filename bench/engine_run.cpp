@@ -10,13 +10,13 @@
 #include <set>
 #include <vector>
 
-#include "iopttn.h"
-#include "qr.h"
-#include "quarlo.h"
-#include "report.h"
-#include "suppfunc.h"
-#include "util.h"
-#include "vscmdl.h"
+#include "engine/pattern_sink.h"
+#include "engine/engine.h"
+#include "cli/driver.h"
+#include "base/report.h"
+#include "support/support_table.h"
+#include "base/io.h"
+#include "cli/options.h"
 
 namespace {
 

@@ -18,7 +18,7 @@ build=build/bench-post
 data=../shared/data
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j 2 --target quarlo_lib quarlo_cli quarlo >/dev/null
-g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Ivscom -Iminer bench/lattice_bench.cpp \
+g++ -std=c++20 -O2 -Wall -Wextra -Iinclude -Isrc -I. bench/lattice_bench.cpp \
   "$build/libquarlo_cli.a" "$build/libquarlo.a" -lpthread -o "$build/lattice_bench"
 bin=$PWD/$build/quarlo
 driver=$PWD/$build/lattice_bench

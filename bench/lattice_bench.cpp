@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "lattice.h"
-#include "maxpat.h"
-#include "report.h"
+#include "post/parents.h"
+#include "cli/maximal_file.h"
+#include "base/report.h"
 
 namespace {
 

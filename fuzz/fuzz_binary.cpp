@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "fuzz_files.h"
-#include "qrdb.h"
-#include "report.h"
+#include "engine/transaction_store.h"
+#include "base/report.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const Scratch file("db.qr");

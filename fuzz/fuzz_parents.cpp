@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "fuzz_files.h"
-#include "maxpat.h"
-#include "report.h"
-#include "sequence.h"
+#include "cli/maximal_file.h"
+#include "base/report.h"
+#include "post/pattern_records.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "fuzz_files.h"
-#include "iopttn.h"
-#include "lattice.h"
-#include "report.h"
-#include "sequence.h"
+#include "engine/pattern_sink.h"
+#include "post/parents.h"
+#include "base/report.h"
+#include "post/pattern_records.h"
 
 namespace {
 

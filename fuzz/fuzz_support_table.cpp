@@ -3,8 +3,8 @@
 #include <cstdint>
 
 #include "fuzz_files.h"
-#include "report.h"
-#include "suppfunc.h"
+#include "base/report.h"
+#include "support/support_table.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <string_view>
 #include <vector>
 
-#include "LabelTable.h"
+#include "convert/label_table.h"
 #include "fuzz_files.h"
 #include "quarlo/quarlo.h"
-#include "sequence.h"
-#include "ttoqr.h"
+#include "post/pattern_records.h"
+#include "convert/records.h"
 
 namespace {
 

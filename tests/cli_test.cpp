@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "support/harness.h"
-#include "vscmdl.h"
+#include "cli/options.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "quarlo/quarlo.h"
-#include "suppfunc.h"
+#include "support/support_table.h"
 #include "support/harness.h"
 
 namespace {

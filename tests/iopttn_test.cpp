@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "iopttn.h"
-#include "quarlo.h"
+#include "engine/pattern_sink.h"
+#include "cli/driver.h"
 #include "support/harness.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The length-decreasing support table: percentages to counts, the table file
 // reader, the minimum output size, and the inverse lookup from a count to the
 // shortest length (cached below 100, searched from 100 on).
-#include "suppfunc.h"
+#include "support/support_table.h"
 
 #include <cstdint>
 #include <string>

@@ -1,7 +1,7 @@
 // The converted text file to the binary transaction file: records, the item
 // count, pieces of an over-long last line, and the failures that a whole run
 // cannot provoke. Large inputs are checked through the library against the program.
-#include "ttoqr.h"
+#include "convert/records.h"
 
 #include <string>
 #include <vector>

@@ -1,0 +1,159 @@
+#include "base/io.h"
+
+#include <fcntl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+char* name_join(const char* base, const char* suffix) {
+  if (base == nullptr || suffix == nullptr || base[0] == '\0' || suffix[0] == '\0') return nullptr;
+  size_t nb = strlen(base);
+  size_t ns = strlen(suffix);
+  char* out = static_cast<char*>(malloc(nb + ns + 3));
+  if (out == nullptr) return nullptr;
+  memcpy(out, base, nb);
+  out[nb] = '.';
+  memcpy(out + nb + 1, suffix, ns + 1);
+  return out;
+}
+
+int create_fresh(const char* name, unsigned mode) {
+  if (unlink(name) != 0 && errno != ENOENT) return -1;
+  return open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, static_cast<mode_t>(mode));
+}
+
+double wall_seconds() {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1000000.0;
+}
+
+namespace {
+constexpr size_t kReadChunk = size_t{1} << 20;  // first size of a line reader's buffer
+}  // namespace
+
+LineReader::LineReader(int fd) : fd_(fd), buf_(new char[kReadChunk]), cap_(kReadChunk) {}
+
+bool LineReader::next(std::string_view* line, bool* terminated) {
+  for (;;) {
+    const char* base = buf_.get();
+    const void* nl = memchr(base + scan_, '\n', end_ - scan_);
+    if (nl != nullptr) {
+      const size_t pos = static_cast<const char*>(nl) - base;
+      *line = std::string_view(base + begin_, pos - begin_);
+      if (terminated != nullptr) *terminated = true;
+      begin_ = scan_ = pos + 1;
+      return true;
+    }
+    scan_ = end_;
+    if (eof_) {
+      if (begin_ == end_) return false;
+      *line = std::string_view(base + begin_, end_ - begin_);
+      if (terminated != nullptr) *terminated = false;
+      begin_ = scan_ = end_;
+      return true;
+    }
+    fill();
+  }
+}
+
+// Moves the unread bytes to the front (growing the buffer when they fill it)
+// and reads more after them.
+void LineReader::fill() {
+  if (begin_ > 0) {
+    memmove(buf_.get(), buf_.get() + begin_, end_ - begin_);
+    end_ -= begin_;
+    scan_ -= begin_;
+    begin_ = 0;
+  }
+  if (end_ == cap_) {
+    std::unique_ptr<char[]> bigger(new char[2 * cap_]);
+    memcpy(bigger.get(), buf_.get(), end_);
+    buf_ = std::move(bigger);
+    cap_ *= 2;
+  }
+  ssize_t n;
+  do {
+    n = read(fd_, buf_.get() + end_, cap_ - end_);
+  } while (n < 0 && errno == EINTR);
+  if (n <= 0) {
+    eof_ = true;
+  } else {
+    end_ += static_cast<size_t>(n);
+  }
+}
+
+OutBuffer::OutBuffer(int fd, size_t size) : size_(size), fd_(fd), buf_(new char[size]) {}
+
+// Fills the buffer, flushes, and goes on until the bytes are all taken.
+void OutBuffer::put_spanning(const void* bytes, size_t n) {
+  const char* p = static_cast<const char*>(bytes);
+  while (n > 0) {
+    if (used_ == size_) flush();
+    const size_t k = std::min(n, size_ - used_);
+    memcpy(buf_.get() + used_, p, k);
+    used_ += k;
+    p += k;
+    n -= k;
+  }
+}
+
+namespace {
+
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+unsigned decimal_digits(uint32_t v) {
+  unsigned n = 1;
+  for (uint32_t bound = 10; n < 10 && v >= bound; bound *= 10) ++n;
+  return n;
+}
+
+}  // namespace
+
+char* put_decimal(char* out, uint32_t v) {
+  char* const end = out + decimal_digits(v);
+  char* p = end;
+  while (v >= 100) {
+    const uint32_t pair = 2 * (v % 100);
+    v /= 100;
+    *--p = kDigitPairs[pair + 1];
+    *--p = kDigitPairs[pair];
+  }
+  if (v >= 10) {
+    *--p = kDigitPairs[2 * v + 1];
+    *--p = kDigitPairs[2 * v];
+  } else {
+    *--p = static_cast<char>('0' + v);
+  }
+  return end;
+}
+
+void OutBuffer::put_decimal(uint32_t v) {
+  if (size_ - used_ < 10) flush();
+  used_ = static_cast<size_t>(::put_decimal(buf_.get() + used_, v) - buf_.get());
+}
+
+int OutBuffer::flush() {
+  size_t done = 0;
+  while (!failed_ && done < used_) {
+    ssize_t n = write(fd_, buf_.get() + done, used_ - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      failed_ = true;
+      error_ = n < 0 ? errno : EIO;
+    } else {
+      done += static_cast<size_t>(n);
+    }
+  }
+  used_ = 0;
+  if (!failed_) return 0;
+  errno = error_;
+  return -1;
+}

@@ -1,0 +1,105 @@
+// Entry of the mining engine and the run context: an Engine holds every table
+// of one mining run (support table, transaction pool, item table, pruning
+// tables, tree scratch, counters) and the sink the patterns go to. Two
+// engines share nothing, so runs can follow each other or go side by side.
+#ifndef QUARLO_ENGINE_ENGINE_H_
+#define QUARLO_ENGINE_ENGINE_H_
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "engine/fp_tree.h"
+#include "engine/pattern_sink.h"
+#include "engine/prune_tables.h"
+#include "engine/frequent_items.h"
+#include "engine/transaction_store.h"
+#include "base/report.h"
+#include "support/support_table.h"
+
+// Told how far the walk over the top-level items has come.
+class ProgressHook {
+ public:
+  virtual ~ProgressHook() = default;
+  virtual void top_items(uint32_t done, uint32_t total) = 0;
+};
+
+struct Engine {
+  explicit Engine(Reporter* r) : rep(r) { pool.rep = r; }
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  Reporter* rep;
+  SupportTable support;
+  TranPool pool;
+  InputStats stats;
+  ItemTable items;
+  PruneTables prune;
+  TreeScratch tree;
+  MiningCounters counters = {};
+  PatternSink* sink = nullptr;
+  uint32_t nitems = 0;                // one more than the largest item number
+  uint32_t min_size = 1;              // shortest pattern handed to the sink
+  uint32_t max_size = 0xffffffffu;    // longest pattern handed to the sink
+  uint32_t threads = 1;               // threads mining below the top level
+  // In a restricted run, the items (by number) whose patterns the run
+  // produces: those whose least frequent item is marked. Null: every item.
+  const std::vector<char>* wanted = nullptr;
+  // When set, takes the top items' conditional databases instead of the
+  // recursion (mining on several threads, or a plan of parts).
+  TopLevelSplit* split = nullptr;
+  ProgressHook* progress = nullptr;   // null: nobody watches
+  bool top_single_path = false;       // enumerating the single path of the whole tree
+  bool node_block_failed = false;     // a tree node block could not be allocated
+};
+
+// The minimum support of a run as it was given.
+struct SupportSpec {
+  enum Kind { kPercent, kCount, kTableFile, kPercentPairs, kCountPairs };
+  Kind kind = kPercent;
+  double percent = 0.0;          // kPercent
+  uint32_t count = 1;            // kCount
+  const char* table_file = nullptr;                      // kTableFile
+  std::vector<std::pair<long, double>> percent_pairs;    // kPercentPairs
+  LengthCounts count_pairs;                              // kCountPairs
+};
+
+// Supports counted outside the database: the number of transactions and each
+// item's support, both over the whole data a restricted run is part of.
+struct Precounted {
+  uint32_t ntrans = 0;
+  const uint32_t* supports = nullptr;  // e.nitems entries
+};
+
+// What the engine asks of its caller while it runs.
+class EngineClient {
+ public:
+  virtual ~EngineClient() = default;
+  // The input is counted and the support table built; nothing is mined yet.
+  virtual void counted(const Engine& e, uint32_t ntrans) = 0;
+  // The sink for the patterns, opened once there is something to mine; null
+  // after a report when it cannot be opened.
+  virtual PatternSink* open_sink(Engine* e, uint32_t ntrans) = 0;
+  // What the sink writes to, for reports.
+  virtual const char* sink_name() const = 0;
+  // Ends the sink after mining; `complete` is false when mining failed and
+  // what was handed over is to be dropped. Returns false after a report.
+  virtual bool close_sink(Engine* e, bool complete) = 0;
+};
+
+// Builds e's support table for `ntrans` transactions of e->nitems items and
+// e->min_size. Returns 0, or 1 after a report.
+int build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans);
+
+// Mines the records of `db` (made by init_buf on e.pool; released here) under
+// `spec`. With `pre` the counts come from it instead of from `db`. Returns 0,
+// or 1 after a "Fatal error in ...()" (or open/close) report.
+int mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
+                  EngineClient* client);
+
+// Loads the binary transaction file `qr_file` and mines it as mine_database
+// does. Returns 0, or 1 after a report.
+int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
+                           EngineClient* client);
+
+#endif  // QUARLO_ENGINE_ENGINE_H_

@@ -1,0 +1,302 @@
+#include "engine/parts.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr uint32_t kPartMagic = 0x31505251;  // "QRP1"
+constexpr uint32_t kMostItems = 1u << 28;     // more distinct items than any part holds
+
+// Appends the words of a pattern: length, support, items.
+void put_pattern(std::vector<uint32_t>* to, const Pattern& p) {
+  to->push_back(p.length);
+  to->push_back(static_cast<uint32_t>(p.support));
+  to->insert(to->end(), p.items, p.items + p.length);
+}
+
+class WordSink : public PatternSink {
+ public:
+  void put(const Pattern& p) override { put_pattern(to, p); }
+  std::vector<uint32_t>* to = nullptr;
+};
+
+// Reads words from a byte string, checking every length against what is left.
+class WordReader {
+ public:
+  explicit WordReader(const std::string& bytes)
+      : at_(reinterpret_cast<const unsigned char*>(bytes.data())), left_(bytes.size() / 4),
+        ok_(bytes.size() % 4 == 0) {}
+  bool ok() const { return ok_; }
+  size_t left() const { return left_; }
+  uint32_t next() {
+    if (left_ == 0) {
+      ok_ = false;
+      return 0;
+    }
+    uint32_t w;
+    memcpy(&w, at_, 4);
+    at_ += 4;
+    --left_;
+    return w;
+  }
+  // n words into `to`, or false.
+  bool take(size_t n, void* to) {
+    if (!ok_ || n > left_) return ok_ = false;
+    if (n > 0) memcpy(to, at_, 4 * n);
+    at_ += 4 * n;
+    left_ -= n;
+    return true;
+  }
+
+ private:
+  const unsigned char* at_;
+  size_t left_;
+  bool ok_;
+};
+
+void append_words(std::string* to, const uint32_t* w, size_t n) {
+  to->append(reinterpret_cast<const char*>(w), 4 * n);
+}
+
+// A part's engine: the run's support table and limits, and scratch of its own.
+bool prepare_engine(WordReader* in, Engine* e) {
+  e->nitems = in->next();
+  e->min_size = in->next();
+  e->max_size = in->next();
+  const uint32_t n = in->next();
+  if (in->ok() && n == 0 && e->nitems == 0) return in->left() == 0;  // a run with nothing below its top
+  if (!in->ok() || e->nitems > kMostItems) return false;
+  std::vector<uint32_t> table(in->ok() && n <= in->left() ? n : 0);
+  if (!in->take(n, table.data()) || !e->support.restore(table.data(), n) ||
+      e->support.lengths() != e->nitems) {
+    return false;
+  }
+  if (init_buf_pool(&e->pool, e->nitems) != 0 || alloc_avetbl(&e->prune, e->nitems, 0, e->rep) != 0) {
+    throw std::bad_alloc();
+  }
+  e->tree.items.assign(static_cast<size_t>(e->nitems) + 1, 0);
+  e->tree.path.assign(static_cast<size_t>(e->nitems) + 1, 0);
+  return true;
+}
+
+// True when `w` holds n words of records ("n items" or "-weight n items",
+// n > 0, distinct items below nitems, weights adding up to at most the
+// item's support) ending with the end word. `seen` has
+// nitems entries, all 0, and is left so.
+bool well_formed(const int32_t* w, uint32_t n, uint32_t nitems, int32_t support,
+                 std::vector<char>* seen) {
+  size_t i = 0;
+  bool ok = support > 0;
+  int64_t weight = 0;  // the records are some of the item's nodes: their counts add up to at most its support
+  while (ok && i < n && w[i] != 0) {
+    size_t count = static_cast<uint32_t>(w[i]);
+    size_t first = i + 1;
+    weight += w[i] < 0 ? -static_cast<int64_t>(w[i]) : 1;
+    if (weight > support) return false;
+    if (w[i] < 0) {
+      if (i + 1 >= n || w[i + 1] <= 0) return false;
+      count = static_cast<uint32_t>(w[i + 1]);
+      first = i + 2;
+    }
+    if (count > n - first || count > nitems) return false;
+    size_t k = first;
+    for (; ok && k < first + count; ++k) {
+      ok = w[k] >= 0 && static_cast<uint32_t>(w[k]) < nitems && !(*seen)[w[k]];
+      if (ok) (*seen)[w[k]] = 1;
+    }
+    for (size_t j = first; j < k; ++j) {
+      if (w[j] >= 0 && static_cast<uint32_t>(w[j]) < nitems) (*seen)[w[j]] = 0;
+    }
+    i = first + count;
+  }
+  return ok && i == n - 1;
+}
+
+// Mines the next item of a part into `out`. False when the part is cut short
+// or holds an item outside the run; *failed when mining failed.
+bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, bool* failed) {
+  const uint32_t index = in->next();
+  const uint32_t item = in->next();
+  const int32_t support = static_cast<int32_t>(in->next());
+  const uint32_t n = in->next();
+  if (!in->ok() || item >= e->nitems || n == 0 || n > in->left()) return false;
+  TranBuf cdb = {4 * n, 0, static_cast<int32_t*>(malloc(4 * size_t{n}))};
+  if (cdb.data == nullptr) throw std::bad_alloc();
+  in->take(n, cdb.data);
+  std::vector<char>& seen = e->tree.seen;
+  if (seen.size() < e->nitems) seen.assign(e->nitems, 0);
+  if (!well_formed(cdb.data, n, e->nitems, support, &seen)) {
+    free(cdb.data);
+    return false;
+  }
+  std::vector<uint32_t>& out = *sink->to;
+  out.push_back(index);
+  const size_t count_at = out.size();
+  out.push_back(0);
+  *failed = mine_top_database(*e, item, support, &cdb) != 0;
+  out[count_at] = static_cast<uint32_t>(out.size() - count_at - 1);
+  return true;
+}
+
+}  // namespace
+
+void Planner::put(const Pattern& p) {
+  record_.push_back(0);
+  put_pattern(&record_, p);
+}
+
+int Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+  TranBuf cdb;
+  if (collect_top_item(e, support, chain, &cdb) != 0) return -1;
+  const size_t n = cdb.position / 4 + 1;  // the records and the end word
+  try {
+    const uint32_t g = static_cast<uint32_t>(std::min_element(work_.begin(), work_.end()) - work_.begin());
+    const uint32_t k = static_cast<uint32_t>(owner_.size());
+    const uint32_t words[] = {k, item, static_cast<uint32_t>(support), static_cast<uint32_t>(n)};
+    append_words(&parts_[g], words, 4);
+    append_words(&parts_[g], reinterpret_cast<const uint32_t*>(cdb.data), n);
+    work_[g] += n;
+    owner_.push_back(g);
+    record_.push_back(1);
+    record_.push_back(k);
+  } catch (const std::bad_alloc&) {
+    free_buf(&e.pool, &cdb);
+    e.rep->trace_errno("malloc");
+    return -1;
+  }
+  free_buf(&e.pool, &cdb);
+  return 0;
+}
+
+void Planner::start_parts(const std::vector<uint32_t>& run) {
+  for (std::string& part : parts_) {
+    append_words(&part, &kPartMagic, 1);
+    append_words(&part, run.data(), run.size());
+  }
+  started_ = true;
+}
+
+int Planner::begin_item(Engine& e, uint32_t) {
+  if (started_) return 0;
+  try {
+    std::vector<uint32_t> run = {e.nitems, e.min_size, e.max_size};
+    const std::vector<uint32_t> table = e.support.save();
+    run.push_back(static_cast<uint32_t>(table.size()));
+    run.insert(run.end(), table.begin(), table.end());
+    start_parts(run);
+  } catch (const std::bad_alloc&) {
+    e.rep->trace_errno("malloc");
+    return -1;
+  }
+  return 0;
+}
+
+void Planner::finish(std::vector<std::string>* parts, std::vector<uint64_t>* work,
+                     std::vector<uint32_t>* record) {
+  free_fptree(&tree_);
+  if (!started_) start_parts({0, 0, 0, 0});
+  *parts = std::move(parts_);
+  *work = std::move(work_);
+  *record = std::move(record_);
+  record->push_back(2);  // the owners follow
+  record->insert(record->end(), owner_.begin(), owner_.end());
+}
+
+bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::string* error,
+                     bool* out_of_memory) {
+  *out_of_memory = false;
+  WordReader in(part);
+  CollectingReporter rep;
+  Engine e(&rep);
+  WordSink sink;
+  sink.to = out;
+  e.sink = &sink;
+  try {
+    if (in.next() != kPartMagic || !prepare_engine(&in, &e)) {
+      *error = "not a part of a planned run";
+      return false;
+    }
+    while (in.ok() && in.left() > 0) {
+      bool failed = false;
+      if (!mine_next_item(&in, &e, &sink, &failed)) {
+        *error = "a part cut short or not of this run";
+        return false;
+      }
+      if (failed) {
+        *out_of_memory = e.node_block_failed || rep.summary().find("alloc") != std::string::npos;
+        *error = "mining a part failed: " + rep.summary();
+        return false;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    *out_of_memory = true;
+    *error = "out of memory while mining a part";
+    return false;
+  }
+  return true;
+}
+
+namespace {
+
+// Hands the patterns in words [at, end) (length, support, items) to `sink`;
+// false when one runs past the end.
+bool replay_patterns(const std::vector<uint32_t>& w, size_t at, size_t end, uint32_t nitems,
+                     PatternSink* sink, std::vector<uint32_t>* scratch) {
+  while (at < end) {
+    if (end - at < 2 || w[at] == 0 || w[at] > end - at - 2 || w[at] > nitems) return false;
+    const uint32_t len = w[at];
+    scratch->assign(w.begin() + at + 2, w.begin() + at + 2 + len);
+    for (uint32_t item : *scratch) {
+      if (item >= nitems) return false;
+    }
+    sink->put(Pattern{len, static_cast<int32_t>(w[at + 1]), scratch->data()});
+    at += 2 + len;
+  }
+  return true;
+}
+
+// Where the owners start in a record (one past the end marker), or 0.
+size_t owners_of(const std::vector<uint32_t>& record) {
+  for (size_t i = 0; i < record.size();) {
+    if (record[i] == 2) return i + 1;
+    const size_t step = record[i] == 0 && i + 1 < record.size() ? 3 + size_t{record[i + 1]} : 2;
+    if (record[i] > 2) return 0;
+    i += step;
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
+                  uint32_t nitems, PatternSink* sink, std::string* error) {
+  *error = "the parts' results do not fit the plan";
+  const size_t owners = owners_of(record);
+  if (owners == 0) return false;
+  std::vector<size_t> cursor(mined.size(), 0);
+  std::vector<uint32_t> scratch;
+  for (size_t i = 0; i + 1 < owners;) {
+    if (record[i] == 0) {
+      const size_t end = i + 3 + record[i + 1];
+      if (end >= owners || !replay_patterns(record, i + 1, end, nitems, sink, &scratch)) return false;
+      i = end;
+      continue;
+    }
+    const uint32_t k = record[i + 1];
+    if (owners + k >= record.size() || record[owners + k] >= mined.size()) return false;
+    const std::vector<uint32_t>& w = mined[record[owners + k]];
+    size_t& c = cursor[record[owners + k]];
+    if (w.size() - c < 2 || w[c] != k || w[c + 1] > w.size() - c - 2) return false;
+    if (!replay_patterns(w, c + 2, c + 2 + w[c + 1], nitems, sink, &scratch)) return false;
+    c += 2 + w[c + 1];
+    i += 2;
+  }
+  for (size_t p = 0; p < mined.size(); ++p) {
+    if (cursor[p] != mined[p].size()) return false;
+  }
+  error->clear();
+  return true;
+}

@@ -1,0 +1,81 @@
+// Transaction store of the mining engine: growable buffers of encoded records
+// (plain "n items", weighted "-w n items", end word 0), the readers that unpack
+// one record into the run's current transaction, and two reusable 1 MiB
+// blocks. A TranPool holds one run's blocks, current transaction and reporter.
+#ifndef QUARLO_ENGINE_TRANSACTION_STORE_H_
+#define QUARLO_ENGINE_TRANSACTION_STORE_H_
+
+#include <cstdint>
+
+#include "base/report.h"
+
+// Size of a pool block, of a buffer's first block and of every growth step.
+constexpr uint32_t kTranBlockBytes = 1048576;
+
+// A database of encoded records followed by one end word 0.
+struct TranBuf {
+  uint32_t capacity;  // bytes allocated for data
+  uint32_t position;  // byte offset: write end while appending, read cursor while reading
+  int32_t* data;
+};
+
+// One item of the current transaction; `aux` is scratch for the tree builder.
+struct TranSlot {
+  uint32_t item;
+  uint32_t aux;
+};
+
+// The unpacked current transaction: n items in slot[0 .. n-1].
+struct CurTran {
+  int32_t n;
+  TranSlot* slot;  // room for as many items as there are distinct items
+};
+
+// The two reusable blocks of a run, whether each is lent to a buffer, and the
+// current transaction every reader unpacks into. Frees all of it on destruction.
+struct TranPool {
+  TranPool() = default;
+  TranPool(const TranPool&) = delete;
+  TranPool& operator=(const TranPool&) = delete;
+  ~TranPool();
+
+  int32_t* block[2] = {nullptr, nullptr};
+  bool used[2] = {false, false};
+  CurTran cur = {0, nullptr};
+  Reporter* rep = nullptr;  // where allocation failures are traced
+};
+
+// Allocates the two pool blocks (once) and the current transaction for
+// `nitems` items. Returns 0, or -1 after a trace.
+int init_buf_pool(TranPool* pool, uint32_t nitems);
+
+// Gives `buf` a free pool block, or a new 1 MiB block when both are lent out.
+// Afterwards capacity is 1048576, position 0 and the first word 0.
+// Returns 0, or -1 after a trace.
+int init_buf(TranPool* pool, TranBuf* buf);
+
+// Returns a pool block to the pool, or releases a block that is not the pool's.
+void free_buf(TranPool* pool, TranBuf* buf);
+
+// Reads the binary transaction file at `path` whole into `buf` (made by
+// init_buf) and terminates it with the end word. Returns 0, or -1 after a trace.
+int load_trandb(TranPool* pool, const char* path, TranBuf* buf);
+
+// Appends one record of `n` items with weight `w` at the write end (nothing
+// for w == 0) and keeps the buffer terminated. Returns 0, or -1 after a trace
+// when the buffer cannot grow.
+int insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items, uint32_t n,
+                          uint32_t w);
+
+// Unpacks the record at the read cursor into the current transaction, points
+// *tran at it and moves the cursor past it. Returns the weight, or 0 at the
+// end word (cursor unchanged).
+int32_t read_tran(TranPool* pool, TranBuf* buf, CurTran** tran);
+
+// As read_tran for the record at byte `offset`; the cursor is not moved.
+int32_t read_tran_at(TranPool* pool, const TranBuf* buf, CurTran** tran, uint32_t offset);
+
+// Rewinds `buf` and returns the sum of the weights of all its records.
+uint32_t count_tran(TranPool* pool, TranBuf* buf);
+
+#endif  // QUARLO_ENGINE_TRANSACTION_STORE_H_

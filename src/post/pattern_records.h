@@ -1,0 +1,83 @@
+// Pattern records read back from a text line of item numbers: a Sequence is a
+// list of itemsets plus the leading text fields of its line; a SequenceSet
+// groups records by length. No process-wide state.
+#ifndef QUARLO_POST_PATTERN_RECORDS_H_
+#define QUARLO_POST_PATTERN_RECORDS_H_
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// True for the six white-space bytes of the C locale: blank, \t, \n, \v, \f, \r.
+inline bool is_white_space(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Cuts the next white-space-separated token from the front of *rest; an empty
+// view when none is left.
+inline std::string_view next_token(std::string_view* rest) {
+  const char* p = rest->data();
+  const char* const end = p + rest->size();
+  while (p < end && is_white_space(*p)) ++p;
+  const char* const start = p;
+  while (p < end && !is_white_space(*p)) ++p;
+  *rest = std::string_view(p, static_cast<size_t>(end - p));
+  return std::string_view(start, static_cast<size_t>(p - start));
+}
+
+// Reads `token` as an unsigned 32-bit decimal: one or more digits whose value
+// fits in 32 bits, or exactly "-1", which reads as 4294967295. Writes the value
+// and returns true; returns false for any other token.
+bool read_number(std::string_view token, uint32_t* value);
+
+// Items in ascending order without duplicates (kept so by add_item).
+using Itemset = std::vector<uint32_t>;
+
+// Appends `item`, then restores ascending order without duplicates.
+void add_item(Itemset* set, uint32_t item);
+
+class Sequence {
+ public:
+  std::vector<Itemset> itemsets;    // in the order read
+  std::vector<std::string> fields;  // leading non-item tokens, as text
+};
+
+// Parses one line: `h` leading text fields (empty when missing), then numbers
+// read with read_number up to the first token that is not one; 4294967295
+// ("-1") makes the next item open a new itemset and is not stored.
+Sequence parse_sequence(std::string_view line, uint32_t h);
+
+// Total number of items over all itemsets.
+uint32_t length(const Sequence& s);
+
+// New heap copy of s without the item at position t (over all items, from 0);
+// fields are not copied. Caller deletes it. Null when memory is short.
+Sequence* without_item(const Sequence& s, uint32_t t);
+
+// True when b is contained in a, itemset by itemset.
+bool contains(const Sequence& a, const Sequence& b);
+
+// Same itemsets, in the same order.
+bool equals(const Sequence& a, const Sequence& b);
+
+class SequenceSet {
+ public:
+  // Appends a copy to the group of its length; raises max_length.
+  void insert(const Sequence& s);
+  // The n-th record of length len, or null.
+  const Sequence* at(uint32_t len, uint32_t n) const;
+  // Linear scan of the group of s's length for a record equal to s.
+  bool find_index(const Sequence& s, uint32_t* index) const;
+  uint32_t max_length() const { return max_length_; }
+  // Reads every line of the file descriptor `fd` (a last line without
+  // newline included) with h fields.
+  void load(int fd, uint32_t h);
+
+ private:
+  std::map<uint32_t, std::vector<Sequence>> groups_;
+  uint32_t max_length_ = 0;
+};
+
+#endif  // QUARLO_POST_PATTERN_RECORDS_H_
