@@ -11,6 +11,8 @@
 #include "convert/records.h"
 #include "base/io.h"
 
+using namespace quarlo::detail;
+
 int main(int argc, char** argv) {
   if (argc != 2) {
     fprintf(stderr, "usage: conv_run FILE\n");

@@ -18,6 +18,9 @@
 #include "base/io.h"
 #include "cli/options.h"
 
+using namespace quarlo::detail;
+using namespace quarlo::cli;
+
 namespace {
 
 // Converts a text file of numbers into the binary transaction file: per line

@@ -21,6 +21,9 @@
 #include "cli/maximal_file.h"
 #include "base/report.h"
 
+using namespace quarlo::detail;
+using namespace quarlo::cli;
+
 namespace {
 
 double now() {

@@ -28,6 +28,10 @@
 #include "base/io.h"
 #include "cli/options.h"
 
+namespace quarlo::cli {
+
+using namespace quarlo::detail;
+
 namespace {
 
 const char kSrc[] = "quarlo";
@@ -479,3 +483,5 @@ bool group_by_length(const char* file) {
   for (const LengthCount& c : counts) log_printf(kLengthCountFormat, c.length, c.count);
   return true;
 }
+
+}  // namespace quarlo::cli

@@ -6,6 +6,11 @@
 
 #include "engine/engine.h"
 
+namespace quarlo::cli {
+
+// The program is written against the library's internals.
+using namespace quarlo::detail;
+
 // Exit statuses of a run.
 enum RunStatus {
   kStatusOk = 0,
@@ -27,5 +32,7 @@ int run_pipeline();
 // line per length. Returns false after a report when the file could not be
 // rewritten whole.
 bool group_by_length(const char* file);
+
+}  // namespace quarlo::cli
 
 #endif  // QUARLO_CLI_DRIVER_H_

@@ -11,6 +11,10 @@
 #include <ctime>
 #include <vector>
 
+namespace quarlo::cli {
+
+using namespace quarlo::detail;
+
 namespace {
 
 const char kSrc[] = "../vscom/log";
@@ -139,3 +143,5 @@ void progress_clear() {
   fflush(stderr);
   g_progress.shown = false;
 }
+
+}  // namespace quarlo::cli

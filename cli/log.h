@@ -10,6 +10,11 @@
 
 #include "base/report.h"
 
+namespace quarlo::cli {
+
+// The program is written against the library's internals.
+using namespace quarlo::detail;
+
 // Opens `name` for appending as the log stream; a null name makes standard
 // error the log stream. Returns 0, or 1 after printing the cause on stderr.
 int log_open(const char* name);
@@ -39,5 +44,7 @@ class LogReporter : public Reporter {
   void line(std::string_view text) override;
   void trace(std::string_view text) override;
 };
+
+}  // namespace quarlo::cli
 
 #endif  // QUARLO_CLI_LOG_H_

@@ -16,6 +16,6 @@ int main(int argc, char** argv) {
   // The results go to files; a console that stops reading (quarlo ... | head)
   // must not end the run, so failed writes to standard output are ignored.
   signal(SIGPIPE, SIG_IGN);
-  parse(argc, argv, 0);
-  return run_pipeline();
+  quarlo::cli::parse(argc, argv, 0);
+  return quarlo::cli::run_pipeline();
 }

@@ -13,6 +13,10 @@
 #include "post/pattern_records.h"
 #include "base/io.h"
 
+namespace quarlo::cli {
+
+using namespace quarlo::detail;
+
 namespace {
 
 const char kSrc[] = "../vscom/maxpat";
@@ -227,3 +231,5 @@ int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, ui
 }
 
 void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids) { ids->reset(); }
+
+}  // namespace quarlo::cli

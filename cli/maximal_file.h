@@ -13,6 +13,11 @@
 
 #include "base/report.h"
 
+namespace quarlo::cli {
+
+// The program is written against the library's internals.
+using namespace quarlo::detail;
+
 // A set of id texts, matched as whole byte strings. Only membership is ever
 // asked. An id spelled "L-N" the way the PC list writes it (decimal numbers
 // without leading zeros) is kept as bit N of a bitmap for L, so the millions
@@ -72,5 +77,7 @@ int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, ui
 
 // Frees the set if it exists.
 void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids);
+
+}  // namespace quarlo::cli
 
 #endif  // QUARLO_CLI_MAXIMAL_FILE_H_

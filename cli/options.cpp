@@ -8,6 +8,10 @@
 #include "cli/log.h"
 #include "base/io.h"
 
+namespace quarlo::cli {
+
+using namespace quarlo::detail;
+
 namespace {
 
 const char kSrc[] = "../vscom/vscmdl";
@@ -234,3 +238,5 @@ const char* get_supp_table_file() { return g_opts.supp_table_file; }
 bool want_pc_list() { return g_opts.pc_flag == kFlagOn; }
 bool want_tid_list() { return g_opts.tid_flag == kFlagOn; }
 bool want_maximal() { return g_opts.maximal_flag == kFlagOn; }
+
+}  // namespace quarlo::cli

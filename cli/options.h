@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+namespace quarlo::cli {
+
 // Parses argv. selector 0 picks this program's usage text, non-zero the
 // sibling's. Returns with Options filled, or exits with status 1 after printing
 // the usage text (-h, or no FILE operand). May be called again (tests): each
@@ -34,5 +36,7 @@ const char* get_supp_table_file();  // -S, null when not given
 bool want_pc_list();             // -p
 bool want_tid_list();            // -t
 bool want_maximal();             // -x
+
+}  // namespace quarlo::cli
 
 #endif  // QUARLO_CLI_OPTIONS_H_

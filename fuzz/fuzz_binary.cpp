@@ -11,6 +11,8 @@
 #include "engine/transaction_store.h"
 #include "base/report.h"
 
+using namespace quarlo::detail;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const Scratch file("db.qr");
   write_file(file, data, size);

@@ -13,6 +13,9 @@
 #include "base/report.h"
 #include "post/pattern_records.h"
 
+using namespace quarlo::detail;
+using namespace quarlo::cli;
+
 namespace {
 
 // Calls f(line) for each line of `text` as the list reader cuts them.

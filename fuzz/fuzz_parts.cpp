@@ -12,6 +12,8 @@
 #include "fuzz_files.h"
 #include "quarlo/quarlo.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 struct Run {

@@ -13,6 +13,8 @@
 #include "base/report.h"
 #include "post/pattern_records.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 // The lines of `text`, each with a newline, sorted: equal for any reordering.

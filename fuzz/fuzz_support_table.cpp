@@ -6,6 +6,8 @@
 #include "base/report.h"
 #include "support/support_table.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 struct Shape {

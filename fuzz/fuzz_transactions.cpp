@@ -14,6 +14,8 @@
 #include "post/pattern_records.h"
 #include "convert/records.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 // The lines of `text` as the readers cut them (no empty line after a last newline).

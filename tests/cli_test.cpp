@@ -18,6 +18,8 @@
 #include "support/harness.h"
 #include "cli/options.h"
 
+using namespace quarlo::cli;
+
 namespace {
 
 using quarlo_test::copy_file;

@@ -17,6 +17,8 @@
 #include "support/support_table.h"
 #include "support/harness.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 using Items = std::vector<uint32_t>;

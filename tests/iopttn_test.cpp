@@ -13,6 +13,9 @@
 #include "cli/driver.h"
 #include "support/harness.h"
 
+using namespace quarlo::detail;
+using namespace quarlo::cli;
+
 namespace {
 
 using quarlo_test::read_file;

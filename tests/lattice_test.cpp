@@ -11,6 +11,8 @@
 
 #include "support/harness.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 using quarlo_test::read_file;

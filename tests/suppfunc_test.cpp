@@ -10,6 +10,8 @@
 
 #include "support/harness.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 using U = std::vector<uint32_t>;

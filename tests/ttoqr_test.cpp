@@ -8,6 +8,8 @@
 
 #include "support/harness.h"
 
+using namespace quarlo::detail;
+
 namespace {
 
 using namespace std::string_literals;

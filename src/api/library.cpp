@@ -24,6 +24,8 @@
 
 namespace quarlo {
 
+using namespace detail;
+
 // ---------------------------------------------------------------------------
 // Options and inputs
 
@@ -773,6 +775,8 @@ Result mine_shard(const Transactions& transactions, const Shard& shard, const Op
 // Mining in parts
 
 namespace quarlo {
+
+using namespace detail;
 
 namespace {
 

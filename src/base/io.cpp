@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace quarlo::detail {
+
 char* name_join(const char* base, const char* suffix) {
   if (base == nullptr || suffix == nullptr || base[0] == '\0' || suffix[0] == '\0') return nullptr;
   size_t nb = strlen(base);
@@ -137,7 +139,7 @@ char* put_decimal(char* out, uint32_t v) {
 
 void OutBuffer::put_decimal(uint32_t v) {
   if (size_ - used_ < 10) flush();
-  used_ = static_cast<size_t>(::put_decimal(buf_.get() + used_, v) - buf_.get());
+  used_ = static_cast<size_t>(detail::put_decimal(buf_.get() + used_, v) - buf_.get());
 }
 
 int OutBuffer::flush() {
@@ -157,3 +159,5 @@ int OutBuffer::flush() {
   errno = error_;
   return -1;
 }
+
+}  // namespace quarlo::detail

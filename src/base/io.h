@@ -12,10 +12,11 @@
 #include <memory>
 #include <string_view>
 
+namespace quarlo::detail {
+
 // Returns a new malloc'ed "base.suffix", or null when either part is empty or
 // memory is short. The caller owns the result.
 char* name_join(const char* base, const char* suffix);
-
 
 // Creates `name` anew for writing with `mode` (before the umask): whatever
 // stands at the name, a stale file or a symbolic link, is removed first, and
@@ -96,5 +97,7 @@ class OutBuffer {
   bool failed_ = false;
   int error_ = 0;
 };
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_BASE_IO_H_

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+namespace quarlo::detail {
+
 namespace {
 
 // vsnprintf into a string of exactly the formatted length.
@@ -80,3 +82,5 @@ std::string CollectingReporter::summary() const {
   }
   return out;
 }
+
+}  // namespace quarlo::detail

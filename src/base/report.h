@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+namespace quarlo::detail {
+
 class Reporter {
  public:
   virtual ~Reporter() = default;
@@ -41,5 +43,7 @@ class CollectingReporter : public Reporter {
  private:
   std::vector<std::string> lines_;
 };
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_BASE_REPORT_H_

@@ -11,6 +11,8 @@
 #include "post/pattern_records.h"
 #include "base/io.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 // Numbers whose values stay below this many times the count of numbers (plus
@@ -364,3 +366,5 @@ unsigned LabelTable::r_convert_sections(const char* input, const char* output,
   if (close(out_fd) != 0) ok = false;
   return ok ? 0 : 1;
 }
+
+}  // namespace quarlo::detail

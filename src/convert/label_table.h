@@ -17,6 +17,8 @@
 #include "post/pattern_records.h"
 #include "base/io.h"
 
+namespace quarlo::detail {
+
 class LabelTable {
  public:
   LabelTable() = default;
@@ -122,5 +124,7 @@ class LabelTable {
   std::vector<uint32_t> number_index_;  // small value -> item number + 1 (0: absent)
   std::vector<LabelSlot> label_index_;  // open addressing over the numbered labels
 };
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_CONVERT_LABEL_TABLE_H_

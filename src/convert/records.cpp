@@ -13,6 +13,8 @@
 #include "post/pattern_records.h"
 #include "base/io.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "ttoqr";
@@ -142,3 +144,5 @@ unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Repo
   }
   return status;
 }
+
+}  // namespace quarlo::detail

@@ -13,6 +13,8 @@
 
 #include "base/report.h"
 
+namespace quarlo::detail {
+
 // Writes `output` (mode 0666 before the umask) from `input`: one record per
 // line with items; a line whose items are split by "-1" is an error. Returns
 // 0, or 1 after a report; records written before a failure stay in `output`.
@@ -54,5 +56,7 @@ class LinePieces {
  private:
   size_t longest_ = 0;
 };
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_CONVERT_RECORDS_H_

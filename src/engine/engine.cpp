@@ -4,6 +4,8 @@
 
 #include "engine/threads.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "qr";
@@ -120,3 +122,5 @@ int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& sp
   }
   return mine_database(e, &db, spec, nullptr, client);
 }
+
+}  // namespace quarlo::detail

@@ -17,6 +17,8 @@
 #include "base/report.h"
 #include "support/support_table.h"
 
+namespace quarlo::detail {
+
 // Told how far the walk over the top-level items has come.
 class ProgressHook {
  public:
@@ -101,5 +103,7 @@ int mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precoun
 // does. Returns 0, or 1 after a report.
 int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
                            EngineClient* client);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_ENGINE_H_

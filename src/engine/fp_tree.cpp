@@ -10,6 +10,8 @@
 
 #include "engine/engine.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "cfptree";
@@ -882,3 +884,5 @@ int mine_fptree(Engine& e, FPTree* tree) {
   if (status != 0) e.rep->tracef("%s(%d) : gen_freqpattern\n", kSrc, 376);
   return status;
 }
+
+}  // namespace quarlo::detail

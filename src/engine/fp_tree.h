@@ -16,6 +16,8 @@
 #include "engine/frequent_items.h"
 #include "engine/transaction_store.h"
 
+namespace quarlo::detail {
+
 struct Engine;
 
 // A tree node. `count` is the weighted number of records through the node;
@@ -170,5 +172,7 @@ int mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb);
 
 // collect_top_item, then mine_top_database.
 int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_FP_TREE_H_

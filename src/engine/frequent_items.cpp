@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <new>
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "qrcf1";
@@ -94,3 +96,5 @@ int list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor
   *list = (touched == 0) ? nullptr : table->entries.data();
   return 0;
 }
+
+}  // namespace quarlo::detail

@@ -11,6 +11,8 @@
 
 #include "engine/transaction_store.h"
 
+namespace quarlo::detail {
+
 // A 1-item pattern: same shape as the pattern record handed to the writer.
 struct ItemEntry {
   uint32_t length;  // always 1
@@ -48,5 +50,7 @@ int create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t f
 // item number). Same result conventions.
 int list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
                        int32_t* nfreq, ItemEntry** list, Reporter* rep);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_FREQUENT_ITEMS_H_

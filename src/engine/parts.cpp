@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+namespace quarlo::detail {
+
 namespace {
 
 constexpr uint32_t kPartMagic = 0x31505251;  // "QRP1"
@@ -300,3 +302,5 @@ bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::ve
   error->clear();
   return true;
 }
+
+}  // namespace quarlo::detail

@@ -12,6 +12,8 @@
 
 #include "engine/engine.h"
 
+namespace quarlo::detail {
+
 // Splits the top level of a run (set as Engine::split and as its sink).
 class Planner : public TopLevelSplit, public PatternSink {
  public:
@@ -59,5 +61,7 @@ bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::s
 // do not fit the record or name an item from `nitems` on.
 bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
                   uint32_t nitems, PatternSink* sink, std::string* error);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_PARTS_H_

@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "iopttn";
@@ -133,7 +135,6 @@ std::vector<LengthCount> length_counts(const std::vector<LineRef>& lines,
   }
   return counts;
 }
-
 
 // Lines of one key on their way to the rewritten file: an unnamed temporary
 // file beside it, filled through a small buffer.
@@ -398,3 +399,5 @@ bool sort_by_length(const char* file, std::vector<LengthCount>* counts) {
   }
   return false;
 }
+
+}  // namespace quarlo::detail

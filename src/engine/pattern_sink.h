@@ -13,6 +13,8 @@
 #include "base/report.h"
 #include "base/io.h"
 
+namespace quarlo::detail {
+
 // A pattern as the miner hands it over: `length` items in the order they were
 // added (any order; a writer sorts a copy).
 struct Pattern {
@@ -92,5 +94,7 @@ struct LengthCount {
 // Returns false, with errno set, when the rewrite could not be written whole
 // (a full disk); the file is then incomplete.
 bool sort_by_length(const char* file, std::vector<LengthCount>* counts);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_PATTERN_SINK_H_

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <new>
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "np2";
@@ -22,3 +24,5 @@ int alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep
   }
   return 0;
 }
+
+}  // namespace quarlo::detail

@@ -10,6 +10,8 @@
 
 #include "base/report.h"
 
+namespace quarlo::detail {
+
 // A record of the database being turned into a tree: where it starts and how
 // many frequent items it kept.
 struct TranRef {
@@ -33,5 +35,7 @@ struct PruneTables {
 // Sizes the tables for `nitems` items and `ntrans` transactions. Returns 0, or
 // 1 after a report when memory is short.
 int alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_PRUNE_TABLES_H_

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+namespace quarlo::detail {
+
 namespace {
 
 // A worker's report lines and traces, kept until the run's thread passes them on.
@@ -339,3 +341,5 @@ int mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads) {
   if (finished != 0) e.rep->tracef("cfptree(%d) : gen_freqpattern\n", 376);
   return finished;
 }
+
+}  // namespace quarlo::detail

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "qrdb";
@@ -190,3 +192,5 @@ uint32_t count_tran(TranPool* pool, TranBuf* buf) {
   for (int32_t w; (w = read_tran(pool, buf, &tran)) != 0;) total += static_cast<uint32_t>(w);
   return total;
 }
+
+}  // namespace quarlo::detail

@@ -9,6 +9,8 @@
 
 #include "base/report.h"
 
+namespace quarlo::detail {
+
 // Size of a pool block, of a buffer's first block and of every growth step.
 constexpr uint32_t kTranBlockBytes = 1048576;
 
@@ -77,5 +79,7 @@ int32_t read_tran_at(TranPool* pool, const TranBuf* buf, CurTran** tran, uint32_
 
 // Rewinds `buf` and returns the sum of the weights of all its records.
 uint32_t count_tran(TranPool* pool, TranBuf* buf);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_TRANSACTION_STORE_H_

@@ -18,6 +18,8 @@
 #include "post/pattern_records.h"
 #include "base/io.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "../vscom/lattice";
@@ -705,3 +707,5 @@ void find_parents(const std::vector<std::vector<uint32_t>>& by_length, const Par
   ParentCollector collector(visit);
   search_all(&table, &collector);
 }
+
+}  // namespace quarlo::detail

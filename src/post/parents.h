@@ -12,6 +12,8 @@
 
 #include "base/report.h"
 
+namespace quarlo::detail {
+
 // Reads the numbered pattern file `pattern_file` ("L-N support percent items")
 // and writes the list to `pc_file` (created or truncated, mode 0664 before the
 // umask). Lines run from the longest patterns down to length 1, each length in
@@ -38,5 +40,7 @@ using ParentVisitor = std::function<void(uint32_t len, uint32_t ordinal,
 // length k, k ascending items each, in ordinal order. Throws std::bad_alloc
 // when memory runs short.
 void find_parents(const std::vector<std::vector<uint32_t>>& by_length, const ParentVisitor& visit);
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_POST_PARENTS_H_

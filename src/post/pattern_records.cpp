@@ -8,12 +8,14 @@
 
 #include "base/io.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
 
 // True when every item of `sub` is in `super`; both ascending.
-bool is_subset(const Itemset& super, const Itemset& sub) {
+bool is_subset(const ItemList& super, const ItemList& sub) {
   if (sub.size() > super.size()) return false;
   size_t k = 0;
   for (size_t i = 0; i < sub.size(); ++i) {
@@ -43,7 +45,7 @@ bool read_number(std::string_view token, uint32_t* value) {
   return true;
 }
 
-void add_item(Itemset* set, uint32_t item) {
+void add_item(ItemList* set, uint32_t item) {
   set->push_back(item);
   std::sort(set->begin(), set->end());
   set->erase(std::unique(set->begin(), set->end()), set->end());
@@ -58,7 +60,7 @@ Sequence parse_sequence(std::string_view line, uint32_t h) {
     if (value == kItemsetBreak) {
       open_new = true;
     } else if (open_new) {
-      s.itemsets.push_back(Itemset{value});
+      s.itemsets.push_back(ItemList{value});
       open_new = false;
     } else {
       add_item(&s.itemsets.back(), value);
@@ -69,7 +71,7 @@ Sequence parse_sequence(std::string_view line, uint32_t h) {
 
 uint32_t length(const Sequence& s) {
   size_t n = 0;
-  for (const Itemset& set : s.itemsets) n += set.size();
+  for (const ItemList& set : s.itemsets) n += set.size();
   return static_cast<uint32_t>(n);
 }
 
@@ -77,12 +79,12 @@ Sequence* without_item(const Sequence& s, uint32_t t) {
   Sequence* out = new (std::nothrow) Sequence;
   if (out == nullptr) return nullptr;
   uint32_t pos = 0;
-  for (const Itemset& set : s.itemsets) {
+  for (const ItemList& set : s.itemsets) {
     bool first = true;
     for (uint32_t item : set) {
       if (pos++ == t) continue;
       if (first) {
-        out->itemsets.push_back(Itemset{item});
+        out->itemsets.push_back(ItemList{item});
         first = false;
       } else {
         add_item(&out->itemsets.back(), item);
@@ -141,3 +143,5 @@ void SequenceSet::load(int fd, uint32_t h) {
   std::string_view line;
   while (reader.next(&line)) insert(parse_sequence(line, h));
 }
+
+}  // namespace quarlo::detail

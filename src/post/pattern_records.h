@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+namespace quarlo::detail {
+
 // True for the six white-space bytes of the C locale: blank, \t, \n, \v, \f, \r.
 inline bool is_white_space(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
@@ -33,14 +35,14 @@ inline std::string_view next_token(std::string_view* rest) {
 bool read_number(std::string_view token, uint32_t* value);
 
 // Items in ascending order without duplicates (kept so by add_item).
-using Itemset = std::vector<uint32_t>;
+using ItemList = std::vector<uint32_t>;
 
 // Appends `item`, then restores ascending order without duplicates.
-void add_item(Itemset* set, uint32_t item);
+void add_item(ItemList* set, uint32_t item);
 
 class Sequence {
  public:
-  std::vector<Itemset> itemsets;    // in the order read
+  std::vector<ItemList> itemsets;    // in the order read
   std::vector<std::string> fields;  // leading non-item tokens, as text
 };
 
@@ -79,5 +81,7 @@ class SequenceSet {
   std::map<uint32_t, std::vector<Sequence>> groups_;
   uint32_t max_length_ = 0;
 };
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_POST_PATTERN_RECORDS_H_

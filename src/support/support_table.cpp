@@ -8,6 +8,8 @@
 
 #include "post/pattern_records.h"
 
+namespace quarlo::detail {
+
 namespace {
 
 const char kSrc[] = "../vscom/suppfunc";
@@ -173,3 +175,5 @@ bool SupportTable::restore(const uint32_t* words, size_t n) {
   bound_.assign(table + size, table + 2 * size);
   return true;
 }
+
+}  // namespace quarlo::detail

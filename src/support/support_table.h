@@ -14,6 +14,8 @@
 
 #include "base/report.h"
 
+namespace quarlo::detail {
+
 // Count of transactions that `percent` of `ntrans` demands: the ceiling of
 // ntrans * percent / 100 in 80-bit extended precision; 0 % still demands 1.
 uint32_t percent_to_count(double percent, uint32_t ntrans);
@@ -74,5 +76,7 @@ class SupportTable {
   uint32_t shortest_[kCacheSize] = {};
   uint32_t lowest_ = 0;
 };
+
+}  // namespace quarlo::detail
 
 #endif  // QUARLO_SUPPORT_SUPPORT_TABLE_H_
