@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "post/parents.h"
+#include "cli/pc_list.h"
 #include "cli/maximal_file.h"
 #include "base/report.h"
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "convert/label_table.h"
-#include "post/parents.h"
+#include "cli/pc_list.h"
 #include "cli/log.h"
 #include "cli/maximal_file.h"
 #include "engine/engine.h"
@@ -31,6 +31,7 @@
 namespace quarlo::cli {
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "post/pattern_records.h"
+#include "cli/pattern_records.h"
 #include "base/io.h"
 
 namespace quarlo::cli {

@@ -11,7 +11,7 @@
 #include "fuzz_files.h"
 #include "cli/maximal_file.h"
 #include "base/report.h"
-#include "post/pattern_records.h"
+#include "cli/pattern_records.h"
 
 using namespace quarlo::detail;
 using namespace quarlo::cli;

@@ -9,11 +9,12 @@
 
 #include "fuzz_files.h"
 #include "engine/pattern_sink.h"
-#include "post/parents.h"
+#include "cli/pc_list.h"
 #include "base/report.h"
-#include "post/pattern_records.h"
+#include "cli/pattern_records.h"
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "convert/label_table.h"
 #include "fuzz_files.h"
 #include "quarlo/quarlo.h"
-#include "post/pattern_records.h"
+#include "cli/pattern_records.h"
 #include "convert/records.h"
 
 using namespace quarlo::detail;

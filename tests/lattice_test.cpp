@@ -1,7 +1,7 @@
 // The parent-children list: worked examples, and the hashed search against
 // the plain search over SequenceSet on random pattern sets (which also checks
 // the record operations both rely on). File failures are checked by whole runs.
-#include "post/parents.h"
+#include "cli/pc_list.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include "support/harness.h"
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 namespace {
 

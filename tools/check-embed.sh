@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs quarlo into a fresh prefix, builds examples/embed against the
 # installed package, mines a few inputs at once with it and checks every
-# result against the program's FILE.fp; also checks the installed man page.
+# result against the program's FILE.fp; also checks the installed man page
+# and that the archive keeps its symbols inside namespace quarlo.
 set -eu
 export LC_ALL=C
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,6 +33,18 @@ for name in groceries market lattice; do
     exit 1
   fi
 done
+# The installed archive defines nothing outside namespace quarlo but what the
+# C++ runtime and the standard library's templates bring.
+outside=$(nm -C --defined-only "$work/prefix/lib/libquarlo.a" | awk '$2 ~ /^[TDBRVW]$/' |
+  cut -d' ' -f3- | grep -v -e '^quarlo::' -e '^std::' -e '^void std::' -e '^bool std::' \
+    -e '^__gnu_cxx::' -e '^DW\.ref\.' -e '^typeinfo for std::' -e '^typeinfo name for std::' \
+    -e '^vtable for std::' -e '^vtable for quarlo::' -e '^typeinfo for quarlo::' \
+    -e '^typeinfo name for quarlo::' -e '^non-virtual thunk to quarlo::' -e '^guard variable for quarlo::' || true)
+if [ -n "$outside" ]; then
+  echo "check-embed: the installed library defines symbols outside namespace quarlo:" >&2
+  echo "$outside" | head -n 20 >&2
+  exit 1
+fi
 page="$work/prefix/share/man/man1/quarlo.1"
 MANWIDTH=80 man -l "$page" | grep -q "frequent itemsets"
 if [ -n "$(groff -man -ww -z "$page" 2>&1)" ]; then

@@ -18,7 +18,7 @@
 #include "engine/parts.h"
 #include "engine/engine.h"
 #include "quarlo/quarlo.h"
-#include "post/pattern_records.h"
+#include "base/tokens.h"
 #include "convert/records.h"
 #include "base/io.h"
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "post/pattern_records.h"
+#include "base/tokens.h"
 #include "base/io.h"
 
 namespace quarlo::detail {

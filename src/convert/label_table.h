@@ -14,7 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "post/pattern_records.h"
+#include "base/tokens.h"
 #include "base/io.h"
 
 namespace quarlo::detail {

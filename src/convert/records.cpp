@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "post/pattern_records.h"
+#include "base/tokens.h"
 #include "base/io.h"
 
 namespace quarlo::detail {
@@ -19,7 +19,6 @@ namespace {
 
 const char kSrc[] = "ttoqr";
 const char kUtilSrc[] = "../vscom/util";  // an input that cannot be opened reports as util
-constexpr uint32_t kItemsetBreak = 4294967295u;
 
 uint32_t to_little_endian(uint32_t v) {
   if constexpr (std::endian::native == std::endian::big) return __builtin_bswap32(v);

@@ -1,8 +1,5 @@
 #include "post/parents.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -15,191 +12,10 @@
 #include <string_view>
 #include <vector>
 
-#include "post/pattern_records.h"
-#include "base/io.h"
 
 namespace quarlo::detail {
 
 namespace {
-
-const char kSrc[] = "../vscom/lattice";
-// Source lines quoted in the reports, fixed so that the logs of every build agree.
-constexpr unsigned kLineOpenPatterns = 37;
-constexpr unsigned kLineOpenPc = 41;
-constexpr unsigned kLineWritePc = 45;
-// Leading text fields of a pattern line: id, support count, support percentage.
-constexpr uint32_t kPatternFields = 3;
-constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
-
-// ---------------------------------------------------------------------------
-// Files
-
-// The pattern file and the PC list of one call; the list is written through
-// one output buffer.
-struct LatticeFiles {
-  int patterns = -1;
-  int pc = -1;
-  std::unique_ptr<OutBuffer> out;
-};
-
-// Closes both files; false when the PC list could not be written whole.
-bool close_files(LatticeFiles* files) {
-  bool written = files->out == nullptr || files->out->flush() == 0;
-  files->out.reset();
-  if (files->patterns >= 0) close(files->patterns);
-  if (files->pc >= 0 && close(files->pc) != 0) written = false;
-  files->patterns = files->pc = -1;
-  return written;
-}
-
-// Closes both files after a search that ended with `result`; a PC list that
-// could not be written whole (a full disk) turns success into failure.
-int finish(LatticeFiles* files, const char* pc_file, int result, Reporter* rep) {
-  if (!close_files(files) && result == 0) {
-    rep->printf("%s(%u) Failed to write %s", kSrc, kLineWritePc, pc_file);
-    return 1;
-  }
-  return result;
-}
-
-// Opens both files, reporting each that fails. Returns 0, or 1 with both closed.
-int open_files(const char* pattern_file, const char* pc_file, LatticeFiles* files,
-               Reporter* rep) {
-  files->patterns = open(pattern_file, O_RDONLY);
-  if (files->patterns < 0) {
-    rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPatterns, pattern_file);
-  }
-  files->pc = create_fresh(pc_file, 0664);
-  if (files->pc < 0) rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
-  if (files->patterns >= 0 && files->pc >= 0) {
-    files->out = std::make_unique<OutBuffer>(files->pc);
-    return 0;
-  }
-  close_files(files);
-  return 1;
-}
-
-// Formats the PC lines into the list's output buffer. Digits are written in
-// place: calls to copy a few bytes cost more here than the formatting itself.
-class LineWriter {
- public:
-  explicit LineWriter(OutBuffer* out) : out_(out) {}
-
-  void id(uint32_t len_minus_one, uint32_t ordinal) {
-    char* p = out_->reserve(kMaxId);
-    p = put(p, len_minus_one);
-    *p++ = '-';
-    out_->commit(put(p, ordinal));
-  }
-  void parent(uint32_t len_minus_one, uint32_t ordinal) {
-    char* p = out_->reserve(1);
-    *p++ = ' ';
-    out_->commit(p);
-    id(len_minus_one, ordinal);
-  }
-  void end() {
-    char* p = out_->reserve(1);
-    *p++ = '\n';
-    out_->commit(p);
-  }
-
- private:
-  static constexpr size_t kMaxId = 21;  // two 10-digit numbers and a dash
-
-  // Writes v in decimal at p, two digits per division; returns the end.
-  static char* put(char* p, uint32_t v) {
-    static constexpr char kPairs[] =
-        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-        "8081828384858687888990919293949596979899";
-    size_t len = 1;
-    for (uint32_t rest = v; rest >= 10; rest /= 10) ++len;
-    char* end = p + len;
-    p = end;
-    for (; v >= 100; v /= 100) {
-      p -= 2;
-      p[0] = kPairs[2 * (v % 100)];
-      p[1] = kPairs[2 * (v % 100) + 1];
-    }
-    if (v >= 10) {
-      p[-2] = kPairs[2 * v];
-      p[-1] = kPairs[2 * v + 1];
-    } else {
-      p[-1] = static_cast<char>('0' + v);
-    }
-    return end;
-  }
-
-  OutBuffer* out_;
-};
-
-// ---------------------------------------------------------------------------
-// The plain search over SequenceSet
-
-// True when a record of `found` of length `len` contains s.
-bool found_before(const SequenceSet& found, uint32_t len, const Sequence& s) {
-  for (uint32_t m = 0;; ++m) {
-    const Sequence* r = found.at(len, m);
-    if (r == nullptr) return false;
-    if (contains(*r, s)) return true;
-  }
-}
-
-// Writes the parents met below frontier record q (of length j): frequent
-// subsets go to the line and `found`, the others to `frontier`. Returns 0, or
-// 1 when a subset cannot be allocated.
-int scan_subsets(const SequenceSet& patterns, const Sequence& q, uint32_t j, SequenceSet* frontier,
-                 SequenceSet* found, LineWriter* out) {
-  for (uint32_t t = 0; t < length(q); ++t) {
-    Sequence* s = without_item(q, t);
-    if (s == nullptr) return 1;
-    uint32_t n = 0;
-    if (found_before(*found, j - 1, *s)) {
-      // already written for this pattern
-    } else if (patterns.find_index(*s, &n)) {
-      out->parent(length(*s) - 1, n);
-      found->insert(*s);
-    } else {
-      frontier->insert(*s);
-    }
-    delete s;
-  }
-  return 0;
-}
-
-// Writes the line of pattern p, the ordinal-th of its length. Returns 0 or 1.
-int scan_pattern(const SequenceSet& patterns, const Sequence& p, uint32_t ordinal,
-                 LineWriter* out) {
-  out->id(length(p) - 1, ordinal);
-  SequenceSet frontier;
-  SequenceSet found;
-  frontier.insert(p);
-  uint32_t j = length(p);
-  uint32_t x = 0;
-  for (;;) {
-    const Sequence* q = frontier.at(j, x);
-    if (q == nullptr) {
-      x = 0;
-      while (q == nullptr && j != 0) q = frontier.at(--j, 0);
-      if (q == nullptr) break;
-    }
-    if (scan_subsets(patterns, *q, j, &frontier, &found, out) != 0) return 1;
-    ++x;
-  }
-  out->end();
-  return 0;
-}
-
-int lattice_by_scan(int in, LineWriter* out) {
-  SequenceSet patterns;
-  patterns.load(in, kPatternFields);
-  for (uint32_t k = patterns.max_length(); k >= 1; --k) {
-    for (uint32_t i = 0; const Sequence* p = patterns.at(k, i); ++i) {
-      if (scan_pattern(patterns, *p, i, out) != 0) return 1;
-    }
-  }
-  return 0;
-}
 
 // ---------------------------------------------------------------------------
 // The hashed search
@@ -352,62 +168,6 @@ struct PatternTable {
   }
 };
 
-// Reads the next token as read_number does; tokens of up to nine digits,
-// which are nearly all items, are read in place.
-bool next_number(std::string_view* rest, uint32_t* value) {
-  const std::string_view token = next_token(rest);
-  if (token.empty() || token.size() > 9) return read_number(token, value);
-  uint32_t v = 0;
-  for (char c : token) {
-    const uint32_t digit = static_cast<uint32_t>(c - '0');
-    if (digit > 9) return read_number(token, value);
-    v = v * 10 + digit;
-  }
-  *value = v;
-  return true;
-}
-
-// Parses the items of one pattern line as parse_sequence does with three
-// leading fields, into `items` (ascending, no duplicates). Returns false when
-// the line opens a second itemset, which the hashed search does not handle.
-bool parse_items(std::string_view line, std::vector<uint32_t>* items) {
-  for (uint32_t f = 0; f < kPatternFields; ++f) next_token(&line);
-  items->clear();
-  bool open_new = true;
-  uint32_t value = 0;
-  while (next_number(&line, &value)) {
-    if (value == kItemsetBreak) {
-      open_new = true;
-      continue;
-    }
-    if (open_new && !items->empty()) return false;
-    open_new = false;
-    items->push_back(value);
-  }
-  // Lines as the pattern writer makes them are already strictly ascending.
-  if (std::adjacent_find(items->begin(), items->end(), std::greater_equal<uint32_t>()) !=
-      items->end()) {
-    std::sort(items->begin(), items->end());
-    items->erase(std::unique(items->begin(), items->end()), items->end());
-  }
-  return true;
-}
-
-// Loads every line of `in` into `table` and indexes it. Returns false when a
-// record of more than one itemset was met (the table is then incomplete).
-bool load_patterns(int in, PatternTable* table) {
-  LineReader lines(in);
-  std::string_view line;
-  std::vector<uint32_t> items;
-  while (lines.next(&line)) {
-    if (!parse_items(line, &items)) return false;
-    table->append(items.data(), static_cast<uint32_t>(items.size()));
-  }
-  table->hashes.cover(table->max_item);
-  for (PatternGroup& g : table->groups) g.build_index(table->hashes);
-  return true;
-}
-
 // The ordinals of the parents written from one level of a search: a level's
 // subsets all have the same length, so a parent can only recur within it.
 // Cleared in O(1) by a generation number.
@@ -546,10 +306,9 @@ class SubsetMemo {
 // the order first met, each itemset's subsets in the order of the dropped
 // item; a frequent subset is written as a parent once per level, a
 // non-frequent one goes to the next level once.
-template <class Out>
 class MemoSearch {
  public:
-  MemoSearch(PatternTable* table, Out* out) : table_(table), line_(*out) {}
+  MemoSearch(PatternTable* table, ParentSink* out) : table_(table), line_(*out) {}
 
   void run(uint32_t len, uint32_t ordinal) {
     if (memo_.bytes() > kMemoBudget) {  // a cache: start it afresh between patterns
@@ -616,7 +375,7 @@ class MemoSearch {
   }
 
   PatternTable* table_;
-  Out& line_;
+  ParentSink& line_;
   SubsetMemo memo_;
   OrdinalSet written_;            // parents written from the level being expanded
   std::vector<uint32_t> current_;  // memo ids of the level being expanded
@@ -628,9 +387,8 @@ class MemoSearch {
 };
 
 // Runs the search for every pattern of `table`, longest first.
-template <class Out>
-void search_all(PatternTable* table, Out* out) {
-  MemoSearch<Out> search(table, out);
+void search_all(PatternTable* table, ParentSink* out) {
+  MemoSearch search(table, out);
   for (size_t k = table->groups.size(); k-- > 1;) {
     const uint32_t len = static_cast<uint32_t>(k);
     for (uint32_t i = 0; i < table->groups[k].count(); ++i) search.run(len, i);
@@ -638,18 +396,18 @@ void search_all(PatternTable* table, Out* out) {
 }
 
 // Hands the parents of each pattern to a ParentVisitor, a line at a time.
-class ParentCollector {
+class ParentCollector : public ParentSink {
  public:
   explicit ParentCollector(const ParentVisitor& visit) : visit_(visit) {}
-  void id(uint32_t len_minus_one, uint32_t ordinal) {
+  void id(uint32_t len_minus_one, uint32_t ordinal) override {
     len_ = len_minus_one + 1;
     ordinal_ = ordinal;
     parents_.clear();
   }
-  void parent(uint32_t len_minus_one, uint32_t ordinal) {
+  void parent(uint32_t len_minus_one, uint32_t ordinal) override {
     parents_.emplace_back(len_minus_one + 1, ordinal);
   }
-  void end() { visit_(len_, ordinal_, parents_); }
+  void end() override { visit_(len_, ordinal_, parents_); }
 
  private:
   const ParentVisitor& visit_;
@@ -658,54 +416,33 @@ class ParentCollector {
   std::vector<std::pair<uint32_t, uint32_t>> parents_;
 };
 
-// Returns 0, 1 when memory runs short, or kNeedsScan when a record of more
-// than one itemset was met before anything was written.
-constexpr int kNeedsScan = 2;
-
-int lattice_hashed(int in, LineWriter* out) {
-  try {
-    PatternTable table;
-    if (!load_patterns(in, &table)) return kNeedsScan;
-    search_all(&table, out);
-    return 0;
-  } catch (const std::bad_alloc&) {
-    return 1;
-  }
-}
-
 }  // namespace
+struct PatternSet::Table {
+  PatternTable patterns;
+};
 
-int generate_lattice(const char* pattern_file, const char* pc_file, Reporter* rep) {
-  LatticeFiles files;
-  if (open_files(pattern_file, pc_file, &files, rep) != 0) return 1;
-  LineWriter writer(files.out.get());
-  int result = lattice_hashed(files.patterns, &writer);
-  if (result == kNeedsScan) {
-    lseek(files.patterns, 0, SEEK_SET);
-    result = lattice_by_scan(files.patterns, &writer);
-  }
-  return finish(&files, pc_file, result, rep);
+PatternSet::PatternSet() : table_(std::make_unique<Table>()) {}
+PatternSet::~PatternSet() = default;
+
+void PatternSet::append(const uint32_t* items, uint32_t len) { table_->patterns.append(items, len); }
+
+void PatternSet::index() {
+  PatternTable& t = table_->patterns;
+  t.hashes.cover(t.max_item);
+  for (PatternGroup& g : t.groups) g.build_index(t.hashes);
 }
 
-int generate_lattice_by_scan(const char* pattern_file, const char* pc_file, Reporter* rep) {
-  LatticeFiles files;
-  if (open_files(pattern_file, pc_file, &files, rep) != 0) return 1;
-  LineWriter writer(files.out.get());
-  return finish(&files, pc_file, lattice_by_scan(files.patterns, &writer), rep);
-}
+void PatternSet::search(ParentSink* out) { search_all(&table_->patterns, out); }
 
 void find_parents(const std::vector<std::vector<uint32_t>>& by_length, const ParentVisitor& visit) {
-  PatternTable table;
+  PatternSet set;
   for (uint32_t len = 1; len < by_length.size(); ++len) {
     const std::vector<uint32_t>& flat = by_length[len];
-    for (size_t at = 0; at + len <= flat.size(); at += len) {
-      table.append(flat.data() + at, len);
-    }
+    for (size_t at = 0; at + len <= flat.size(); at += len) set.append(flat.data() + at, len);
   }
-  table.hashes.cover(table.max_item);
-  for (PatternGroup& g : table.groups) g.build_index(table.hashes);
+  set.index();
   ParentCollector collector(visit);
-  search_all(&table, &collector);
+  set.search(&collector);
 }
 
 }  // namespace quarlo::detail

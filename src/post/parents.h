@@ -1,34 +1,50 @@
-// Parent-children list of the frequent patterns: one line per pattern of a
-// numbered pattern file, its id followed by the ids of its parents, the frequent
-// subsets reached by dropping items through non-frequent subsets only.
-// No process-wide state: every table lives for one call.
+// Parents of the frequent patterns: for each pattern, the frequent subsets
+// reached by dropping items through non-frequent subsets only, found by a
+// hashed downward search. No process-wide state: a PatternSet owns its tables.
 #ifndef QUARLO_POST_PARENTS_H_
 #define QUARLO_POST_PARENTS_H_
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <utility>
 #include <vector>
 
-#include "base/report.h"
-
 namespace quarlo::detail {
 
-// Reads the numbered pattern file `pattern_file` ("L-N support percent items")
-// and writes the list to `pc_file` (created or truncated, mode 0664 before the
-// umask). Lines run from the longest patterns down to length 1, each length in
-// file order; parents stand in the order the downward search meets them, each
-// once. Uses hash indexes over the patterns and expands every non-frequent
-// subset once. Returns 0, or 1 when a file cannot be opened (reported) or
-// memory runs short (the lines written so far stay).
-int generate_lattice(const char* pattern_file, const char* pc_file, Reporter* rep);
+// Receives the parent-children list a line at a time: id() opens the line of
+// a pattern (its length minus one and its ordinal), parent() adds a parent
+// (same coordinates), end() closes the line.
+class ParentSink {
+ public:
+  virtual ~ParentSink() = default;
+  virtual void id(uint32_t len_minus_one, uint32_t ordinal) = 0;
+  virtual void parent(uint32_t len_minus_one, uint32_t ordinal) = 0;
+  virtual void end() = 0;
+};
 
-// The same list by the plain search over SequenceSet: every subset is looked up
-// by a linear scan of its length group and a non-frequent subset met along two
-// paths is expanded twice. Byte-identical to generate_lattice and far slower;
-// kept as the reference the fast search is checked against, and used by it for
-// records of more than one itemset. Same results and reports.
-int generate_lattice_by_scan(const char* pattern_file, const char* pc_file, Reporter* rep);
+// The frequent patterns of a run, grouped by length in ordinal order, with a
+// hash index per length, and the search for every pattern's parents: lines
+// run from the longest patterns down to length 1, each length in ordinal
+// order; parents stand in the order the downward search meets them, each
+// once. Every non-frequent subset is expanded once (its expansion is kept
+// within a memory budget).
+class PatternSet {
+ public:
+  PatternSet();
+  ~PatternSet();
+  // Appends a pattern of `len` ascending items; its ordinal is the number of
+  // patterns of that length appended before. Throws std::bad_alloc.
+  void append(const uint32_t* items, uint32_t len);
+  // Indexes the patterns; call once, after the last append.
+  void index();
+  // Hands every pattern's line to `out`. Throws std::bad_alloc.
+  void search(ParentSink* out);
+
+ private:
+  struct Table;
+  std::unique_ptr<Table> table_;
+};
 
 // Called once per pattern, longest first and each length in ordinal order,
 // with its length, its ordinal and its parents as (length, ordinal) pairs in

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "post/pattern_records.h"
+#include "base/tokens.h"
 
 namespace quarlo::detail {
 

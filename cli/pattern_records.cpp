@@ -1,4 +1,4 @@
-#include "post/pattern_records.h"
+#include "cli/pattern_records.h"
 
 #include <sys/types.h>
 
@@ -8,11 +8,9 @@
 
 #include "base/io.h"
 
-namespace quarlo::detail {
+namespace quarlo::cli {
 
 namespace {
-
-constexpr uint32_t kItemsetBreak = 4294967295u;  // the value "-1" reads as
 
 // True when every item of `sub` is in `super`; both ascending.
 bool is_subset(const ItemList& super, const ItemList& sub) {
@@ -28,22 +26,6 @@ bool is_subset(const ItemList& super, const ItemList& sub) {
 }
 
 }  // namespace
-
-bool read_number(std::string_view token, uint32_t* value) {
-  if (token == "-1") {
-    *value = kItemsetBreak;
-    return true;
-  }
-  if (token.empty()) return false;
-  uint64_t v = 0;
-  for (char c : token) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + static_cast<uint64_t>(c - '0');
-    if (v > kItemsetBreak) return false;
-  }
-  *value = static_cast<uint32_t>(v);
-  return true;
-}
 
 void add_item(ItemList* set, uint32_t item) {
   set->push_back(item);
@@ -144,4 +126,4 @@ void SequenceSet::load(int fd, uint32_t h) {
   while (reader.next(&line)) insert(parse_sequence(line, h));
 }
 
-}  // namespace quarlo::detail
+}  // namespace quarlo::cli

@@ -1,8 +1,8 @@
 // Pattern records read back from a text line of item numbers: a Sequence is a
 // list of itemsets plus the leading text fields of its line; a SequenceSet
 // groups records by length. No process-wide state.
-#ifndef QUARLO_POST_PATTERN_RECORDS_H_
-#define QUARLO_POST_PATTERN_RECORDS_H_
+#ifndef QUARLO_CLI_PATTERN_RECORDS_H_
+#define QUARLO_CLI_PATTERN_RECORDS_H_
 
 #include <cstdint>
 #include <map>
@@ -10,29 +10,11 @@
 #include <string_view>
 #include <vector>
 
-namespace quarlo::detail {
+#include "base/tokens.h"
 
-// True for the six white-space bytes of the C locale: blank, \t, \n, \v, \f, \r.
-inline bool is_white_space(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
+namespace quarlo::cli {
 
-// Cuts the next white-space-separated token from the front of *rest; an empty
-// view when none is left.
-inline std::string_view next_token(std::string_view* rest) {
-  const char* p = rest->data();
-  const char* const end = p + rest->size();
-  while (p < end && is_white_space(*p)) ++p;
-  const char* const start = p;
-  while (p < end && !is_white_space(*p)) ++p;
-  *rest = std::string_view(p, static_cast<size_t>(end - p));
-  return std::string_view(start, static_cast<size_t>(p - start));
-}
-
-// Reads `token` as an unsigned 32-bit decimal: one or more digits whose value
-// fits in 32 bits, or exactly "-1", which reads as 4294967295. Writes the value
-// and returns true; returns false for any other token.
-bool read_number(std::string_view token, uint32_t* value);
+using namespace quarlo::detail;
 
 // Items in ascending order without duplicates (kept so by add_item).
 using ItemList = std::vector<uint32_t>;
@@ -82,6 +64,6 @@ class SequenceSet {
   uint32_t max_length_ = 0;
 };
 
-}  // namespace quarlo::detail
+}  // namespace quarlo::cli
 
-#endif  // QUARLO_POST_PATTERN_RECORDS_H_
+#endif  // QUARLO_CLI_PATTERN_RECORDS_H_
