@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <string>
 
+#include "cli/label_files.h"
 #include "convert/label_table.h"
 #include "base/report.h"
-#include "convert/records.h"
+#include "cli/binary_file.h"
 #include "base/io.h"
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -28,7 +30,7 @@ int main(int argc, char** argv) {
   double t0 = wall_seconds();
   table.load_labels(file.c_str());
   double t1 = wall_seconds();
-  if (table.convert(file.c_str(), conv.c_str()) != 0) return 1;
+  if (convert_file(&table, file.c_str(), conv.c_str()) != 0) return 1;
   double t2 = wall_seconds();
   if (ttoqr(conv.c_str(), qr.c_str(), &item_count, &rep) != 0) {
     fprintf(stderr, "conv_run: %s\n", rep.summary().c_str());

@@ -10,7 +10,8 @@
 #include <set>
 #include <vector>
 
-#include "engine/pattern_sink.h"
+#include "cli/pattern_file.h"
+#include "cli/binary_file.h"
 #include "engine/engine.h"
 #include "cli/driver.h"
 #include "base/report.h"

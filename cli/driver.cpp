@@ -1,3 +1,4 @@
+#include "cli/pattern_file.h"
 #include "cli/driver.h"
 
 #include <fcntl.h>
@@ -18,13 +19,14 @@
 #include <string>
 #include <vector>
 
+#include "cli/label_files.h"
 #include "convert/label_table.h"
 #include "cli/pc_list.h"
 #include "cli/log.h"
 #include "cli/maximal_file.h"
 #include "engine/engine.h"
 #include "base/report.h"
-#include "convert/records.h"
+#include "cli/binary_file.h"
 #include "base/io.h"
 #include "cli/options.h"
 
@@ -279,7 +281,7 @@ int transform_input(LabelTable* labels, uint32_t* nitems, Timings* t, Reporter* 
   close(in);
   labels->add_reserved_token("-1");
   labels->load_labels(get_input_file());
-  if (labels->convert(get_input_file(), get_conv_file()) != 0) {
+  if (convert_file(labels, get_input_file(), get_conv_file()) != 0) {
     explain(get_conv_file());
     report_conversion_failure(kLineConvert);
     return kStatusConvert;
@@ -382,7 +384,7 @@ void print_length_counts(const std::vector<uint32_t>& counts) {
 int group_and_convert(const LabelTable& labels) {
   unlink(g_names.fp_tmp.c_str());
   if (!group_by_length(get_fp_conv_file())) return kStatusConvert;
-  if (labels.r_convert(get_fp_conv_file(), g_names.fp_tmp.c_str(), 3) != 0) {
+  if (r_convert(labels, get_fp_conv_file(), g_names.fp_tmp.c_str(), 3) != 0) {
     explain(g_names.fp_tmp.c_str());
     report_conversion_failure(kLineBackConvert);
     return kStatusConvert;
@@ -412,7 +414,7 @@ int run_stages(LabelTable* labels) {
   // groups in one pass; when that fails, the two passes below run as ever,
   // so they alone decide the report and the files a failure leaves.
   const bool one_pass = !want_maximal() && !written.bytes.empty() &&
-      labels->r_convert_sections(get_fp_conv_file(), g_names.fp_tmp.c_str(), written.bytes) == 0;
+      r_convert_sections(*labels, get_fp_conv_file(), g_names.fp_tmp.c_str(), written.bytes) == 0;
   if (one_pass) {
     print_length_counts(written.counts);
   } else {

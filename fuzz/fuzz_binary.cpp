@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "fuzz_files.h"
+#include "cli/binary_file.h"
 #include "engine/transaction_store.h"
 #include "base/report.h"
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const Scratch file("db.qr");

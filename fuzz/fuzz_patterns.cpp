@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz_files.h"
-#include "engine/pattern_sink.h"
+#include "cli/pattern_file.h"
 #include "cli/pc_list.h"
 #include "base/report.h"
 #include "cli/pattern_records.h"

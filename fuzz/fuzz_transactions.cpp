@@ -8,13 +8,15 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/label_files.h"
 #include "convert/label_table.h"
 #include "fuzz_files.h"
 #include "quarlo/quarlo.h"
 #include "cli/pattern_records.h"
-#include "convert/records.h"
+#include "cli/binary_file.h"
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 namespace {
 
@@ -72,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   LabelTable labels;
   labels.add_reserved_token("-1");
   labels.load_labels(input.c_str());
-  FUZZ_CHECK(labels.convert(input.c_str(), conv.c_str()) == 0);
+  FUZZ_CHECK(convert_file(&labels, input.c_str(), conv.c_str()) == 0);
 
   // Every converted line as a numbered pattern line turns back into the labels.
   std::string pattern_file, expected;
@@ -90,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     expected += "\n";
   }
   write_file(numbered, pattern_file);
-  FUZZ_CHECK(labels.r_convert(numbered.c_str(), back.c_str(), 3) == 0);
+  FUZZ_CHECK(r_convert(labels, numbered.c_str(), back.c_str(), 3) == 0);
   FUZZ_CHECK(read_file(back) == expected);
 
   uint32_t item_count = 0;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/pattern_sink.h"
+#include "cli/pattern_file.h"
 #include "cli/driver.h"
 #include "support/harness.h"
 

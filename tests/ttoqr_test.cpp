@@ -1,7 +1,7 @@
 // The converted text file to the binary transaction file: records, the item
 // count, pieces of an over-long last line, and the failures that a whole run
 // cannot provoke. Large inputs are checked through the library against the program.
-#include "convert/records.h"
+#include "cli/binary_file.h"
 
 #include <string>
 #include <vector>
@@ -9,6 +9,7 @@
 #include "support/harness.h"
 
 using namespace quarlo::detail;
+using namespace quarlo::cli;
 
 namespace {
 

@@ -1,7 +1,6 @@
-// Item labels and dense item numbers: reads the user's transaction file once to
-// number every distinct token (numbers by value first, then labels byte-wise),
-// writes the converted file of item numbers, and turns a numbered pattern file
-// back into the user's labels. The driver owns the one table of a run; no
+// Item labels and dense item numbers: reads the user's transactions once to
+// number every distinct token (numbers by value first, then labels byte-wise)
+// and converts a line's tokens to item numbers. The driver owns the one table of a run; no
 // process-wide state.
 #ifndef QUARLO_CONVERT_LABEL_TABLE_H_
 #define QUARLO_CONVERT_LABEL_TABLE_H_
@@ -45,12 +44,6 @@ class LabelTable {
   // labels in unsigned byte order; fills the label list.
   void assign_item_numbers();
 
-  // Writes `output` (mode 0664 before the umask) with every token of `input`
-  // replaced by its item number (reserved tokens kept), each token followed by
-  // one blank, one line per input line. Returns 0, or 1 when either file
-  // cannot be opened or a write fails. Writes no message.
-  unsigned convert(const char* input, const char* output);
-
   // The converted text of one line, without its newline, as convert writes
   // it: every token replaced by its item number (reserved tokens kept), each
   // followed by one blank. Replaces what *out held.
@@ -64,31 +57,11 @@ class LabelTable {
 
   unsigned label_count() const { return static_cast<unsigned>(labels_.size() + numbers_.size()); }
 
-  // Writes `output` (mode 0664) from the pattern file `input`: the first
-  // `skip` tokens of a line and reserved tokens unchanged, every other token
-  // read as an item number and replaced by its label; one blank after every
-  // token. Returns 0, or 1 when a file cannot be opened, a write fails, or an
-  // item token is not an unsigned decimal below the number of labels.
-  unsigned r_convert(const char* input, const char* output, unsigned skip) const;
+  // Every label by item number.
+  const std::vector<std::string>& labels() const { return label_list_; }
 
-  // What r_convert(input, output, 3) followed by grouping the lines by
-  // length would write, in one pass: the lines of length L (the number before
-  // the first "-" plus one) go, in file order, to a section of bytes[L - 1]
-  // bytes placed after the sections of the shorter lengths. For pattern
-  // files whose lines are "L-N support percent items" with single blanks.
-  // Returns 0, or 1 when a file cannot be opened, a write fails, a line is
-  // not of that form, or a section does not come out at its size. Writes no
-  // message.
-  unsigned r_convert_sections(const char* input, const char* output,
-                              const std::vector<uint64_t>& bytes) const;
-
- private:
-  struct TextHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
-  };
-
-  // Appends the converted tokens of `line` to `out` (an OutBuffer or a string).
+  // Appends the converted tokens of `line` to `out` (an OutBuffer or a
+  // string), as convert_line does.
   template <class Out>
   void convert_line(std::string_view line, Out* out) {
     char digits[10];
@@ -102,10 +75,18 @@ class LabelTable {
     }
   }
 
+  // True for a token marked by add_reserved_token.
   bool is_reserved(std::string_view token) const {
     return !token.empty() && reserved_first_[static_cast<unsigned char>(token[0])] &&
            reserved_.find(token) != reserved_.end();
   }
+
+ private:
+  struct TextHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
+  };
+
   static bool number_value(std::string_view text, uint32_t* value);
   void build_number_index();
   void build_label_index();

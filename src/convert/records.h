@@ -1,7 +1,6 @@
-// Converted text file (FILE.conv) to binary transaction file (FILE.qr): one
-// record per line that holds an item, a count word and the ascending item
-// numbers, all little-endian 32-bit. Also the line rules the in-memory
-// loaders share with it. No state beyond one call.
+// The line rules that turn a converted line into a transaction record: its
+// items in line order, the check for a second itemset, the ascending order
+// without repeats, and the pieces an over-long last line is read in. No state.
 #ifndef QUARLO_CONVERT_RECORDS_H_
 #define QUARLO_CONVERT_RECORDS_H_
 
@@ -14,13 +13,6 @@
 #include "base/report.h"
 
 namespace quarlo::detail {
-
-// Writes `output` (mode 0666 before the umask) from `input`: one record per
-// line with items; a line whose items are split by "-1" is an error. Returns
-// 0, or 1 after a report; records written before a failure stay in `output`.
-// *item_count becomes one more than the largest item number written (0 if
-// none); items of 2147483647 and above do not raise it (the comparison is signed).
-unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep);
 
 // Reads the items of one converted line into *items, in line order: up to the
 // first token that is not a number, or up to a NUL byte. Returns false when a

@@ -111,16 +111,4 @@ int mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precoun
   return status;
 }
 
-int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
-                           EngineClient* client) {
-  if (init_buf_pool(&e->pool, e->nitems) != 0) return fatal(e, "init_buf_pool", 96);
-  TranBuf db = {};
-  if (init_buf(&e->pool, &db) != 0) return fatal(e, "init_buf", 101);
-  if (load_trandb(&e->pool, qr_file, &db) != 0) {
-    free_buf(&e->pool, &db);
-    return fatal(e, "load_trandb", 106);
-  }
-  return mine_database(e, &db, spec, nullptr, client);
-}
-
 }  // namespace quarlo::detail

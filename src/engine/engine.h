@@ -99,11 +99,6 @@ int build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans);
 int mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
                   EngineClient* client);
 
-// Loads the binary transaction file `qr_file` and mines it as mine_database
-// does. Returns 0, or 1 after a report.
-int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
-                           EngineClient* client);
-
 }  // namespace quarlo::detail
 
 #endif  // QUARLO_ENGINE_ENGINE_H_

@@ -12,25 +12,6 @@ namespace {
 
 const char kSrc[] = "qrdb";
 
-// Grows `buf` by one block, keeping its contents; a moved pool block stays the
-// pool's. Traces the realloc with `line` and returns -1 on failure.
-int grow(TranPool* pool, TranBuf* buf, int line) {
-  const uint32_t wanted = buf->capacity + kTranBlockBytes;
-  int pool_index = -1;
-  for (int i = 0; i < 2; ++i) {
-    if (pool->block[i] != nullptr && pool->block[i] == buf->data) pool_index = i;
-  }
-  void* moved = realloc(buf->data, wanted);
-  if (moved == nullptr) {
-    pool->rep->tracef("%s(%d) : realloc(%u)\n", kSrc, line, wanted);
-    return -1;
-  }
-  if (pool_index >= 0) pool->block[pool_index] = static_cast<int32_t*>(moved);
-  buf->data = static_cast<int32_t*>(moved);
-  buf->capacity = wanted;
-  return 0;
-}
-
 // Unpacks the record whose first word is words[0] into `cur`; returns its
 // weight and sets *used to the number of words it takes (0 at the end word).
 int32_t unpack(const int32_t* words, CurTran* cur, uint32_t* used) {
@@ -116,35 +97,20 @@ void free_buf(TranPool* pool, TranBuf* buf) {
   free(buf->data);
 }
 
-int load_trandb(TranPool* pool, const char* path, TranBuf* buf) {
-  int fd = open(path, O_RDONLY);
-  if (fd < 0) {
-    pool->rep->trace_errno("open");
-    pool->rep->tracef("%s(%d) : open\n", kSrc, 134);
+int grow_buf(TranPool* pool, TranBuf* buf, int line) {
+  const uint32_t wanted = buf->capacity + kTranBlockBytes;
+  int pool_index = -1;
+  for (int i = 0; i < 2; ++i) {
+    if (pool->block[i] != nullptr && pool->block[i] == buf->data) pool_index = i;
+  }
+  void* moved = realloc(buf->data, wanted);
+  if (moved == nullptr) {
+    pool->rep->tracef("%s(%d) : realloc(%u)\n", kSrc, line, wanted);
     return -1;
   }
-  uint32_t filled = 0;
-  for (;;) {
-    char* at = reinterpret_cast<char*>(buf->data) + filled;
-    ssize_t got = read(fd, at, kTranBlockBytes);
-    if (got < 0) {
-      pool->rep->trace_errno("read");
-      pool->rep->tracef("%s(%d) : read\n", kSrc, 143);
-      close(fd);
-      return -1;
-    }
-    if (got == 0) break;
-    filled += static_cast<uint32_t>(got);
-    if (got == kTranBlockBytes || got + 4 > kTranBlockBytes) {
-      if (grow(pool, buf, 163) != 0) {
-        close(fd);
-        return -1;
-      }
-    }
-    if (got < kTranBlockBytes) break;
-  }
-  close(fd);
-  buf->data[filled / 4] = 0;
+  if (pool_index >= 0) pool->block[pool_index] = static_cast<int32_t*>(moved);
+  buf->data = static_cast<int32_t*>(moved);
+  buf->capacity = wanted;
   return 0;
 }
 
@@ -155,7 +121,7 @@ int insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items, u
   const uint64_t bytes = 4 * (uint64_t{n} + head_words);
   // One step per append as a rule; a record longer than a step takes more.
   while (buf->position + bytes >= buf->capacity) {
-    if (grow(pool, buf, w == 1 ? 247 : 274) != 0) return -1;
+    if (grow_buf(pool, buf, w == 1 ? 247 : 274) != 0) return -1;
   }
   int32_t* out = buf->data + buf->position / 4;
   if (w == 1) {

@@ -59,9 +59,9 @@ int init_buf(TranPool* pool, TranBuf* buf);
 // Returns a pool block to the pool, or releases a block that is not the pool's.
 void free_buf(TranPool* pool, TranBuf* buf);
 
-// Reads the binary transaction file at `path` whole into `buf` (made by
-// init_buf) and terminates it with the end word. Returns 0, or -1 after a trace.
-int load_trandb(TranPool* pool, const char* path, TranBuf* buf);
+// Grows `buf` by one block, keeping its contents; a moved pool block stays
+// the pool's. Returns 0, or -1 after tracing the realloc with `line`.
+int grow_buf(TranPool* pool, TranBuf* buf, int line);
 
 // Appends one record of `n` items with weight `w` at the write end (nothing
 // for w == 0) and keeps the buffer terminated. Returns 0, or -1 after a trace

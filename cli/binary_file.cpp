@@ -1,0 +1,161 @@
+#include "cli/binary_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "base/io.h"
+#include "convert/records.h"
+
+namespace quarlo::cli {
+
+namespace {
+
+const char kSrc[] = "ttoqr";
+const char kUtilSrc[] = "../vscom/util";  // an input that cannot be opened reports as util
+const char kStoreSrc[] = "qrdb";
+const char kEngineSrc[] = "qr";
+
+uint32_t to_little_endian(uint32_t v) {
+  if constexpr (std::endian::native == std::endian::big) return __builtin_bswap32(v);
+  return v;
+}
+
+void raise_item_count(uint32_t item, uint32_t* item_count) {
+  if (static_cast<int32_t>(item + 1) > static_cast<int32_t>(*item_count)) *item_count = item + 1;
+}
+
+int engine_fatal(Engine* e, const char* stage, unsigned line) {
+  e->rep->printf("%s(%u) Fatal error in %s()", kEngineSrc, line, stage);
+  return 1;
+}
+
+// Appends the record of *items (normalized here) to `out`.
+void put_record(std::vector<uint32_t>* items, OutBuffer* out, uint32_t* item_count) {
+  normalize_record(items);
+  const uint32_t n = to_little_endian(static_cast<uint32_t>(items->size()));
+  out->put(&n, sizeof n);
+  for (uint32_t item : *items) {
+    raise_item_count(item, item_count);
+    const uint32_t word = to_little_endian(item);
+    out->put(&word, sizeof word);
+  }
+}
+
+// Converts one line (or one piece of an over-long last line). Returns 0, or 1
+// after a report.
+unsigned convert_line(std::string_view line, std::vector<uint32_t>* items, OutBuffer* out,
+                      uint32_t* item_count, Reporter* rep) {
+  if (!collect_items(line, items)) {
+    report_two_itemsets(rep);
+    return 1;
+  }
+  if (items->empty()) return 0;
+  put_record(items, out, item_count);
+  if (out->failed()) {
+    errno = out->error();
+    rep->perror("%s(%u) write(*, *, %u)", kSrc, 103u, 4u);
+    return 1;
+  }
+  return 0;
+}
+
+// Converts every line of `in`, piece by piece.
+unsigned convert_lines(int in, OutBuffer* out, uint32_t* item_count, Reporter* rep) {
+  LineReader reader(in);
+  LinePieces pieces;
+  std::vector<uint32_t> items;
+  std::string_view line;
+  bool terminated = false;
+  while (reader.next(&line, &terminated)) {
+    const bool ok = pieces.each(line, terminated, [&](std::string_view part) {
+      return convert_line(part, &items, out, item_count, rep) == 0;
+    });
+    if (!ok) return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep) {
+  *item_count = 0;
+  int in = open(input, O_RDONLY);
+  if (in < 0) {
+    rep->perror("%s(%u) fopen(%s, \"r\")", kUtilSrc, 104u, input);
+    rep->printf("%s(%u) Fatal error in max_line_size(%s)", kSrc, 64u, input);
+    return 1;
+  }
+  int out_fd = create_fresh(output, 0666);
+  if (out_fd < 0) {
+    rep->perror("%s(%u) open(%s)", kSrc, 82u, output);
+    close(in);
+    return 1;
+  }
+  OutBuffer out(out_fd);
+  unsigned status = convert_lines(in, &out, item_count, rep);
+  if (out.flush() != 0 && status == 0) {
+    rep->perror("%s(%u) write(*, *, %u)", kSrc, 103u, 4u);
+    status = 1;
+  }
+  if (close(in) != 0 && status == 0) {
+    rep->perror("%s(%u) fclose()", kSrc, 111u);
+    status = 1;
+  }
+  if (close(out_fd) != 0 && status == 0) {
+    rep->perror("%s(%u) close()", kSrc, 115u);
+    status = 1;
+  }
+  return status;
+}
+
+int load_trandb(TranPool* pool, const char* path, TranBuf* buf) {
+  int fd = open(path, O_RDONLY);
+  if (fd < 0) {
+    pool->rep->trace_errno("open");
+    pool->rep->tracef("%s(%d) : open\n", kStoreSrc, 134);
+    return -1;
+  }
+  uint32_t filled = 0;
+  for (;;) {
+    char* at = reinterpret_cast<char*>(buf->data) + filled;
+    ssize_t got = read(fd, at, kTranBlockBytes);
+    if (got < 0) {
+      pool->rep->trace_errno("read");
+      pool->rep->tracef("%s(%d) : read\n", kStoreSrc, 143);
+      close(fd);
+      return -1;
+    }
+    if (got == 0) break;
+    filled += static_cast<uint32_t>(got);
+    if (got == kTranBlockBytes || got + 4 > kTranBlockBytes) {
+      if (grow_buf(pool, buf, 163) != 0) {
+        close(fd);
+        return -1;
+      }
+    }
+    if (got < kTranBlockBytes) break;
+  }
+  close(fd);
+  buf->data[filled / 4] = 0;
+  return 0;
+}
+
+int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
+                           EngineClient* client) {
+  if (init_buf_pool(&e->pool, e->nitems) != 0) return engine_fatal(e, "init_buf_pool", 96);
+  TranBuf db = {};
+  if (init_buf(&e->pool, &db) != 0) return engine_fatal(e, "init_buf", 101);
+  if (load_trandb(&e->pool, qr_file, &db) != 0) {
+    free_buf(&e->pool, &db);
+    return engine_fatal(e, "load_trandb", 106);
+  }
+  return mine_database(e, &db, spec, nullptr, client);
+}
+
+}  // namespace quarlo::cli
