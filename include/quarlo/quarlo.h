@@ -30,7 +30,9 @@
 
 namespace quarlo {
 
-// The one error type of the library.
+// The one error type of the library. An I/O error also names the errno of
+// the call that failed and the file (error_number() 0 and path() empty when
+// there is none), so callers need not read the message to tell the cause.
 class Error : public std::runtime_error {
  public:
   enum class Kind {
@@ -38,11 +40,16 @@ class Error : public std::runtime_error {
     kIo,               // a file that cannot be read
     kOutOfMemory,      // memory ran short
   };
-  Error(Kind kind, const std::string& message) : std::runtime_error(message), kind_(kind) {}
+  Error(Kind kind, const std::string& message, int error_number = 0, std::string path = {})
+      : std::runtime_error(message), kind_(kind), error_number_(error_number), path_(std::move(path)) {}
   Kind kind() const { return kind_; }
+  int error_number() const { return error_number_; }
+  const std::string& path() const { return path_; }
 
  private:
   Kind kind_;
+  int error_number_;
+  std::string path_;
 };
 
 // The minimum support an itemset must reach, per length. Percentages become
