@@ -17,6 +17,7 @@
 #include "base/report.h"
 #include "support/support_table.h"
 #include "base/io.h"
+#include "cli/log.h"
 #include "cli/options.h"
 
 using namespace quarlo::detail;
@@ -66,11 +67,12 @@ long convert(const char* in, const char* out) {
 // The patterns go to FILE.fp_conv, as in a quarlo run, without the report blocks.
 class FileClient : public EngineClient {
  public:
+  explicit FileClient(const Options& o) : o_(o) {}
   void counted(const Engine&, uint32_t) override {}
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    return writer_.open(get_fp_conv_file(), ntrans, e->nitems, e->rep) == 0 ? &writer_ : nullptr;
+    return writer_.open(sink_name(), ntrans, e->nitems, e->rep) == 0 ? &writer_ : nullptr;
   }
-  const char* sink_name() const override { return get_fp_conv_file(); }
+  const char* sink_name() const override { return o_.names.fp_conv.c_str(); }
   bool close_sink(Engine*, bool complete) override {
     if (complete) return writer_.close() == 0;
     writer_.abandon();
@@ -78,22 +80,22 @@ class FileClient : public EngineClient {
   }
 
  private:
+  const Options& o_;
   PatternFileWriter writer_;
 };
 
 // With --table first, prints "LEN COUNT" for every length instead of mining:
 // the minimum support counts that the options give on this input.
-int print_table(uint32_t nitems, Reporter* rep) {
+int print_table(const Options& o, uint32_t nitems, Reporter* rep) {
   uint32_t ntrans = 0;
-  FILE* f = fopen(get_qr_file(), "rb");
+  FILE* f = fopen(o.names.qr.c_str(), "rb");
   for (uint32_t n; f != nullptr && fread(&n, 4, 1, f) == 1; ++ntrans) fseek(f, 4L * n, SEEK_CUR);
   if (f != nullptr) fclose(f);
   SupportTable table;
-  const char* file = get_supp_table_file();
+  const char* file = o.supp_table_file;
   if (file == nullptr) {
-    table.set_constant(percent_to_count(get_min_support(), ntrans), ntrans, nitems,
-                       get_min_size());
-  } else if (!table.load_file(file, ntrans, nitems, get_min_size(), rep)) {
+    table.set_constant(percent_to_count(o.min_support, ntrans), ntrans, nitems, o.min_size);
+  } else if (!table.load_file(file, ntrans, nitems, o.min_size, rep)) {
     return 2;
   }
   for (uint32_t len = 1; len <= nitems; ++len) printf("%u %u\n", len, table.minsup_of_length(len));
@@ -109,27 +111,29 @@ int main(int argc, char** argv) {
     ++argv;
     --argc;
   }
-  parse(argc, argv, 0);
-  const long top = convert(get_input_file(), get_qr_file());
+  Options o;
+  Console console;
+  if (!parse(argc, argv, 0, &o, &console)) return 1;
+  const long top = convert(o.input_file.c_str(), o.names.qr.c_str());
   if (top < 0) {
-    fprintf(stderr, "engine_run: cannot convert %s\n", get_input_file());
+    fprintf(stderr, "engine_run: cannot convert %s\n", o.input_file.c_str());
     return 2;
   }
   CollectingReporter rep;
   int status = 0;
   if (table_only) {
-    status = print_table(static_cast<uint32_t>(top), &rep);
+    status = print_table(o, static_cast<uint32_t>(top), &rep);
   } else {
     Engine engine(&rep);
     engine.nitems = static_cast<uint32_t>(top);
-    engine.min_size = get_min_size();
-    engine.max_size = get_max_size();
-    FileClient client;
+    engine.min_size = o.min_size;
+    engine.max_size = o.max_size;
+    FileClient client(o);
     const double start = wall_seconds();
-    status = find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client);
+    status = find_frequent_patterns(&engine, o.names.qr.c_str(), support_of(o), &client);
     fprintf(stderr, "engine seconds: %.3f\n", wall_seconds() - start);
   }
-  remove(get_qr_file());
+  remove(o.names.qr.c_str());
   if (status != 0) {
     fprintf(stderr, "engine_run: %s\n", rep.summary().c_str());
     return 2;

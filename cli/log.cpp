@@ -11,23 +11,13 @@
 #include <ctime>
 #include <vector>
 
+#include "base/sites.h"
+
 namespace quarlo::cli {
 
 using namespace quarlo::detail;
 
 namespace {
-
-const char kSrc[] = "../vscom/log";
-FILE* g_log = nullptr;  // the log stream; null until log_open
-
-// The progress line: on only when standard error is a terminal.
-struct Progress {
-  bool on = false;
-  volatile sig_atomic_t shown = false;  // a line stands on the terminal now
-  const char* stage = "";
-  double last = 0.0;         // when it was last written
-};
-Progress g_progress;
 
 double seconds_now() {
   timespec ts;
@@ -35,16 +25,18 @@ double seconds_now() {
   return static_cast<double>(ts.tv_sec) + ts.tv_nsec * 1e-9;
 }
 
-void show_progress(const char* text) {
+}  // namespace
+
+void Console::show_progress(const char* text) {
   fprintf(stderr, "\r\033[Kquarlo: %s", text);
   fflush(stderr);
-  g_progress.shown = true;
-  g_progress.last = seconds_now();
+  progress_.shown = true;
+  progress_.last = seconds_now();
 }
 
 // Formats one report into a line buffer of 4096 bytes, grown only for reports
 // that would not fit, so short reports come out exactly as vsprintf makes them.
-void report(bool with_errno, const char* fmt, va_list args) {
+void Console::report(bool with_errno, const char* fmt, va_list args) {
   const int saved_errno = errno;
   char fixed[4096];
   std::vector<char> grown;
@@ -69,36 +61,38 @@ void report(bool with_errno, const char* fmt, va_list args) {
   buf[len] = '\0';
   progress_clear();
   fflush(stdout);
-  if (g_log != nullptr) fputs(buf, g_log);
+  if (log_ != nullptr) fputs(buf, log_);
   fputs(buf, stdout);
-  if (g_log != nullptr) fflush(g_log);
+  if (log_ != nullptr) fflush(log_);
 }
 
-}  // namespace
+Console::~Console() {
+  if (log_ != nullptr && log_ != stderr) fclose(log_);
+}
 
-int log_open(const char* name) {
+bool Console::open_log(const char* name) {
   if (name == nullptr) {
-    g_log = stderr;
-    return 0;
+    log_ = stderr;
+    return true;
   }
   FILE* f = fopen(name, "a");
   if (f == nullptr) {
-    perror("fopen");
-    fprintf(stderr, "%s(%d): Cannot open log file\n", kSrc, 56);
-    return 1;
+    ::perror("fopen");
+    fprintf(stderr, "%s(%u): Cannot open log file\n", sites::kLogOpen.module, sites::kLogOpen.line);
+    return false;
   }
-  g_log = f;
-  return 0;
+  log_ = f;
+  return true;
 }
 
-void log_printf(const char* fmt, ...) {
+void Console::printf(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
   report(false, fmt, args);
   va_end(args);
 }
 
-void log_perror(const char* fmt, ...) {
+void Console::perror(const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
   report(true, fmt, args);
@@ -106,42 +100,42 @@ void log_perror(const char* fmt, ...) {
 }
 
 void LogReporter::line(std::string_view text) {
-  log_printf("%.*s", static_cast<int>(text.size()), text.data());
+  console_->printf("%.*s", static_cast<int>(text.size()), text.data());
 }
 
 void LogReporter::trace(std::string_view text) {
-  progress_clear();
+  console_->progress_clear();
   fwrite(text.data(), 1, text.size(), stderr);
 }
 
-void progress_start() { g_progress.on = isatty(2) == 1; }
+void Console::progress_start() { progress_.on = isatty(2) == 1; }
 
-void progress_stage(const char* stage) {
-  if (!g_progress.on) return;
-  g_progress.stage = stage;
+void Console::progress_stage(const char* stage) {
+  if (!progress_.on) return;
+  progress_.stage = stage;
   show_progress(stage);
 }
 
-void progress_share(uint32_t done, uint32_t total) {
-  if (!g_progress.on || total == 0 || seconds_now() - g_progress.last < 0.1) return;
+void Console::progress_share(uint32_t done, uint32_t total) {
+  if (!progress_.on || total == 0 || seconds_now() - progress_.last < 0.1) return;
   char text[160];
-  snprintf(text, sizeof text, "%s, %u of %u top-level items (%u%%)", g_progress.stage, done, total,
+  snprintf(text, sizeof text, "%s, %u of %u top-level items (%u%%)", progress_.stage, done, total,
            static_cast<unsigned>(100.0 * done / total));
   show_progress(text);
 }
 
-void progress_clear_on_signal() {
-  if (g_progress.shown) {
+void Console::progress_clear_on_signal() const {
+  if (progress_.shown) {
     const ssize_t n = write(2, "\r\033[K", 4);
     (void)n;
   }
 }
 
-void progress_clear() {
-  if (!g_progress.shown) return;
+void Console::progress_clear() {
+  if (!progress_.shown) return;
   fputs("\r\033[K", stderr);
   fflush(stderr);
-  g_progress.shown = false;
+  progress_.shown = false;
 }
 
 }  // namespace quarlo::cli

@@ -5,7 +5,6 @@
 #include <csignal>
 
 #include "cli/driver.h"
-#include "cli/options.h"
 
 int main(int argc, char** argv) {
   // A closed standard stream would hand its descriptor to the first file
@@ -16,6 +15,7 @@ int main(int argc, char** argv) {
   // The results go to files; a console that stops reading (quarlo ... | head)
   // must not end the run, so failed writes to standard output are ignored.
   signal(SIGPIPE, SIG_IGN);
-  quarlo::cli::parse(argc, argv, 0);
-  return quarlo::cli::run_pipeline();
+  quarlo::cli::Driver driver;
+  if (!driver.parse(argc, argv)) return 1;  // the usage text was printed
+  return driver.run();
 }

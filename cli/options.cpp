@@ -4,17 +4,16 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
+#include "base/sites.h"
 #include "cli/log.h"
-#include "base/io.h"
 
 namespace quarlo::cli {
 
 using namespace quarlo::detail;
 
 namespace {
-
-const char kSrc[] = "../vscom/vscmdl";
 
 // The usage texts are printed as they stand; their wording is part of the
 // product. Both programs' texts are made of these pieces, in the order of the
@@ -94,33 +93,6 @@ const char* const kUsageQuarlo[] = {kHeadQuarlo, kFileQuarlo, kOptionalHeader, k
 const char* const kUsageVorsel[] = {kHeadVorsel, kFileVorsel,    kOptionalHeader, kBufferAndDir,
                                     kCommonOptions, kTidList, kMaximal};
 
-// Flags hold 1 when the option was not given and 2 when it was.
-const unsigned char kFlagOff = 1;
-const unsigned char kFlagOn = 2;
-
-// The process-wide option record, in the order the report and the getters use.
-struct Options {
-  const char* input_file;      // the FILE operand itself
-  char* conv_file;             // FILE.conv: items as dense numbers
-  char* qr_file;               // FILE.qr: binary transactions
-  char* tid_file;              // FILE.tid: TID list (left empty by -x runs)
-  char* pc_file;               // FILE.pc: parent-children list
-  char* fp_conv_file;          // FILE.fp_conv: patterns in item numbers
-  char* fp_file;               // FILE.fp: patterns in the user's labels
-  uint32_t min_size;           // -m
-  uint32_t max_size;           // -M
-  double min_support;          // -s, percent
-  const char* supp_table_file; // -S
-  unsigned char pc_flag;       // -p
-  unsigned char tid_flag;      // -t
-  unsigned char maximal_flag;  // -x
-};
-
-const Options kDefaults = {nullptr, nullptr, nullptr, nullptr,  nullptr,  nullptr, nullptr,
-                           1,       4294967295u, 0.0, nullptr, kFlagOff, kFlagOff, kFlagOff};
-
-Options g_opts = kDefaults;
-
 const struct option kLongOptions[] = {
     {"bufsize", required_argument, nullptr, 'b'},
     {"dir", required_argument, nullptr, 'd'},
@@ -139,60 +111,56 @@ uint32_t to_u32(const char* text) {
   return static_cast<uint32_t>(strtol(text, nullptr, 10));
 }
 
-// Applies one option returned by getopt_long to the record.
-void apply_option(int c, int selector) {
+// Applies one option returned by getopt_long to the record. False for -h.
+bool apply_option(int c, Options* o, Console* console) {
   switch (c) {
     case 'b':  // accepted for the sibling's buffer size and directory; no effect here
     case 'd': break;
-    case 'h': print_usage(selector); exit(1);
-    case 'm': g_opts.min_size = to_u32(optarg); break;
-    case 'M': g_opts.max_size = to_u32(optarg); break;
-    case 'p': g_opts.pc_flag = kFlagOn; break;
-    case 's': g_opts.min_support = strtod(optarg, nullptr); break;
-    case 'S': g_opts.supp_table_file = optarg; break;
-    case 't': g_opts.tid_flag = kFlagOn; break;
-    case 'x': g_opts.maximal_flag = kFlagOn; break;
+    case 'h': return false;
+    case 'm': o->min_size = to_u32(optarg); break;
+    case 'M': o->max_size = to_u32(optarg); break;
+    case 'p': o->pc_list = true; break;
+    case 's': o->min_support = strtod(optarg, nullptr); break;
+    case 'S': o->supp_table_file = optarg; break;
+    case 't': o->tid_list = true; break;
+    case 'x': o->maximal = true; break;
     case '?': break;  // getopt_long has already complained on stderr
     default:
-      log_printf("%s(%u) getopt returned invalid character code 0x%x\n", kSrc, 157u,
-                 static_cast<unsigned>(c));
+      console->printf("%s(%u) getopt returned invalid character code 0x%x\n",
+                      sites::kGetopt.module, sites::kGetopt.line, static_cast<unsigned>(c));
   }
-}
-
-void free_names() {
-  char** names[] = {&g_opts.conv_file, &g_opts.qr_file,      &g_opts.tid_file,
-                    &g_opts.pc_file,   &g_opts.fp_conv_file, &g_opts.fp_file};
-  for (char** n : names) {
-    free(*n);
-    *n = nullptr;
-  }
-}
-
-void build_names(const char* file) {
-  g_opts.conv_file = name_join(file, "conv");
-  g_opts.qr_file = name_join(file, "qr");
-  g_opts.tid_file = name_join(file, "tid");
-  g_opts.pc_file = name_join(file, "pc");
-  g_opts.fp_conv_file = name_join(file, "fp_conv");
-  g_opts.fp_file = name_join(file, "fp");
+  return true;
 }
 
 }  // namespace
 
-void parse(int argc, char** argv, int selector) {
-  free_names();
-  g_opts = kDefaults;
+void FileNames::derive(const std::string& file) {
+  if (file.empty()) return;  // no names can be derived from an empty FILE
+  conv = file + ".conv";
+  qr = file + ".qr";
+  tid = file + ".tid";
+  pc = file + ".pc";
+  fp_conv = file + ".fp_conv";
+  fp = file + ".fp";
+}
+
+bool parse(int argc, char** argv, int selector, Options* options, Console* console) {
+  *options = Options();
   optind = 0;  // full getopt re-initialisation, so parse can run more than once
   int c;
   while ((c = getopt_long(argc, argv, "b:d:hm:M:ps:S:tx", kLongOptions, nullptr)) != -1) {
-    apply_option(c, selector);
+    if (!apply_option(c, options, console)) {
+      print_usage(selector);
+      return false;
+    }
   }
   if (optind >= argc) {
     print_usage(selector);
-    exit(1);
+    return false;
   }
-  g_opts.input_file = argv[optind++];
-  build_names(g_opts.input_file);
+  options->input_file = argv[optind++];
+  options->names.derive(options->input_file);
+  return true;
 }
 
 void print_usage(int selector) {
@@ -204,39 +172,22 @@ void print_usage(int selector) {
   fflush(stdout);
 }
 
-void print_options() {
-  log_printf("Options ------------------------------------------------------------------------");
-  log_printf("  Minimum Output Pattern Size:                  %u", g_opts.min_size);
-  log_printf("  Maximum Output Pattern Size:                  %u", g_opts.max_size);
-  if (g_opts.supp_table_file == nullptr) {
-    log_printf("  Constant Minimum Support:                     %f", g_opts.min_support);
+void print_options(const Options& o, Console* console) {
+  console->printf("Options ------------------------------------------------------------------------");
+  console->printf("  Minimum Output Pattern Size:                  %u", o.min_size);
+  console->printf("  Maximum Output Pattern Size:                  %u", o.max_size);
+  if (o.supp_table_file == nullptr) {
+    console->printf("  Constant Minimum Support:                     %f", o.min_support);
   } else {
-    log_printf("  Length-Decreasing Support Constraint File:    %s", g_opts.supp_table_file);
-    if (g_opts.min_support != 0.0) {
-      log_printf("  Constant Minimum Support:                     %f: Warning: Ignored: \"%s\" is given",
-                 g_opts.min_support, g_opts.supp_table_file);
+    console->printf("  Length-Decreasing Support Constraint File:    %s", o.supp_table_file);
+    if (o.min_support != 0.0) {
+      console->printf("  Constant Minimum Support:                     %f: Warning: Ignored: \"%s\" is given",
+                      o.min_support, o.supp_table_file);
     }
   }
-  log_printf("  PC List File Generation:                      %s",
-             g_opts.pc_flag == kFlagOff ? "Skip" : "Generate");
-  log_printf("  Non-Maximal Frequent Pattern Pruning:         %s",
-             g_opts.maximal_flag == kFlagOff ? "Skip" : "Prune");
-  log_printf("%s", "");
+  console->printf("  PC List File Generation:                      %s", o.pc_list ? "Generate" : "Skip");
+  console->printf("  Non-Maximal Frequent Pattern Pruning:         %s", o.maximal ? "Prune" : "Skip");
+  console->printf("%s", "");
 }
-
-const char* get_input_file() { return g_opts.input_file; }
-const char* get_conv_file() { return g_opts.conv_file; }
-const char* get_qr_file() { return g_opts.qr_file; }
-const char* get_tid_file() { return g_opts.tid_file; }
-const char* get_pc_file() { return g_opts.pc_file; }
-const char* get_fp_conv_file() { return g_opts.fp_conv_file; }
-const char* get_fp_file() { return g_opts.fp_file; }
-uint32_t get_min_size() { return g_opts.min_size; }
-uint32_t get_max_size() { return g_opts.max_size; }
-double get_min_support() { return g_opts.min_support; }
-const char* get_supp_table_file() { return g_opts.supp_table_file; }
-bool want_pc_list() { return g_opts.pc_flag == kFlagOn; }
-bool want_tid_list() { return g_opts.tid_flag == kFlagOn; }
-bool want_maximal() { return g_opts.maximal_flag == kFlagOn; }
 
 }  // namespace quarlo::cli

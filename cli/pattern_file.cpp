@@ -13,11 +13,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/sites.h"
+#include "cli/log.h"
+
 namespace quarlo::cli {
 
 namespace {
 
-const char kSrc[] = "iopttn";
 
 // Bytes reserved for one field of a line: the longest is a percentage of an
 // unusual support, formatted with "%.3f" into at most this many bytes.
@@ -260,7 +262,7 @@ int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, 
   rep_ = rep;
   fd_ = create_fresh(path, 0666);
   if (fd_ < 0) {
-    rep->perror("%s(%u) fopen(%s)", kSrc, 26u, path);
+    rep->perror("%s(%u) fopen(%s)", sites::kPatternOpen.module, sites::kPatternOpen.line, path);
     return -1;
   }
   try {
@@ -277,7 +279,7 @@ int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, 
       slot[0] = static_cast<char>(put_decimal(slot + 2, i) - slot - 1);
     }
   } catch (const std::bad_alloc&) {
-    rep->printf("%s(%u) new(%u) failed", kSrc, 37u, 0u);
+    rep->printf("%s(%u) new(%u) failed", sites::kPatternMemory.module, sites::kPatternMemory.line, 0u);
     ::close(fd_);
     fd_ = -1;
     return -1;
@@ -360,7 +362,7 @@ int PatternFileWriter::close() {
   out_.reset();
   if (!written || !closed) {
     if (write_errno != 0) errno = write_errno;
-    rep_->perror("%s(%u) fclose() failed", kSrc, 47u);
+    rep_->perror("%s(%u) fclose() failed", sites::kPatternClose.module, sites::kPatternClose.line);
     return -1;
   }
   return 0;
@@ -385,6 +387,29 @@ bool sort_by_length(const char* file, std::vector<LengthCount>* counts) {
       break;
   }
   return false;
+}
+
+namespace {
+
+const char kLengthCountFormat[] = "  Number of Frequent Patterns[Length%5u]      %u";
+
+}  // namespace
+
+void print_length_counts(const std::vector<uint32_t>& counts, Console* console) {
+  for (size_t k = 0; k < counts.size(); ++k) {
+    if (counts[k] > 0) console->printf(kLengthCountFormat, static_cast<uint32_t>(k + 1), counts[k]);
+  }
+}
+
+bool group_by_length(const char* file, Console* console) {
+  std::vector<LengthCount> counts;
+  if (!sort_by_length(file, &counts)) {
+    console->perror("%s(%u) Failed to write %s", sites::kGroupWrite.module, sites::kGroupWrite.line,
+                    file);
+    return false;
+  }
+  for (const LengthCount& c : counts) console->printf(kLengthCountFormat, c.length, c.count);
+  return true;
 }
 
 }  // namespace quarlo::cli

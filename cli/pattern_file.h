@@ -80,6 +80,17 @@ struct LengthCount {
 // (a full disk); the file is then incomplete.
 bool sort_by_length(const char* file, std::vector<LengthCount>* counts);
 
+class Console;
+
+// One count line per length with patterns ("Number of Frequent
+// Patterns[Length L]"), shortest first; counts[L - 1] is length L's.
+void print_length_counts(const std::vector<uint32_t>& counts, Console* console);
+
+// Groups the numbered pattern file `file` by length and prints one count
+// line per length. Returns false after a report when the file could not be
+// rewritten whole.
+bool group_by_length(const char* file, Console* console);
+
 }  // namespace quarlo::cli
 
 #endif  // QUARLO_CLI_PATTERN_FILE_H_

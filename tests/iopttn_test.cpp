@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cli/pattern_file.h"
-#include "cli/driver.h"
+#include "cli/log.h"
 #include "support/harness.h"
 
 using namespace quarlo::detail;
@@ -95,7 +95,8 @@ TEST_F(SortByLength, RewriteThatCannotBeWrittenWholeFails) {
     signal(SIGXFSZ, SIG_IGN);
     const struct rlimit limit = {4096, 4096};
     setrlimit(RLIMIT_FSIZE, &limit);
-    return group_by_length(name.c_str()) ? 0 : 3;
+    Console console;
+    return group_by_length(name.c_str(), &console) ? 0 : 3;
   });
   EXPECT_EQ(r.status, 3);
   EXPECT_TRUE(quarlo_test::matches_regex(
