@@ -1,4 +1,5 @@
 #include "cli/binary_file.h"
+#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,8 +17,6 @@ namespace quarlo::cli {
 
 namespace {
 
-const char kSrc[] = "ttoqr";
-const char kUtilSrc[] = "../vscom/util";  // an input that cannot be opened reports as util
 const char kStoreSrc[] = "qrdb";
 const char kEngineSrc[] = "qr";
 
@@ -59,7 +58,7 @@ unsigned convert_line(std::string_view line, std::vector<uint32_t>* items, OutBu
   put_record(items, out, item_count);
   if (out->failed()) {
     errno = out->error();
-    rep->perror("%s(%u) write(*, *, %u)", kSrc, 103u, 4u);
+    rep->perror("%s(%u) write(*, *, %u)", sites::kBinaryWrite.module, sites::kBinaryWrite.line, 4u);
     return 1;
   }
   return 0;
@@ -87,28 +86,28 @@ unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Repo
   *item_count = 0;
   int in = open(input, O_RDONLY);
   if (in < 0) {
-    rep->perror("%s(%u) fopen(%s, \"r\")", kUtilSrc, 104u, input);
-    rep->printf("%s(%u) Fatal error in max_line_size(%s)", kSrc, 64u, input);
+    rep->perror("%s(%u) fopen(%s, \"r\")", sites::kConvOpen.module, sites::kConvOpen.line, input);
+    rep->printf("%s(%u) Fatal error in max_line_size(%s)", sites::kLongestLine.module, sites::kLongestLine.line, input);
     return 1;
   }
   int out_fd = create_fresh(output, 0666);
   if (out_fd < 0) {
-    rep->perror("%s(%u) open(%s)", kSrc, 82u, output);
+    rep->perror("%s(%u) open(%s)", sites::kBinaryOpen.module, sites::kBinaryOpen.line, output);
     close(in);
     return 1;
   }
   OutBuffer out(out_fd);
   unsigned status = convert_lines(in, &out, item_count, rep);
   if (out.flush() != 0 && status == 0) {
-    rep->perror("%s(%u) write(*, *, %u)", kSrc, 103u, 4u);
+    rep->perror("%s(%u) write(*, *, %u)", sites::kBinaryWrite.module, sites::kBinaryWrite.line, 4u);
     status = 1;
   }
   if (close(in) != 0 && status == 0) {
-    rep->perror("%s(%u) fclose()", kSrc, 111u);
+    rep->perror("%s(%u) fclose()", sites::kConvClose.module, sites::kConvClose.line);
     status = 1;
   }
   if (close(out_fd) != 0 && status == 0) {
-    rep->perror("%s(%u) close()", kSrc, 115u);
+    rep->perror("%s(%u) close()", sites::kBinaryClose.module, sites::kBinaryClose.line);
     status = 1;
   }
   return status;

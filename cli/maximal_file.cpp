@@ -1,4 +1,5 @@
 #include "cli/maximal_file.h"
+#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -19,12 +20,7 @@ using namespace quarlo::detail;
 
 namespace {
 
-const char kSrc[] = "../vscom/maxpat";
 // Source lines quoted in the reports, fixed so that the logs of every build agree.
-constexpr unsigned kLineNew = 19;
-constexpr unsigned kLineRename = 94;
-constexpr unsigned kLineRemove = 95;
-constexpr unsigned kLineWriteTmp = 96;
 
 // FNV-1a over the bytes, then a final mix so that both the low bits (slot
 // index) and the high bits (tag) depend on every byte.
@@ -152,7 +148,7 @@ void IdSet::grow() {
 int create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep) {
   ids->reset(new (std::nothrow) IdSet);
   if (*ids == nullptr) {
-    rep->perror("%s(%u) new(%u)", kSrc, kLineNew, static_cast<unsigned>(sizeof(IdSet)));
+    rep->perror("%s(%u) new(%u)", sites::kMaximalNew.module, sites::kMaximalNew.line, static_cast<unsigned>(sizeof(IdSet)));
     return 1;
   }
   return 0;
@@ -199,9 +195,9 @@ uint32_t copy_records(const IdSet& ids, int in, int out_fd, bool* written) {
 // be pruned, plain for one whose result nobody reads.
 int removal_failed(const char* file, bool strict, Reporter* rep) {
   if (strict) {
-    rep->perror("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+    rep->perror("%s(%u) Failed to remove unmaximal records from %s", sites::kMaximalRemove.module, sites::kMaximalRemove.line, file);
   } else {
-    rep->printf("%s(%u) Failed to remove unmaximal records from %s", kSrc, kLineRemove, file);
+    rep->printf("%s(%u) Failed to remove unmaximal records from %s", sites::kMaximalRemove.module, sites::kMaximalRemove.line, file);
   }
   return 1;
 }
@@ -220,11 +216,11 @@ int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, ui
   if (in >= 0) close(in);
   if (out_fd < 0 || (close(out_fd) != 0 && written)) written = false;
   if (!written) {  // a full disk: keep every record rather than lose some
-    rep->perror("%s(%u) Failed to write %s", kSrc, kLineWriteTmp, tmp.c_str());
+    rep->perror("%s(%u) Failed to write %s", sites::kMaximalWriteTmp.module, sites::kMaximalWriteTmp.line, tmp.c_str());
     return removal_failed(file, strict, rep);
   }
   if (rename(tmp.c_str(), file) != 0) {
-    rep->perror("%s(%u) rename(%s, %s) failed", kSrc, kLineRename, tmp.c_str(), file);
+    rep->perror("%s(%u) rename(%s, %s) failed", sites::kMaximalRename.module, sites::kMaximalRename.line, tmp.c_str(), file);
     return removal_failed(file, strict, rep);
   }
   return 0;

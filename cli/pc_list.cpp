@@ -1,4 +1,5 @@
 #include "cli/pc_list.h"
+#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,11 +21,6 @@ namespace quarlo::cli {
 
 namespace {
 
-const char kSrc[] = "../vscom/lattice";
-// Source lines quoted in the reports, fixed so that the logs of every build agree.
-constexpr unsigned kLineOpenPatterns = 37;
-constexpr unsigned kLineOpenPc = 41;
-constexpr unsigned kLineWritePc = 45;
 // Leading text fields of a pattern line: id, support count, support percentage.
 constexpr uint32_t kPatternFields = 3;
 
@@ -53,7 +49,7 @@ bool close_files(LatticeFiles* files) {
 // could not be written whole (a full disk) turns success into failure.
 int finish(LatticeFiles* files, const char* pc_file, int result, Reporter* rep) {
   if (!close_files(files) && result == 0) {
-    rep->printf("%s(%u) Failed to write %s", kSrc, kLineWritePc, pc_file);
+    rep->printf("%s(%u) Failed to write %s", sites::kPcWrite.module, sites::kPcWrite.line, pc_file);
     return 1;
   }
   return result;
@@ -64,10 +60,10 @@ int open_files(const char* pattern_file, const char* pc_file, LatticeFiles* file
                Reporter* rep) {
   files->patterns = open(pattern_file, O_RDONLY);
   if (files->patterns < 0) {
-    rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPatterns, pattern_file);
+    rep->printf("%s(%u) Failed to open %s", sites::kPcOpenPatterns.module, sites::kPcOpenPatterns.line, pattern_file);
   }
   files->pc = create_fresh(pc_file, 0664);
-  if (files->pc < 0) rep->printf("%s(%u) Failed to open %s", kSrc, kLineOpenPc, pc_file);
+  if (files->pc < 0) rep->printf("%s(%u) Failed to open %s", sites::kPcOpen.module, sites::kPcOpen.line, pc_file);
   if (files->patterns >= 0 && files->pc >= 0) {
     files->out = std::make_unique<OutBuffer>(files->pc);
     return 0;

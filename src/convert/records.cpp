@@ -1,4 +1,5 @@
 #include "convert/records.h"
+#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,7 +18,6 @@ namespace quarlo::detail {
 
 namespace {
 
-const char kSrc[] = "ttoqr";
 
 }  // namespace
 
@@ -49,8 +49,8 @@ void normalize_record(std::vector<uint32_t>* items) {
 }
 
 void report_two_itemsets(Reporter* rep) {
-  rep->printf("%s(%u) Sequence with more than one itemsets detected", kSrc, 26u);
-  rep->printf("%s(%u) Fatal error in tseq_to_vsseq()", kSrc, 98u);
+  rep->printf("%s(%u) Sequence with more than one itemsets detected", sites::kTwoItemsets.module, sites::kTwoItemsets.line);
+  rep->printf("%s(%u) Fatal error in tseq_to_vsseq()", sites::kTwoItemsetsFatal.module, sites::kTwoItemsetsFatal.line);
 }
 
 }  // namespace quarlo::detail

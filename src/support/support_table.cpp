@@ -1,4 +1,5 @@
 #include "support/support_table.h"
+#include "base/sites.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,7 +13,6 @@ namespace quarlo::detail {
 
 namespace {
 
-const char kSrc[] = "../vscom/suppfunc";
 const uint32_t kUnset = 4294967295u;  // length 1 not yet given while a table is read
 const size_t kMaxWord = 19;           // longest word accepted in a support-table file
 
@@ -40,7 +40,7 @@ bool read_pairs(FILE* in, const char* file, uint32_t ntrans, uint32_t nitems, Le
   while (read_word(in, &first)) {
     read_word(in, &second);
     if (first.size() > kMaxWord || second.size() > kMaxWord) {
-      rep->printf("%s(%u) Word too long (over %zu characters) in \"%s\"", kSrc, 77u, kMaxWord,
+      rep->printf("%s(%u) Word too long (over %zu characters) in \"%s\"", sites::kTableWord.module, sites::kTableWord.line, kMaxWord,
                   file);
       return false;
     }
@@ -100,7 +100,7 @@ bool SupportTable::load_file(const char* file, uint32_t ntrans, uint32_t nitems,
                              uint32_t min_size, Reporter* rep) {
   FILE* in = fopen(file, "r");
   if (in == nullptr) {
-    rep->perror("%s(%u) fopen(%s, \"r\")", kSrc, 124u, file);
+    rep->perror("%s(%u) fopen(%s, \"r\")", sites::kTableOpen.module, sites::kTableOpen.line, file);
     return false;
   }
   LengthCounts pairs;
@@ -118,13 +118,13 @@ bool SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32
   for (const auto& [len, count] : pairs) {
     if (len < 0 || static_cast<unsigned long>(len) > nitems) break;
     if (len == 0) {
-      rep->printf("%s(%u) Invalid length 0 in \"%s\"", kSrc, 84u, name);
+      rep->printf("%s(%u) Invalid length 0 in \"%s\"", sites::kTableLength0.module, sites::kTableLength0.line, name);
       return false;
     }
     minsup_[static_cast<size_t>(len) - 1] = count;
   }
   if (minsup_[0] == kUnset) {
-    rep->printf("%s(%u) Support value for length=1 must be given in \"%s\"", kSrc, 133u, name);
+    rep->printf("%s(%u) Support value for length=1 must be given in \"%s\"", sites::kTableLength1.module, sites::kTableLength1.line, name);
     return false;
   }
   for (uint32_t i = 1; i < nitems; ++i) {
