@@ -24,7 +24,7 @@ check() {  # check NAME INPUT ARGS... (INPUT copied into each side's folder)
   name=$1 input=$2; shift 2
   for side in a b; do
     rm -rf "$work/$side" && mkdir -p "$work/$side"
-    cp "$input" "$work/$side/"
+    cp "$input" "$work/$side/" 2>/dev/null
     for a in "$@"; do [ -f "$root/$a" ] && cp "$root/$a" "$work/$side/"; done
   done
   base=$(basename "$input")

@@ -11,6 +11,7 @@
 
 #include "base/io.h"
 #include "base/tokens.h"
+#include "cli/pattern_records.h"
 
 namespace quarlo::cli {
 
@@ -164,11 +165,8 @@ struct LabelTexts {
 
 // The length of a line "L-N ...", or 0.
 uint32_t length_of_line(std::string_view line) {
-  uint64_t l = 0;
-  size_t i = 0;
-  for (; i < line.size() && line[i] >= '0' && line[i] <= '9' && i < 10; ++i) l = 10 * l + (line[i] - '0');
-  if (i == 0 || i >= line.size() || line[i] != '-' || l >= 0xffffffffu) return 0;
-  return static_cast<uint32_t>(l + 1);
+  uint32_t l = 0;
+  return read_id_length(line, &l) && l < 0xffffffffu ? l + 1 : 0;
 }
 
 // Where the items of "L-N support percent items" start (after the third

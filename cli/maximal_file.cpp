@@ -42,35 +42,11 @@ constexpr uint32_t kMaxBitmapLength = 4096;
 // memory up; ids beyond it go to the text table.
 constexpr size_t kFreeBitmapWords = size_t{1} << 14;
 
-// Reads the digits from `p` on into *v and returns where they end, or null
-// when they are not a plain number: at least one digit, no leading zero, a
-// value that fits in 32 bits.
-const char* read_plain(const char* p, const char* end, uint32_t* v) {
-  const char* start = p;
-  uint64_t x = 0;
-  while (p < end && static_cast<unsigned char>(*p - '0') <= 9 && p - start <= 10) {
-    x = x * 10 + static_cast<uint64_t>(*p++ - '0');
-  }
-  const std::ptrdiff_t count = p - start;
-  if (count == 0 || count > 10 || (count > 1 && *start == '0') || x > 0xffffffffull) return nullptr;
-  *v = static_cast<uint32_t>(x);
-  return p;
-}
-
-// Splits an id spelled "L-N" as the PC list writes it.
-bool plain_id(std::string_view id, uint32_t* len, uint32_t* n) {
-  const char* end = id.data() + id.size();
-  const char* p = read_plain(id.data(), end, len);
-  if (p == nullptr || p == end || *p != '-') return false;
-  p = read_plain(p + 1, end, n);
-  return p == end;
-}
-
 }  // namespace
 
 bool IdSet::contains(std::string_view id) const {
   uint32_t len = 0, n = 0;
-  if (plain_id(id, &len, &n) && has_bit(len, n)) return true;
+  if (read_id(id, &len, &n) && has_bit(len, n)) return true;
   return text_count_ != 0 && text_contains(id);
 }
 
@@ -82,7 +58,7 @@ bool IdSet::has_bit(uint32_t len, uint32_t n) const {
 void IdSet::insert(std::string_view id) {
   ++inserts_;
   uint32_t len = 0, n = 0;
-  const bool plain = plain_id(id, &len, &n);
+  const bool plain = read_id(id, &len, &n);
   if ((plain && has_bit(len, n)) || (text_count_ != 0 && text_contains(id))) return;
   if (!(plain && set_bit(len, n))) text_insert(id);
   ++count_;

@@ -15,6 +15,7 @@
 
 #include "base/sites.h"
 #include "cli/log.h"
+#include "cli/pattern_records.h"
 
 namespace quarlo::cli {
 
@@ -30,18 +31,12 @@ constexpr size_t kPctSlot = 8;
 // Item text slots: the text's length, then a blank and the digits.
 constexpr size_t kItemSlot = 16;
 constexpr size_t kMostItemTexts = size_t{1} << 20;
-const uint64_t kNoKey = UINT64_MAX;  // lines without a "-": kept last, not counted
+const uint64_t kNoKey = UINT64_MAX;  // lines without an id: kept last, not counted
 
-// The decimal key before the first "-": digits 1-9 add their value, any other
-// character counts as 0. Lines without "-" get kNoKey.
+// The L of the id that opens a line; lines without an id get kNoKey.
 uint64_t length_key(const char* line, size_t len) {
-  uint64_t key = 0;
-  for (size_t i = 0; i < len; ++i) {
-    char c = line[i];
-    if (c == '-') return key;
-    key = key * 10 + (c >= '1' && c <= '9' ? static_cast<uint64_t>(c - '0') : 0);
-  }
-  return kNoKey;
+  uint32_t l = 0;
+  return read_id_length(std::string_view(line, len), &l) ? l : kNoKey;
 }
 
 struct LineRef {

@@ -73,8 +73,8 @@ struct LengthCount {
 };
 
 // Rewrites the pattern file `file` with its lines grouped by pattern length
-// (the number before the first "-" plus one), file order kept within a
-// length; lines without a "-" go last. *counts gets one entry per length
+// (the L of the id "L-N" that opens the line, plus one), file order kept
+// within a length; lines that open without an id go last. *counts gets one entry per length
 // present, shortest first. A file that cannot be read is taken as empty.
 // Returns false, with errno set, when the rewrite could not be written whole
 // (a full disk); the file is then incomplete.

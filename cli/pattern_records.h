@@ -16,6 +16,22 @@ namespace quarlo::cli {
 
 using namespace quarlo::detail;
 
+// Pattern ids "L-N" open every pattern line and name patterns in the PC
+// list: L is the pattern's length minus one, N its ordinal among the
+// patterns of that length. Both are plain decimals: one or more digits, no
+// leading zero, a value that fits in 32 bits.
+
+// Reads the plain decimal at the front of `text` into *value; returns the
+// bytes it takes, or 0 when `text` does not start with one.
+size_t read_plain_decimal(std::string_view text, uint32_t* value);
+
+// Reads the L of the id that opens `line` ("L-..."). False when the line does
+// not open with one.
+bool read_id_length(std::string_view line, uint32_t* l);
+
+// Reads `text` as one whole id "L-N".
+bool read_id(std::string_view text, uint32_t* l, uint32_t* n);
+
 // Items in ascending order without duplicates (kept so by add_item).
 using ItemList = std::vector<uint32_t>;
 
