@@ -374,11 +374,11 @@ int Driver::post_process() {
     enter_stage(Stage::kLattice);
     timings_.pc_list = -wall_seconds();
     LogReporter rep(&console_);
-    if (generate_lattice(options_.names.fp_conv.c_str(), pc_tmp_.c_str(), &rep) != 0 ||
-        !put_in_place(pc_tmp_, options_.names.pc)) {
-      return fail(Stage::kLattice,
-                  errno == ENOMEM ? Status::out_of_memory() : Status::io(errno, pc_tmp_));
+    Status status = generate_lattice(options_.names.fp_conv.c_str(), pc_tmp_.c_str(), &rep);
+    if (status.ok() && !put_in_place(pc_tmp_, options_.names.pc)) {
+      status = Status::io(errno, options_.names.pc);
     }
+    if (!status.ok()) return fail(Stage::kLattice, status);
     timings_.pc_list += wall_seconds();
   }
   if (options_.maximal) {

@@ -11,7 +11,7 @@
 
 #include "base/io.h"
 #include "base/tokens.h"
-#include "cli/pattern_records.h"
+#include "cli/pattern_ids.h"
 
 namespace quarlo::cli {
 

@@ -11,7 +11,8 @@
 #include <new>
 #include <string>
 
-#include "cli/pattern_records.h"
+#include "base/tokens.h"
+#include "cli/pattern_ids.h"
 #include "base/io.h"
 
 namespace quarlo::cli {

@@ -15,7 +15,7 @@
 
 #include "base/sites.h"
 #include "cli/log.h"
-#include "cli/pattern_records.h"
+#include "cli/pattern_ids.h"
 
 namespace quarlo::cli {
 

@@ -11,7 +11,7 @@
 #include "fuzz_files.h"
 #include "cli/maximal_file.h"
 #include "base/report.h"
-#include "cli/pattern_records.h"
+#include "base/tokens.h"
 
 using namespace quarlo::detail;
 using namespace quarlo::cli;

@@ -12,7 +12,7 @@
 #include "convert/label_table.h"
 #include "fuzz_files.h"
 #include "quarlo/quarlo.h"
-#include "cli/pattern_records.h"
+#include "base/tokens.h"
 #include "cli/binary_file.h"
 
 using namespace quarlo::detail;
