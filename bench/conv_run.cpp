@@ -30,9 +30,9 @@ int main(int argc, char** argv) {
   double t0 = wall_seconds();
   table.load_labels(file.c_str());
   double t1 = wall_seconds();
-  if (convert_file(&table, file.c_str(), conv.c_str()) != 0) return 1;
+  if (!convert_file(&table, file.c_str(), conv.c_str()).ok()) return 1;
   double t2 = wall_seconds();
-  if (ttoqr(conv.c_str(), qr.c_str(), &item_count, &rep) != 0) {
+  if (!ttoqr(conv.c_str(), qr.c_str(), &item_count, &rep).ok()) {
     fprintf(stderr, "conv_run: %s\n", rep.summary().c_str());
     return 1;
   }

@@ -70,11 +70,11 @@ class FileClient : public EngineClient {
   explicit FileClient(const Options& o) : o_(o) {}
   void counted(const Engine&, uint32_t) override {}
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    return writer_.open(sink_name(), ntrans, e->nitems, e->rep) == 0 ? &writer_ : nullptr;
+    return writer_.open(sink_name(), ntrans, e->nitems, e->rep).ok() ? &writer_ : nullptr;
   }
   const char* sink_name() const override { return o_.names.fp_conv.c_str(); }
   bool close_sink(Engine*, bool complete) override {
-    if (complete) return writer_.close() == 0;
+    if (complete) return writer_.close().ok();
     writer_.abandon();
     return false;
   }

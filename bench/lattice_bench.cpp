@@ -79,10 +79,9 @@ int main(int argc, char** argv) {
     t0 = now();
     c0 = cpu_now();
     std::unique_ptr<IdSet> ids;
-    if (create_unmaximal_set(&ids, &rep) != 0) return fail(rep);
+    if (!create_unmaximal_set(&ids, &rep).ok()) return fail(rep);
     load_unmaximal_ids(ids.get(), pc.c_str());
-    if (remove_unmaximal_records(*ids, work.c_str(), true, &kept, &rep) != 0) return fail(rep);
-    destroy_unmaximal_set(&ids);
+    if (!remove_unmaximal_records(*ids, work.c_str(), true, &kept, &rep).ok()) return fail(rep);
     prune_s.push_back(now() - t0);
     prune_cpu.push_back(cpu_now() - c0);
   }

@@ -46,69 +46,75 @@ void put_record(std::vector<uint32_t>* items, OutBuffer* out, uint32_t* item_cou
   }
 }
 
-// Converts one line (or one piece of an over-long last line). Returns 0, or 1
-// after a report.
-unsigned convert_line(std::string_view line, std::vector<uint32_t>* items, OutBuffer* out,
-                      uint32_t* item_count, Reporter* rep) {
+// Converts one line (or one piece of an over-long last line), reporting a
+// failure.
+Status convert_line(std::string_view line, std::vector<uint32_t>* items, OutBuffer* out,
+                    uint32_t* item_count, Reporter* rep) {
   if (!collect_items(line, items)) {
     report_two_itemsets(rep);
-    return 1;
+    return Status::invalid_argument();
   }
-  if (items->empty()) return 0;
+  if (items->empty()) return Status();
   put_record(items, out, item_count);
   if (out->failed()) {
     errno = out->error();
     rep->perror("%s(%u) write(*, *, %u)", sites::kBinaryWrite.module, sites::kBinaryWrite.line, 4u);
-    return 1;
+    return Status::io(out->error(), {});
   }
-  return 0;
+  return Status();
 }
 
 // Converts every line of `in`, piece by piece.
-unsigned convert_lines(int in, OutBuffer* out, uint32_t* item_count, Reporter* rep) {
+Status convert_lines(int in, OutBuffer* out, uint32_t* item_count, Reporter* rep) {
   LineReader reader(in);
   LinePieces pieces;
   std::vector<uint32_t> items;
   std::string_view line;
   bool terminated = false;
-  while (reader.next(&line, &terminated)) {
-    const bool ok = pieces.each(line, terminated, [&](std::string_view part) {
-      return convert_line(part, &items, out, item_count, rep) == 0;
+  Status status;
+  while (status.ok() && reader.next(&line, &terminated)) {
+    pieces.each(line, terminated, [&](std::string_view part) {
+      status = convert_line(part, &items, out, item_count, rep);
+      return status.ok();
     });
-    if (!ok) return 1;
   }
-  return 0;
+  return status;
+}
+
+// Reports a failed call on one of the two files, with its cause.
+Status file_failed(Site site, const char* call, const char* path, Reporter* rep) {
+  const int err = errno;
+  rep->perror("%s(%u) %s", site.module, site.line, call);
+  return Status::io(err, path);
 }
 
 }  // namespace
 
-unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep) {
+Status ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep) {
   *item_count = 0;
   int in = open(input, O_RDONLY);
   if (in < 0) {
+    const int err = errno;
     rep->perror("%s(%u) fopen(%s, \"r\")", sites::kConvOpen.module, sites::kConvOpen.line, input);
-    rep->printf("%s(%u) Fatal error in max_line_size(%s)", sites::kLongestLine.module, sites::kLongestLine.line, input);
-    return 1;
+    rep->printf("%s(%u) Fatal error in max_line_size(%s)", sites::kLongestLine.module,
+                sites::kLongestLine.line, input);
+    return Status::io(err, input);
   }
   int out_fd = create_fresh(output, 0666);
   if (out_fd < 0) {
-    rep->perror("%s(%u) open(%s)", sites::kBinaryOpen.module, sites::kBinaryOpen.line, output);
+    const std::string call = std::string("open(") + output + ")";
+    Status status = file_failed(sites::kBinaryOpen, call.c_str(), output, rep);
     close(in);
-    return 1;
+    return status;
   }
   OutBuffer out(out_fd);
-  unsigned status = convert_lines(in, &out, item_count, rep);
-  if (out.flush() != 0 && status == 0) {
-    rep->perror("%s(%u) write(*, *, %u)", sites::kBinaryWrite.module, sites::kBinaryWrite.line, 4u);
-    status = 1;
+  Status status = convert_lines(in, &out, item_count, rep);
+  if (out.flush() != 0 && status.ok()) {
+    status = file_failed(sites::kBinaryWrite, "write(*, *, 4)", output, rep);
   }
-  if (close(in) != 0 && status == 0) {
-    rep->perror("%s(%u) fclose()", sites::kConvClose.module, sites::kConvClose.line);
-    status = 1;
-  }
-  if (close(out_fd) != 0 && status == 0) {
-    rep->perror("%s(%u) close()", sites::kBinaryClose.module, sites::kBinaryClose.line);
-    status = 1;
+  if (close(in) != 0 && status.ok()) status = file_failed(sites::kConvClose, "fclose()", input, rep);
+  if (close(out_fd) != 0 && status.ok()) {
+    status = file_failed(sites::kBinaryClose, "close()", output, rep);
   }
   return status;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "base/report.h"
+#include "base/status.h"
 #include "engine/engine.h"
 
 namespace quarlo::cli {
@@ -15,11 +16,12 @@ namespace quarlo::cli {
 using namespace quarlo::detail;
 
 // Writes `output` (mode 0666 before the umask) from `input`: one record per
-// line with items; a line whose items are split by "-1" is an error. Returns
-// 0, or 1 after a report; records written before a failure stay in `output`.
-// *item_count becomes one more than the largest item number written (0 if
-// none); items of 2147483647 and above do not raise it (the comparison is signed).
-unsigned ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep);
+// line with items. Fails after a report: invalid argument for a line whose
+// items are split by "-1", I/O for a file that cannot be read or written;
+// records written before a failure stay in `output`. *item_count becomes one
+// more than the largest item number written (0 if none); items of 2147483647
+// and above do not raise it (the comparison is signed).
+Status ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep);
 
 // Reads the binary transaction file at `path` whole into `buf` (made by
 // init_buf) and terminates it with the end word. Returns 0, or -1 after a trace.

@@ -117,7 +117,7 @@ class ReportingClient : public EngineClient {
     print_options(options_, console_);
   }
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    if (writer_.open(sink_name(), ntrans, e->nitems, e->rep) != 0) return nullptr;
+    if (!writer_.open(sink_name(), ntrans, e->nitems, e->rep).ok()) return nullptr;
     std::vector<uint32_t> label_bytes(std::min<uint32_t>(e->nitems, labels_.label_count()));
     for (uint32_t i = 0; i < label_bytes.size(); ++i) {
       label_bytes[i] = static_cast<uint32_t>(labels_.label_of(i).size());
@@ -131,7 +131,7 @@ class ReportingClient : public EngineClient {
       writer_.abandon();
       return false;
     }
-    if (writer_.close() == 0) return true;
+    if (writer_.close().ok()) return true;
     // The line's first field is the file's name where other lines name their module.
     e->rep->printf("%s(%u) Failed to close %s", sink_name(), 0u, sink_name());
     return false;
@@ -305,15 +305,13 @@ int Driver::transform_input(LabelTable* labels, uint32_t* nitems) {
   close(in);
   labels->add_reserved_token("-1");
   labels->load_labels(o.input_file.c_str());
-  if (convert_file(labels, o.input_file.c_str(), o.names.conv.c_str()) != 0) {
-    return fail(Stage::kConvert, Status::io(errno, o.names.conv));
-  }
+  Status status = convert_file(labels, o.input_file.c_str(), o.names.conv.c_str());
+  if (!status.ok()) return fail(Stage::kConvert, status);
   enter_stage(Stage::kBinary);
   timings_.transform = -wall_seconds();
   LogReporter rep(&console_);
-  if (ttoqr(o.names.conv.c_str(), o.names.qr.c_str(), nitems, &rep) != 0) {
-    return fail(Stage::kBinary, Status::io(errno, o.names.qr));
-  }
+  status = ttoqr(o.names.conv.c_str(), o.names.qr.c_str(), nitems, &rep);
+  if (!status.ok()) return fail(Stage::kBinary, status);
   timings_.transform += wall_seconds();
   return kStatusOk;
 }
@@ -352,19 +350,17 @@ int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* wri
 int Driver::prune_unmaximal() {
   LogReporter rep(&console_);
   std::unique_ptr<IdSet> ids;
-  if (create_unmaximal_set(&ids, &rep) != 0) {
-    return fail(Stage::kPrune, Status::out_of_memory());
-  }
+  Status status = create_unmaximal_set(&ids, &rep);
+  if (!status.ok()) return fail(Stage::kPrune, status);
   load_unmaximal_ids(ids.get(), options_.names.pc.c_str());
   uint32_t kept = 0;
-  if (remove_unmaximal_records(*ids, options_.names.fp_conv.c_str(), true, &kept, &rep) != 0) {
-    return fail(Stage::kPrune, Status());
-  }
+  status = remove_unmaximal_records(*ids, options_.names.fp_conv.c_str(), true, &kept, &rep);
+  if (!status.ok()) return fail(Stage::kPrune, status);
   console_.printf("  Number of Maximal Frequent Patterns:          %u", kept);
   if (!options_.names.tid.empty()) {
-    remove_unmaximal_records(*ids, options_.names.tid.c_str(), false, &kept, &rep);
+    // FILE.tid is left empty by every such run; a failure is reported, not fatal.
+    (void)remove_unmaximal_records(*ids, options_.names.tid.c_str(), false, &kept, &rep);
   }
-  destroy_unmaximal_set(&ids);
   return kStatusOk;
 }
 
@@ -399,15 +395,15 @@ int Driver::back_convert(const LabelTable& labels, const WrittenSections& writte
   // groups in one pass; when that fails, the two passes below run as ever,
   // so they alone decide the report and the files a failure leaves.
   const bool one_pass = !options_.maximal && !written.bytes.empty() &&
-      r_convert_sections(labels, n.fp_conv.c_str(), fp_tmp_.c_str(), written.bytes) == 0;
+      r_convert_sections(labels, n.fp_conv.c_str(), fp_tmp_.c_str(), written.bytes).ok();
   if (one_pass) {
     print_length_counts(written.counts, &console_);
   } else {
     unlink(fp_tmp_.c_str());
-    if (!group_by_length(n.fp_conv.c_str(), &console_)) return kStatusConvert;
-    if (r_convert(labels, n.fp_conv.c_str(), fp_tmp_.c_str(), 3) != 0) {
-      return fail(Stage::kBackConvert, Status::io(errno, fp_tmp_));
-    }
+    // The grouping reports its own failure; the stage ends as a back-conversion.
+    if (!group_by_length(n.fp_conv.c_str(), &console_)) return info(Stage::kBackConvert).status;
+    const Status status = r_convert(labels, n.fp_conv.c_str(), fp_tmp_.c_str(), 3);
+    if (!status.ok()) return fail(Stage::kBackConvert, status);
   }
   if (!put_in_place(fp_tmp_, n.fp)) {
     // The pattern file a failed back-conversion leaves is grouped by length.

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -31,10 +32,10 @@ bool open_pair(const char* input, const char* output, int* in, int* out) {
 
 }  // namespace
 
-unsigned convert_file(LabelTable* labels, const char* input, const char* output) {
+Status convert_file(LabelTable* labels, const char* input, const char* output) {
   int in = -1;
   int out_fd = -1;
-  if (!open_pair(input, output, &in, &out_fd)) return 1;
+  if (!open_pair(input, output, &in, &out_fd)) return Status::io(errno, output);
   bool written = false;
   {
     LineReader reader(in);
@@ -48,15 +49,15 @@ unsigned convert_file(LabelTable* labels, const char* input, const char* output)
   }
   close(in);
   close(out_fd);
-  return written ? 0 : 1;
+  return written ? Status() : Status::io(errno, output);
 }
 
-unsigned r_convert(const LabelTable& labels, const char* input, const char* output,
+Status r_convert(const LabelTable& labels, const char* input, const char* output,
                    unsigned skip) {
   const std::vector<std::string>& label_list_ = labels.labels();
   int in = -1;
   int out_fd = -1;
-  if (!open_pair(input, output, &in, &out_fd)) return 1;
+  if (!open_pair(input, output, &in, &out_fd)) return Status::io(errno, output);
   bool ok = true;
   {
     LineReader reader(in);
@@ -82,7 +83,7 @@ unsigned r_convert(const LabelTable& labels, const char* input, const char* outp
   }
   close(in);
   close(out_fd);
-  return ok ? 0 : 1;
+  return ok ? Status() : Status::io(errno, output);
 }
 
 namespace {
@@ -183,12 +184,12 @@ size_t items_start(std::string_view line) {
 
 }  // namespace
 
-unsigned r_convert_sections(const LabelTable& labels, const char* input, const char* output,
+Status r_convert_sections(const LabelTable& labels, const char* input, const char* output,
                             const std::vector<uint64_t>& bytes) {
   const std::vector<std::string>& label_list_ = labels.labels();
   int in = -1;
   int out_fd = -1;
-  if (!open_pair(input, output, &in, &out_fd)) return 1;
+  if (!open_pair(input, output, &in, &out_fd)) return Status::io(errno, output);
   bool ok = true;
   {
     const LabelTexts texts(label_list_);
@@ -221,7 +222,7 @@ unsigned r_convert_sections(const LabelTable& labels, const char* input, const c
   }
   close(in);
   if (close(out_fd) != 0) ok = false;
-  return ok ? 0 : 1;
+  return ok ? Status() : Status::io(errno, output);
 }
 
 }  // namespace quarlo::cli

@@ -122,13 +122,12 @@ void IdSet::grow() {
   }
 }
 
-int create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep) {
+Status create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep) {
   ids->reset(new (std::nothrow) IdSet);
-  if (*ids == nullptr) {
-    rep->perror("%s(%u) new(%u)", sites::kMaximalNew.module, sites::kMaximalNew.line, static_cast<unsigned>(sizeof(IdSet)));
-    return 1;
-  }
-  return 0;
+  if (*ids != nullptr) return Status();
+  rep->perror("%s(%u) new(%u)", sites::kMaximalNew.module, sites::kMaximalNew.line,
+              static_cast<unsigned>(sizeof(IdSet)));
+  return Status::out_of_memory();
 }
 
 void load_unmaximal_ids(IdSet* ids, const char* pc_file) {
@@ -170,19 +169,21 @@ uint32_t copy_records(const IdSet& ids, int in, int out_fd, bool* written) {
 
 // Reports a failed removal from `file`: with the cause for a file that must
 // be pruned, plain for one whose result nobody reads.
-int removal_failed(const char* file, bool strict, Reporter* rep) {
+Status removal_failed(const char* file, bool strict, Reporter* rep) {
+  const int err = errno;
+  const Site site = sites::kMaximalRemove;
   if (strict) {
-    rep->perror("%s(%u) Failed to remove unmaximal records from %s", sites::kMaximalRemove.module, sites::kMaximalRemove.line, file);
+    rep->perror("%s(%u) Failed to remove unmaximal records from %s", site.module, site.line, file);
   } else {
-    rep->printf("%s(%u) Failed to remove unmaximal records from %s", sites::kMaximalRemove.module, sites::kMaximalRemove.line, file);
+    rep->printf("%s(%u) Failed to remove unmaximal records from %s", site.module, site.line, file);
   }
-  return 1;
+  return Status::io(err, file);
 }
 
 }  // namespace
 
-int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, uint32_t* kept,
-                             Reporter* rep) {
+Status remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, uint32_t* kept,
+                                Reporter* rep) {
   const std::string tmp = std::string(file) + ".tmp";
   *kept = 0;
   const int in = open(file, O_RDONLY);
@@ -193,16 +194,16 @@ int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, ui
   if (in >= 0) close(in);
   if (out_fd < 0 || (close(out_fd) != 0 && written)) written = false;
   if (!written) {  // a full disk: keep every record rather than lose some
-    rep->perror("%s(%u) Failed to write %s", sites::kMaximalWriteTmp.module, sites::kMaximalWriteTmp.line, tmp.c_str());
+    rep->perror("%s(%u) Failed to write %s", sites::kMaximalWriteTmp.module,
+                sites::kMaximalWriteTmp.line, tmp.c_str());
     return removal_failed(file, strict, rep);
   }
   if (rename(tmp.c_str(), file) != 0) {
-    rep->perror("%s(%u) rename(%s, %s) failed", sites::kMaximalRename.module, sites::kMaximalRename.line, tmp.c_str(), file);
+    rep->perror("%s(%u) rename(%s, %s) failed", sites::kMaximalRename.module,
+                sites::kMaximalRename.line, tmp.c_str(), file);
     return removal_failed(file, strict, rep);
   }
-  return 0;
+  return Status();
 }
-
-void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids) { ids->reset(); }
 
 }  // namespace quarlo::cli

@@ -1,7 +1,7 @@
 // Maximal-pattern pruning on the text of the files: a pattern whose id stands as
 // a parent on some line of the parent-children list is dropped from a record
 // file, which is rewritten through "FILE.tmp" and rename. The caller owns the
-// set of ids, alive between create_unmaximal_set and destroy_unmaximal_set.
+// set of ids, made by create_unmaximal_set.
 #ifndef QUARLO_CLI_MAXIMAL_FILE_H_
 #define QUARLO_CLI_MAXIMAL_FILE_H_
 
@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/report.h"
+#include "base/status.h"
 
 namespace quarlo::cli {
 
@@ -56,8 +57,8 @@ class IdSet {
 };
 
 // Creates the empty set of the ids of the patterns that some other pattern
-// lists as a parent. Returns 0, or 1 after a report when memory is short.
-int create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep);
+// lists as a parent. Fails (out of memory) after a report.
+Status create_unmaximal_set(std::unique_ptr<IdSet>* ids, Reporter* rep);
 
 // Adds every id after the first on each line of the parent-children list
 // `pc_file`; lines starting with "#" are skipped. An unreadable file adds
@@ -68,15 +69,12 @@ void load_unmaximal_ids(IdSet* ids, const char* pc_file);
 // "file.tmp" (made afresh, mode 0664 before the umask; lines starting with "#"
 // are copied and not counted; every line written ends with a newline), then
 // renames it over `file`, and sets *kept to the number of records kept.
-// Returns 0, or 1 after a report when the temporary file cannot be made or
-// written whole or the rename fails; `file` then keeps all its records. A
-// `file` that cannot be read fails when `strict`, otherwise it counts as
-// empty; a strict failure's last report line carries its cause.
-int remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, uint32_t* kept,
-                             Reporter* rep);
-
-// Frees the set if it exists.
-void destroy_unmaximal_set(std::unique_ptr<IdSet>* ids);
+// Fails (an I/O status) after a report when the temporary file cannot be
+// made or written whole or the rename fails; `file` then keeps all its
+// records. A `file` that cannot be read fails when `strict`, otherwise it
+// counts as empty; a strict failure's last report line carries its cause.
+Status remove_unmaximal_records(const IdSet& ids, const char* file, bool strict, uint32_t* kept,
+                                Reporter* rep);
 
 }  // namespace quarlo::cli
 

@@ -253,12 +253,13 @@ bool sort_in_memory(const char* file, std::vector<LengthCount>* counts) {
 
 }  // namespace
 
-int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, Reporter* rep) {
+Status PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, Reporter* rep) {
   rep_ = rep;
   fd_ = create_fresh(path, 0666);
   if (fd_ < 0) {
+    const int err = errno;
     rep->perror("%s(%u) fopen(%s)", sites::kPatternOpen.module, sites::kPatternOpen.line, path);
-    return -1;
+    return Status::io(err, path);
   }
   try {
     out_ = std::make_unique<OutBuffer>(fd_);
@@ -277,11 +278,11 @@ int PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitems, 
     rep->printf("%s(%u) new(%u) failed", sites::kPatternMemory.module, sites::kPatternMemory.line, 0u);
     ::close(fd_);
     fd_ = -1;
-    return -1;
+    return Status::out_of_memory();
   }
   ntrans_ = ntrans;
   total_ = 0;
-  return 0;
+  return Status();
 }
 
 char* PatternFileWriter::put_percent(char* out, int32_t support) {
@@ -347,7 +348,7 @@ void PatternFileWriter::measure(uint32_t len, uint64_t head, const uint32_t* ite
   labelled_[len - 1] += bytes;
 }
 
-int PatternFileWriter::close() {
+Status PatternFileWriter::close() {
   // A write that failed on the way (a full disk) fails the close as well, so a
   // truncated pattern file never passes for a complete one.
   const bool written = out_ != nullptr && out_->flush() == 0;
@@ -358,9 +359,9 @@ int PatternFileWriter::close() {
   if (!written || !closed) {
     if (write_errno != 0) errno = write_errno;
     rep_->perror("%s(%u) fclose() failed", sites::kPatternClose.module, sites::kPatternClose.line);
-    return -1;
+    return Status::io(errno, {});
   }
-  return 0;
+  return Status();
 }
 
 void PatternFileWriter::abandon() {

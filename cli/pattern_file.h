@@ -12,6 +12,7 @@
 
 #include "base/io.h"
 #include "base/report.h"
+#include "base/status.h"
 #include "engine/pattern_sink.h"
 
 namespace quarlo::cli {
@@ -21,16 +22,16 @@ using namespace quarlo::detail;
 class PatternFileWriter : public PatternSink {
  public:
   // Creates or truncates `path`. `ntrans` is the number of input transactions
-  // (the 100 % mark); `nitems` bounds the pattern length. Returns 0, or -1
-  // after a report.
-  int open(const char* path, uint32_t ntrans, uint32_t nitems, Reporter* rep);
+  // (the 100 % mark); `nitems` bounds the pattern length. Fails after a
+  // report (I/O, or out of memory for the writer's tables).
+  Status open(const char* path, uint32_t ntrans, uint32_t nitems, Reporter* rep);
 
   // Writes one line for `p`.
   void put(const Pattern& p) override;
 
-  // Flushes and closes the file. Returns 0, or -1 after a report when closing
+  // Flushes and closes the file. Fails (I/O) after a report when closing
   // fails or any write since the open failed (a full disk).
-  int close();
+  Status close();
 
   // Closes the file without writing what is still buffered (mining failed).
   void abandon();

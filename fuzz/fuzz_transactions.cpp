@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   LabelTable labels;
   labels.add_reserved_token("-1");
   labels.load_labels(input.c_str());
-  FUZZ_CHECK(convert_file(&labels, input.c_str(), conv.c_str()) == 0);
+  FUZZ_CHECK(convert_file(&labels, input.c_str(), conv.c_str()).ok());
 
   // Every converted line as a numbered pattern line turns back into the labels.
   std::string pattern_file, expected;
@@ -92,12 +92,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     expected += "\n";
   }
   write_file(numbered, pattern_file);
-  FUZZ_CHECK(r_convert(labels, numbered.c_str(), back.c_str(), 3) == 0);
+  FUZZ_CHECK(r_convert(labels, numbered.c_str(), back.c_str(), 3).ok());
   FUZZ_CHECK(read_file(back) == expected);
 
   uint32_t item_count = 0;
   CollectingReporter rep;
-  const bool binary_ok = ttoqr(conv.c_str(), binary.c_str(), &item_count, &rep) == 0;
+  const bool binary_ok = ttoqr(conv.c_str(), binary.c_str(), &item_count, &rep).ok();
   FUZZ_CHECK(binary_ok == rep.lines().empty());
   FUZZ_CHECK(item_count <= labels.label_count());
   const auto records = binary_ok ? written_records(read_file(binary), item_count)

@@ -3,6 +3,7 @@
 // cannot provoke. Large inputs are checked through the library against the program.
 #include "cli/binary_file.h"
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -20,11 +21,11 @@ using Lines = std::vector<std::string>;
 class Ttoqr : public quarlo_test::TempDirTest {
  protected:
   // Converts `conv` (or the file `input`) to "f.qr"; what was reported lands in rep_.
-  unsigned convert(const std::string& conv) {
+  Status convert(const std::string& conv) {
     quarlo_test::write_file(path("f.conv"), conv);
     return convert_file(path("f.conv"));
   }
-  unsigned convert_file(const std::string& input) {
+  Status convert_file(const std::string& input) {
     rep_ = CollectingReporter();
     item_count_ = 12345;  // every call starts the count afresh
     return ttoqr(input.c_str(), path("f.qr").c_str(), &item_count_, &rep_);
@@ -71,7 +72,7 @@ TEST_F(Ttoqr, RecordsAndItemCount) {
       {"10 20 \n30 40 50", {2, 10, 20, 3, 5, 30, 40, 1, 0}, 41},
   };
   for (const auto& c : cases) {
-    ASSERT_EQ(convert(c.conv), 0u) << c.conv << rep_.summary();
+    ASSERT_TRUE(convert(c.conv).ok()) << c.conv << rep_.summary();
     EXPECT_EQ(words(), c.words) << c.conv;
     EXPECT_EQ(item_count_, c.item_count) << c.conv;
     EXPECT_EQ(rep_.lines(), Lines{});
@@ -80,13 +81,16 @@ TEST_F(Ttoqr, RecordsAndItemCount) {
 
 // Opening, writing and the modes of the output are checked by whole runs.
 TEST_F(Ttoqr, FailuresAreReportedAndEarlierRecordsStay) {
-  ASSERT_EQ(convert("9 \n1 -1 2 \n5 \n"), 1u);
+  EXPECT_EQ(convert("9 \n1 -1 2 \n5 \n").code(), Status::Code::kInvalidArgument);
   EXPECT_EQ(words(), (Words{1, 9}));
   EXPECT_EQ(rep_.lines(), (Lines{"ttoqr(26) Sequence with more than one itemsets detected",
                                  "ttoqr(98) Fatal error in tseq_to_vsseq()"}));
 
   const std::string in = path("absent");
-  EXPECT_EQ(convert_file(in), 1u);
+  const Status missing = convert_file(in);
+  EXPECT_EQ(missing.code(), Status::Code::kIo);
+  EXPECT_EQ(missing.error_number(), ENOENT);
+  EXPECT_EQ(missing.path(), in);
   EXPECT_EQ(rep_.lines(),
             (Lines{"../vscom/util(104) fopen(" + in + ", \"r\"): No such file or directory",
                    "ttoqr(64) Fatal error in max_line_size(" + in + ")"}));
