@@ -11,18 +11,6 @@
 
 namespace quarlo::detail {
 
-char* name_join(const char* base, const char* suffix) {
-  if (base == nullptr || suffix == nullptr || base[0] == '\0' || suffix[0] == '\0') return nullptr;
-  size_t nb = strlen(base);
-  size_t ns = strlen(suffix);
-  char* out = static_cast<char*>(malloc(nb + ns + 3));
-  if (out == nullptr) return nullptr;
-  memcpy(out, base, nb);
-  out[nb] = '.';
-  memcpy(out + nb + 1, suffix, ns + 1);
-  return out;
-}
-
 int create_fresh(const char* name, unsigned mode) {
   if (unlink(name) != 0 && errno != ENOENT) return -1;
   return open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, static_cast<mode_t>(mode));

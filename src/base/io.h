@@ -1,5 +1,5 @@
-// Small helpers shared by both miners: derived file names, text files created
-// with the product's mode, block-wise line reading and buffered writing of
+// Small helpers of the library and the program: files created afresh with a
+// given mode, block-wise line reading and buffered writing of
 // files of millions of lines, and the wall clock.
 // Owns no process-wide state.
 #ifndef QUARLO_BASE_IO_H_
@@ -13,10 +13,6 @@
 #include <string_view>
 
 namespace quarlo::detail {
-
-// Returns a new malloc'ed "base.suffix", or null when either part is empty or
-// memory is short. The caller owns the result.
-char* name_join(const char* base, const char* suffix);
 
 // Creates `name` anew for writing with `mode` (before the umask): whatever
 // stands at the name, a stale file or a symbolic link, is removed first, and
