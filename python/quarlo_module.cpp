@@ -117,32 +117,23 @@ quarlo::Support support_of(const std::string& kind, py::handle value) {
   throw py::value_error("unknown support kind " + kind);
 }
 
-// An OSError for a file the library could not read. Its messages end in
-// ": " and the system's text for the cause (or the library's own ": is a
-// directory"), so the errno is found again and Python picks the matching
-// subclass: FileNotFoundError, PermissionError, IsADirectoryError, ...
-[[noreturn]] void raise_os_error(const std::string& message) {
-  auto ends_with = [&](const std::string& suffix) {
-    return message.size() > suffix.size() &&
-           message.compare(message.size() - suffix.size(), suffix.size(), suffix) == 0;
-  };
-  for (int err = 1; err < 134; ++err) {
-    std::string suffix = std::string(": ") + strerror(err);
-    if (!ends_with(suffix) && err == EISDIR) suffix = ": is a directory";
-    if (ends_with(suffix)) {
-      const std::string file = message.substr(0, message.size() - suffix.size());
-      PyErr_SetObject(PyExc_OSError, py::make_tuple(err, strerror(err), file).ptr());
-      throw py::error_already_set();
-    }
+// An OSError for a file the library could not read: with the errno and the
+// file the error carries, Python picks the matching subclass
+// (FileNotFoundError, PermissionError, IsADirectoryError, ...).
+[[noreturn]] void raise_os_error(const quarlo::Error& e) {
+  if (e.error_number() != 0) {
+    PyErr_SetObject(PyExc_OSError,
+                    py::make_tuple(e.error_number(), strerror(e.error_number()), e.path()).ptr());
+  } else {
+    PyErr_SetString(PyExc_OSError, e.what());
   }
-  PyErr_SetString(PyExc_OSError, message.c_str());
   throw py::error_already_set();
 }
 
 [[noreturn]] void raise_error(const quarlo::Error& e) {
   switch (e.kind()) {
     case quarlo::Error::Kind::kIo:
-      raise_os_error(e.what());
+      raise_os_error(e);
     case quarlo::Error::Kind::kOutOfMemory:
       PyErr_SetString(PyExc_MemoryError, e.what());
       throw py::error_already_set();

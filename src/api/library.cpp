@@ -260,8 +260,9 @@ namespace {
 
 [[noreturn]] void fail(Error::Kind kind, const std::string& message) { throw Error(kind, message); }
 
-[[noreturn]] void fail_errno(const std::string& what, int err) {
-  fail(err == ENOMEM ? Error::Kind::kOutOfMemory : Error::Kind::kIo, what + ": " + strerror(err));
+[[noreturn]] void fail_errno(const std::string& path, int err) {
+  if (err == ENOMEM) fail(Error::Kind::kOutOfMemory, path + ": " + strerror(err));
+  throw Error(Error::Kind::kIo, path + ": " + strerror(err), err, path);
 }
 
 // A file the library is about to read: it must open, and be a regular file.
@@ -271,7 +272,8 @@ void check_readable(const std::string& path) {
   struct stat st {};
   const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   close(fd);
-  if (!regular) fail(Error::Kind::kIo, path + ": " + (S_ISDIR(st.st_mode) ? "is a directory" : "is not a regular file"));
+  if (S_ISDIR(st.st_mode)) throw Error(Error::Kind::kIo, path + ": is a directory", EISDIR, path);
+  if (!regular) throw Error(Error::Kind::kIo, path + ": is not a regular file", 0, path);
 }
 
 // ---------------------------------------------------------------------------
