@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
     engine.max_size = get_max_size();
     FileClient client;
     const double start = wall_seconds();
-    status = find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client);
+    status = find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client).ok() ? 0 : 1;
     fprintf(stderr, "engine seconds: %.3f\n", wall_seconds() - start);
   }
   remove(get_qr_file());

@@ -320,9 +320,8 @@ int mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written, Re
   engine.min_size = get_min_size();
   engine.max_size = get_max_size();
   ReportingClient client(labels);
-  if (find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client) != 0) {
-    if (engine.node_block_failed || errno == ENOMEM) report_out_of_memory("mining");
-    if (engine.node_block_failed) return kStatusLog;  // the tree builder's own status
+  if (Status s = find_frequent_patterns(&engine, get_qr_file(), support_of_options(), &client); !s.ok()) {
+    if (s.code() == Status::Code::kOutOfMemory) report_out_of_memory("mining");
     log_printf("%s(%u) Failed to find frequent patterns", kSrc, kLineMine);
     return kStatusConvert;
   }
