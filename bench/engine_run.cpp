@@ -130,7 +130,7 @@ int main(int argc, char** argv) {
     engine.max_size = o.max_size;
     FileClient client(o);
     const double start = wall_seconds();
-    status = find_frequent_patterns(&engine, o.names.qr.c_str(), support_of(o), &client);
+    status = find_frequent_patterns(&engine, o.names.qr.c_str(), support_of(o), &client).ok() ? 0 : 1;
     fprintf(stderr, "engine seconds: %.3f\n", wall_seconds() - start);
   }
   remove(o.names.qr.c_str());

@@ -17,9 +17,6 @@ namespace quarlo::cli {
 
 namespace {
 
-const char kStoreSrc[] = "qrdb";
-const char kEngineSrc[] = "qr";
-
 uint32_t to_little_endian(uint32_t v) {
   if constexpr (std::endian::native == std::endian::big) return __builtin_bswap32(v);
   return v;
@@ -29,9 +26,10 @@ void raise_item_count(uint32_t item, uint32_t* item_count) {
   if (static_cast<int32_t>(item + 1) > static_cast<int32_t>(*item_count)) *item_count = item + 1;
 }
 
-int engine_fatal(Engine* e, const char* stage, unsigned line) {
-  e->rep->printf("%s(%u) Fatal error in %s()", kEngineSrc, line, stage);
-  return 1;
+// Reports "qr(line) Fatal error in stage()" and passes `s` on.
+Status engine_fatal(Engine* e, const Site& site, const char* stage, Status s) {
+  e->rep->printf("%s(%u) Fatal error in %s()", site.module, site.line, stage);
+  return s;
 }
 
 // Appends the record of *items (normalized here) to `out`.
@@ -119,46 +117,57 @@ Status ttoqr(const char* input, const char* output, uint32_t* item_count, Report
   return status;
 }
 
-int load_trandb(TranPool* pool, const char* path, TranBuf* buf) {
+namespace {
+
+// Traces a failed call at `site` ("call: <errno text>", "module(line) : call").
+Status io_failure(Reporter* rep, const char* call, const Site& site, const char* path) {
+  const int error = errno;
+  rep->trace_errno(call);
+  rep->tracef("%s(%u) : %s\n", site.module, site.line, call);
+  return Status::io(error, path);
+}
+
+}  // namespace
+
+Status load_trandb(TranPool* pool, const char* path, TranBuf* buf) {
   int fd = open(path, O_RDONLY);
-  if (fd < 0) {
-    pool->rep->trace_errno("open");
-    pool->rep->tracef("%s(%d) : open\n", kStoreSrc, 134);
-    return -1;
-  }
+  if (fd < 0) return io_failure(pool->rep, "open", sites::kBinaryLoadOpen, path);
   uint32_t filled = 0;
   for (;;) {
     char* at = reinterpret_cast<char*>(buf->data) + filled;
     ssize_t got = read(fd, at, kTranBlockBytes);
     if (got < 0) {
-      pool->rep->trace_errno("read");
-      pool->rep->tracef("%s(%d) : read\n", kStoreSrc, 143);
+      Status s = io_failure(pool->rep, "read", sites::kBinaryLoadRead, path);
       close(fd);
-      return -1;
+      return s;
     }
     if (got == 0) break;
     filled += static_cast<uint32_t>(got);
     if (got == kTranBlockBytes || got + 4 > kTranBlockBytes) {
-      if (grow_buf(pool, buf, 163) != 0) {
+      if (Status s = grow_buf(pool, buf, sites::kBinaryLoadGrow); !s.ok()) {
         close(fd);
-        return -1;
+        return s;
       }
     }
     if (got < kTranBlockBytes) break;
   }
   close(fd);
   buf->data[filled / 4] = 0;
-  return 0;
+  return Status();
 }
 
-int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
-                           EngineClient* client) {
-  if (init_buf_pool(&e->pool, e->nitems) != 0) return engine_fatal(e, "init_buf_pool", 96);
+Status find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
+                              EngineClient* client) {
+  if (Status s = init_buf_pool(&e->pool, e->nitems); !s.ok()) {
+    return engine_fatal(e, sites::kEngineInitPool, "init_buf_pool", std::move(s));
+  }
   TranBuf db = {};
-  if (init_buf(&e->pool, &db) != 0) return engine_fatal(e, "init_buf", 101);
-  if (load_trandb(&e->pool, qr_file, &db) != 0) {
+  if (Status s = init_buf(&e->pool, &db); !s.ok()) {
+    return engine_fatal(e, sites::kEngineInitBuf, "init_buf", std::move(s));
+  }
+  if (Status s = load_trandb(&e->pool, qr_file, &db); !s.ok()) {
     free_buf(&e->pool, &db);
-    return engine_fatal(e, "load_trandb", 106);
+    return engine_fatal(e, sites::kEngineLoad, "load_trandb", std::move(s));
   }
   return mine_database(e, &db, spec, nullptr, client);
 }

@@ -24,13 +24,14 @@ using namespace quarlo::detail;
 Status ttoqr(const char* input, const char* output, uint32_t* item_count, Reporter* rep);
 
 // Reads the binary transaction file at `path` whole into `buf` (made by
-// init_buf) and terminates it with the end word. Returns 0, or -1 after a trace.
-int load_trandb(TranPool* pool, const char* path, TranBuf* buf);
+// init_buf) and terminates it with the end word. An I/O failure (or out of
+// memory) after a trace.
+Status load_trandb(TranPool* pool, const char* path, TranBuf* buf);
 
 // Loads the binary transaction file `qr_file` and mines it as mine_database
-// does. Returns 0, or 1 after a report.
-int find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
-                           EngineClient* client);
+// does; a failure after a report.
+Status find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
+                              EngineClient* client);
 
 }  // namespace quarlo::cli
 

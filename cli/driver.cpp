@@ -184,7 +184,7 @@ void Driver::clean_up_on_signal() const {
 // was about a file.
 int Driver::fail(Stage stage, const Status& status) {
   const Options& o = options_;
-  const bool memory = status.code() == Status::Code::kOutOfMemory;
+  const bool memory = status.is_out_of_memory();
   if (memory) {
     console_.printf("%s(%u) out of memory in %s", sites::kOutOfMemory.module,
                     sites::kOutOfMemory.line, info(stage).name);
@@ -201,6 +201,8 @@ int Driver::fail(Stage stage, const Status& status) {
     case Stage::kBinary:
       break;
     case Stage::kMine:
+      // A tree builder without node blocks ends the run with its own status.
+      if (status.code() == Status::Code::kOutOfTreeNodes) return kStatusLog;
       console_.printf("%s(%u) Failed to find frequent patterns", sites::kMine.module,
                       sites::kMine.line);
       break;
@@ -327,15 +329,9 @@ int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* wri
   engine.min_size = options_.min_size;
   engine.max_size = options_.max_size;
   ReportingClient client(options_, labels, &console_);
-  if (find_frequent_patterns(&engine, options_.names.qr.c_str(), support_of(options_), &client) !=
-      0) {
-    if (engine.node_block_failed || errno == ENOMEM) {
-      console_.printf("%s(%u) out of memory in %s", sites::kOutOfMemory.module,
-                      sites::kOutOfMemory.line, info(Stage::kMine).name);
-    }
-    if (engine.node_block_failed) return kStatusLog;  // the tree builder's own status
-    return fail(Stage::kMine, Status());
-  }
+  const Status status =
+      find_frequent_patterns(&engine, options_.names.qr.c_str(), support_of(options_), &client);
+  if (!status.ok()) return fail(Stage::kMine, status);
   console_.printf("Solution -----------------------------------------------------------------------");
   console_.printf("  Frequent Pattern File:                        %s", options_.names.fp.c_str());
   if (options_.pc_list) {

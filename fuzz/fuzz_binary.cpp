@@ -27,9 +27,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   pool.rep = &rep;
   TranBuf buf = {};
   // No record of the file holds more items than the file has words.
-  FUZZ_CHECK(init_buf_pool(&pool, static_cast<uint32_t>(nwords)) == 0);
-  FUZZ_CHECK(init_buf(&pool, &buf) == 0);
-  FUZZ_CHECK(load_trandb(&pool, file.c_str(), &buf) == 0);
+  FUZZ_CHECK(init_buf_pool(&pool, static_cast<uint32_t>(nwords)).ok());
+  FUZZ_CHECK(init_buf(&pool, &buf).ok());
+  FUZZ_CHECK(load_trandb(&pool, file.c_str(), &buf).ok());
   FUZZ_CHECK(nwords == 0 || std::memcmp(buf.data, words.data(), nwords * 4) == 0);
   FUZZ_CHECK(buf.data[nwords] == 0);
 

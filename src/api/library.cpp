@@ -29,15 +29,11 @@ using namespace detail;
 // ---------------------------------------------------------------------------
 // Options and inputs
 
+// The engine's form of the support, and the decimal fractions by length
+// that become counts once the transactions are counted (kCount takes the
+// first, kCountPairs all of them).
 struct Support::Spec {
-  SupportSpec::Kind kind = SupportSpec::kPercent;
-  double percent = 0.0;
-  uint32_t count = 1;
-  std::string file;
-  std::vector<std::pair<long, double>> percent_pairs;
-  LengthCounts count_pairs;
-  // Decimal fractions by length, made counts once the transactions are
-  // counted: kCount takes the first, kCountPairs all of them.
+  SupportSpec engine;
   std::vector<std::pair<long, std::string>> fraction_pairs;
 };
 
@@ -57,37 +53,37 @@ void check_count(uint32_t count) {
 
 Support Support::percent(double percent) {
   Spec spec;
-  spec.percent = percent;
+  spec.engine.percent = percent;
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::count(uint32_t count) {
   check_count(count);
   Spec spec;
-  spec.kind = SupportSpec::kCount;
-  spec.count = count;
+  spec.engine.kind = SupportSpec::kCount;
+  spec.engine.count = count;
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::table(std::vector<std::pair<uint32_t, double>> percent_by_length) {
   Spec spec;
-  spec.kind = SupportSpec::kPercentPairs;
-  spec.percent_pairs.assign(percent_by_length.begin(), percent_by_length.end());
+  spec.engine.kind = SupportSpec::kPercentPairs;
+  spec.engine.percent_pairs.assign(percent_by_length.begin(), percent_by_length.end());
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::count_table(std::vector<std::pair<uint32_t, uint32_t>> count_by_length) {
   Spec spec;
-  spec.kind = SupportSpec::kCountPairs;
+  spec.engine.kind = SupportSpec::kCountPairs;
   for (const auto& [len, count] : count_by_length) check_count(count);
-  spec.count_pairs.assign(count_by_length.begin(), count_by_length.end());
+  spec.engine.count_pairs.assign(count_by_length.begin(), count_by_length.end());
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::table_file(std::string path) {
   Spec spec;
-  spec.kind = SupportSpec::kTableFile;
-  spec.file = std::move(path);
+  spec.engine.kind = SupportSpec::kTableFile;
+  spec.engine.table_file = std::move(path);
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
@@ -183,14 +179,14 @@ uint32_t fraction_to_count(const Decimal& d, uint32_t ntrans) {
 Support Support::fraction(std::string decimal) {
   fraction_of(decimal);
   Spec spec;
-  spec.kind = SupportSpec::kCount;
+  spec.engine.kind = SupportSpec::kCount;
   spec.fraction_pairs.emplace_back(1, std::move(decimal));
   return Support(std::make_shared<Spec>(std::move(spec)));
 }
 
 Support Support::fraction_table(std::vector<std::pair<uint32_t, std::string>> fraction_by_length) {
   Spec spec;
-  spec.kind = SupportSpec::kCountPairs;
+  spec.engine.kind = SupportSpec::kCountPairs;
   for (auto& [len, decimal] : fraction_by_length) {
     fraction_of(decimal);
     spec.fraction_pairs.emplace_back(len, std::move(decimal));
@@ -290,8 +286,7 @@ struct Loaded {
 void add_record(Engine* e, TranBuf* db, std::vector<uint32_t>* items, uint32_t* nitems) {
   normalize_record(items);
   if (items->empty()) return;
-  if (insert_tran_to_trandb(&e->pool, db, items->data(), static_cast<uint32_t>(items->size()), 1) !=
-      0) {
+  if (!insert_tran_to_trandb(&e->pool, db, items->data(), static_cast<uint32_t>(items->size()), 1).ok()) {
     throw std::bad_alloc();
   }
   // Signed as the binary file's writer compares, so results agree.
@@ -454,17 +449,11 @@ void load(const Transactions::Data& data, Engine* e, TranBuf* db, Loaded* in) {
 
 // The engine's form of `s` for a run of `ntrans` transactions.
 SupportSpec spec_of(const Support::Spec& s, uint32_t ntrans) {
-  SupportSpec spec;
-  spec.kind = s.kind;
-  spec.percent = s.percent;
-  spec.count = s.count;
-  spec.table_file = s.file.c_str();
-  spec.percent_pairs = s.percent_pairs;
-  spec.count_pairs = s.count_pairs;
+  SupportSpec spec = s.engine;
   for (const auto& [len, decimal] : s.fraction_pairs) {
     spec.count_pairs.emplace_back(len, fraction_to_count(fraction_of(decimal), ntrans));
   }
-  if (s.kind == SupportSpec::kCount && !s.fraction_pairs.empty()) {
+  if (spec.kind == SupportSpec::kCount && !s.fraction_pairs.empty()) {
     spec.count = spec.count_pairs[0].second;
   }
   return spec;
@@ -533,20 +522,24 @@ class Client : public EngineClient {
   PatternSink* sink_;
 };
 
-// Turns what the engine reported into the error to throw.
-[[noreturn]] void engine_failure(const Engine& e, const CollectingReporter& rep) {
+// Turns a failure of the engine, whose words went to `rep`, into the error
+// to throw.
+[[noreturn]] void engine_failure(const Status& s, const CollectingReporter& rep) {
   const std::string text = rep.summary();
-  const bool memory = e.node_block_failed || text.find("malloc") != std::string::npos ||
-                      text.find("realloc") != std::string::npos;
-  if (memory) fail(Error::Kind::kOutOfMemory, "out of memory while mining: " + text);
-  if (text.find("fopen") != std::string::npos) fail(Error::Kind::kIo, text);
-  fail(Error::Kind::kInvalidArgument, text);
+  switch (s.code()) {
+    case Status::Code::kOutOfMemory:
+    case Status::Code::kOutOfTreeNodes:
+      fail(Error::Kind::kOutOfMemory, "out of memory while mining: " + text);
+    case Status::Code::kIo:
+      fail(Error::Kind::kIo, text);
+    default:
+      fail(Error::Kind::kInvalidArgument, text);
+  }
 }
 
 void check_options(const Options& options) {
-  if (options.support.spec().kind == SupportSpec::kTableFile) {
-    check_readable(options.support.spec().file);
-  }
+  const SupportSpec& support = options.support.spec().engine;
+  if (support.kind == SupportSpec::kTableFile) check_readable(support.table_file);
 }
 
 double now() { return wall_seconds(); }
@@ -562,7 +555,7 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   Engine e(&rep);
   const double start = now();
   TranBuf db = {};
-  if (init_buf_pool(&e.pool, 0) != 0 || init_buf(&e.pool, &db) != 0) throw std::bad_alloc();
+  if (!init_buf_pool(&e.pool, 0).ok() || !init_buf(&e.pool, &db).ok()) throw std::bad_alloc();
   try {
     if (loader) {
       loader(in, &e, &db);
@@ -574,7 +567,7 @@ void run(const Transactions& transactions, const Options& options, const Precoun
     throw;
   }
   e.nitems = pre != nullptr ? static_cast<uint32_t>(in->label_text.size()) : in->nitems;
-  if (init_buf_pool(&e.pool, e.nitems) != 0) throw std::bad_alloc();
+  if (!init_buf_pool(&e.pool, e.nitems).ok()) throw std::bad_alloc();
   e.min_size = options.min_size;
   e.max_size = options.max_size;
   e.threads = split == nullptr ? options.threads : 1;
@@ -583,8 +576,8 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   const double loaded = now();
   Client client(sink);
   const uint32_t ntrans = pre != nullptr ? pre->ntrans : count_tran(&e.pool, &db);
-  if (mine_database(&e, &db, spec_of(options.support.spec(), ntrans), pre, &client) != 0) {
-    engine_failure(e, rep);
+  if (Status s = mine_database(&e, &db, spec_of(options.support.spec(), ntrans), pre, &client); !s.ok()) {
+    engine_failure(s, rep);
   }
   *stats = client.stats;
   stats->seconds_load = loaded - start;
@@ -870,7 +863,7 @@ Scan scan(const Transactions& transactions) {
     Engine e(&rep);
     Loaded in;
     TranBuf db = {};
-    if (init_buf_pool(&e.pool, 0) != 0 || init_buf(&e.pool, &db) != 0) throw std::bad_alloc();
+    if (!init_buf_pool(&e.pool, 0).ok() || !init_buf(&e.pool, &db).ok()) throw std::bad_alloc();
     try {
       load(transactions.data(), &e, &db, &in);
     } catch (...) {
@@ -880,7 +873,7 @@ Scan scan(const Transactions& transactions) {
     Scan out;
     out.labels = std::move(in.label_text);
     out.supports.assign(out.labels.size(), 0);
-    if (init_buf_pool(&e.pool, static_cast<uint32_t>(out.labels.size())) != 0) {
+    if (!init_buf_pool(&e.pool, static_cast<uint32_t>(out.labels.size())).ok()) {
       free_buf(&e.pool, &db);
       throw std::bad_alloc();
     }
@@ -907,7 +900,7 @@ uint32_t lowest_count(const Options& options, const Totals& totals) {
   e.nitems = static_cast<uint32_t>(totals.item_supports.size());
   e.min_size = options.min_size;
   const uint32_t ntrans = totals.transactions;
-  if (build_support_table(&e, spec_of(options.support.spec(), ntrans), ntrans) != 0) {
+  if (!build_support_table(&e, spec_of(options.support.spec(), ntrans), ntrans).ok()) {
     fail(Error::Kind::kInvalidArgument, rep.summary());
   }
   return e.support.lowest_minsup();
@@ -949,10 +942,9 @@ Plan plan(const Transactions& transactions, const Options& options, uint32_t gro
 
 std::string mine_part(const std::string& part) {
   std::vector<uint32_t> words;
-  std::string error;
-  bool out_of_memory = false;
-  if (!mine_part_words(part, &words, &error, &out_of_memory)) {
-    fail(out_of_memory ? Error::Kind::kOutOfMemory : Error::Kind::kInvalidArgument, error);
+  if (Status s = mine_part_words(part, &words); !s.ok()) {
+    fail(s.is_out_of_memory() ? Error::Kind::kOutOfMemory : Error::Kind::kInvalidArgument,
+         s.message());
   }
   return std::string(reinterpret_cast<const char*>(words.data()), 4 * words.size());
 }

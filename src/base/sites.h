@@ -67,6 +67,8 @@ inline constexpr Site kItemTable{"qrcf1", 48};           // malloc of the item t
 inline constexpr Site kPruneTables{"np2", 42};           // malloc of the pruning tables
 
 // Tree and mining recursion.
+inline constexpr Site kFirstBlock{"cfptree", 139};
+inline constexpr Site kNodeBlock{"cfptree", 163};
 inline constexpr Site kRecursionMalloc{"cfptree", 365};
 inline constexpr Site kRecursionMine{"cfptree", 376};
 inline constexpr Site kTopSinglePath{"cfptree", 440};

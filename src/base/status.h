@@ -19,6 +19,9 @@ class [[nodiscard]] Status {
     kInvalidArgument,  // an option or an input that cannot be mined as given
     kIo,               // a file that cannot be read or written
     kOutOfMemory,      // memory ran short
+    kOutOfTreeNodes,   // memory ran short for a block of tree nodes: the program
+                       // ends the run on it at once, with the tree builder's
+                       // trace as its only report
   };
 
   Status() noexcept = default;
@@ -32,6 +35,7 @@ class [[nodiscard]] Status {
   static Status out_of_memory(std::string message = {}) {
     return Status(Code::kOutOfMemory, 0, {}, std::move(message));
   }
+  static Status out_of_tree_nodes() { return Status(Code::kOutOfTreeNodes, 0, {}, {}); }
 
   Status(Status&&) noexcept = default;
   Status& operator=(Status&&) noexcept = default;
@@ -43,6 +47,10 @@ class [[nodiscard]] Status {
 
   bool ok() const { return rep_ == nullptr; }
   Code code() const { return rep_ ? rep_->code : Code::kOk; }
+  // Either kind of memory shortage.
+  bool is_out_of_memory() const {
+    return code() == Code::kOutOfMemory || code() == Code::kOutOfTreeNodes;
+  }
   int error_number() const { return rep_ ? rep_->error_number : 0; }
   // The file a failure concerns, or empty.
   const std::string& path() const { return rep_ ? rep_->path : empty(); }

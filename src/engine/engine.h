@@ -6,6 +6,7 @@
 #define QUARLO_ENGINE_ENGINE_H_
 
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -52,7 +53,6 @@ struct Engine {
   TopLevelSplit* split = nullptr;
   ProgressHook* progress = nullptr;   // null: nobody watches
   bool top_single_path = false;       // enumerating the single path of the whole tree
-  bool node_block_failed = false;     // a tree node block could not be allocated
 };
 
 // The minimum support of a run as it was given.
@@ -61,7 +61,7 @@ struct SupportSpec {
   Kind kind = kPercent;
   double percent = 0.0;          // kPercent
   uint32_t count = 1;            // kCount
-  const char* table_file = nullptr;                      // kTableFile
+  std::string table_file;                                // kTableFile
   std::vector<std::pair<long, double>> percent_pairs;    // kPercentPairs
   LengthCounts count_pairs;                              // kCountPairs
 };
@@ -90,14 +90,21 @@ class EngineClient {
 };
 
 // Builds e's support table for `ntrans` transactions of e->nitems items and
-// e->min_size. Returns 0, or 1 after a report.
-int build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans);
+// e->min_size. A support table that cannot be made is an invalid argument,
+// after a report.
+Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans);
 
 // Mines the records of `db` (made by init_buf on e.pool; released here) under
-// `spec`. With `pre` the counts come from it instead of from `db`. Returns 0,
-// or 1 after a "Fatal error in ...()" (or open/close) report.
-int mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
-                  EngineClient* client);
+// `spec`. With `pre` the counts come from it instead of from `db`. A failure
+// after a "Fatal error in ...()" (or open/close) report: out of memory, I/O
+// on the sink's file, or a support table that cannot be made.
+Status mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
+                     EngineClient* client);
+
+// Makes e, set up with the support table, item count and size limits of a
+// run, ready to mine conditional databases of that run: its pool, pruning
+// tables and pattern scratch. Out of memory after a trace.
+Status prepare_scratch(Engine* e);
 
 }  // namespace quarlo::detail
 

@@ -4,17 +4,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
-
 #include <new>
+#include <span>
+#include <vector>
 
 #include "engine/engine.h"
 
 namespace quarlo::detail {
 
 namespace {
-
-const char kSrc[] = "cfptree";
 
 // A node with more than kScanChildren children (the root and the upper nodes
 // of sparse data can have thousands) has all of them, and its last child under
@@ -127,48 +125,28 @@ void note_child(TreeScratch& t, FPNode* parent, FPNode* node) {
   index_child(t, parent, kLastChild, node);
 }
 
-// Traces a failed node block; the caller gives up on the tree.
-void block_failure(Engine& e, int line) {
+// Traces a failed header table (its malloc line has no newline of its own).
+Status header_failure(Engine& e, size_t bytes) {
+  using sites::kHeaderMalloc, sites::kHeaderTable;
   e.rep->trace_errno("malloc");
-  e.rep->tracef("%s(%d) : malloc(%d)\n", kSrc, line, static_cast<int>(sizeof(FPNodeBlock)));
-  e.node_block_failed = true;
+  e.rep->tracef("%s(%u) : malloc(%d)", kHeaderMalloc.module, kHeaderMalloc.line, static_cast<int>(bytes));
+  e.rep->tracef("%s(%u) : fail to create header table\n", kHeaderTable.module, kHeaderTable.line);
+  return Status::out_of_memory();
 }
 
-void header_failure(Engine& e, size_t bytes) {
-  e.rep->trace_errno("malloc");
-  e.rep->tracef("%s(%d) : malloc(%d)", kSrc, 1118, static_cast<int>(bytes));
-  e.rep->tracef("%s(%d) : fail to create header table\n", kSrc, 1161);
-}
-
-// Header table in list order; -1 after the trace when memory is short.
-int make_header(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
+// Header table in list order.
+Status make_header(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   const size_t bytes = sizeof(HeaderEntry) * static_cast<size_t>(nfreq > 0 ? nfreq : 1);
   tree->header = static_cast<HeaderEntry*>(malloc(bytes));
-  if (tree->header == nullptr) {
-    header_failure(e, bytes);
-    return -1;
-  }
+  if (tree->header == nullptr) return header_failure(e, bytes);
   uint32_t* rank = e.tree.rank.data();
   for (int32_t p = 0; p < nfreq; ++p) {
-    tree->header[p] = {*list[p].items, list[p].support, nullptr, nullptr};
+    tree->header[p] = {*list[p].items, list[p].support, nullptr};
     rank[*list[p].items] = static_cast<uint32_t>(nfreq - p);
   }
   tree->nheader = nfreq;
   tree->top_support = nfreq > 0 ? list[0].support : 0;
-  return 0;
-}
-
-void sort_by_rank(TranSlot* s, int32_t n) {
-  if (n > 16) {
-    std::sort(s, s + n, [](const TranSlot& a, const TranSlot& b) { return a.aux < b.aux; });
-    return;
-  }
-  for (int32_t i = 1; i < n; ++i) {
-    const TranSlot v = s[i];
-    int32_t j = i;
-    for (; j > 0 && s[j - 1].aux > v.aux; --j) s[j] = s[j - 1];
-    s[j] = v;
-  }
+  return Status();
 }
 
 // Keeps the listed items of the current transaction, least frequent first,
@@ -180,7 +158,7 @@ int32_t keep_frequent(const uint32_t* rank, CurTran* tran) {
     const uint32_t r = rank[s[i].item];
     if (r != 0) s[kept++] = {s[i].item, r};
   }
-  sort_by_rank(s, kept);
+  sort_short(s, static_cast<size_t>(kept), [](const TranSlot& a, const TranSlot& b) { return a.aux < b.aux; });
   tran->n = kept;
   return kept;
 }
@@ -212,7 +190,7 @@ FPNode* take_node(Engine& e, FPTree* tree) {
   if (tree->nodes_used == kNodesPerBlock) {
     FPNodeBlock* block = static_cast<FPNodeBlock*>(calloc(1, sizeof(FPNodeBlock)));
     if (block == nullptr) {
-      block_failure(e, 163);
+      (void)malloc_failure(e.rep, sites::kNodeBlock, sizeof(FPNodeBlock));
       return nullptr;
     }
     tree->cur_block->next = block;
@@ -240,7 +218,6 @@ FPNode* add_child(Engine& e, FPTree* tree, FPNode* parent, FPNode* last, uint32_
   note_child(e.tree, parent, node);
   const uint32_t rank = e.tree.rank[item];
   HeaderEntry* h = &header[tree->nheader - static_cast<int32_t>(rank)];
-  if (h->head == nullptr) h->tail = node;
   node->next_link = h->head;
   h->head = node;
   return node;
@@ -274,11 +251,10 @@ void cut_item(Engine& e, uint32_t item, int32_t w) {
   ++e.counters.cut_items;
 }
 
-}  // namespace
-
-TreeScratch::~TreeScratch() { free(slots); }
-
-int insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran* tran, int32_t w) {
+// Inserts the current transaction (items by rank ascending, the most frequent
+// last) of weight `w` below `node`, cutting items by path pruning where a new
+// branch would start. False after a trace when no node block can be had.
+bool insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran* tran, int32_t w) {
   const TranSlot* s = tran->slot;
   const uint32_t reach = e.prune.cur_pattern_length + e.prune.cur_tran_length;
   const uint32_t* min_length = e.prune.item_min_length.data();
@@ -293,47 +269,45 @@ int insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran* 
       bool cut = false;
       while (min_length[x] > reach) {
         cut_item(e, x, w);
-        if (--n == 0) return 0;
+        if (--n == 0) return true;
         x = s[n - 1].item;
         cut = true;
       }
       if (cut) continue;
       child = add_child(e, tree, node, last, x, w, tree->header);
-      if (child == nullptr) return -1;
+      if (child == nullptr) return false;
     }
-    if (n < 2) return 0;
+    if (n < 2) return true;
     --n;
     node = child;
   }
-  return 0;
+  return true;
 }
 
-namespace {
-
-// Starts `tree` with its header, its first block and the root. Returns 0, or
-// -1 after a trace.
-int start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
+// Starts `tree` with its header, its first block and the root.
+Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   if (!ensure_rank(e.tree, e.nitems)) {
-    header_failure(e, 4 * (static_cast<size_t>(e.nitems) + 1));
-    return -1;
+    return header_failure(e, 4 * (static_cast<size_t>(e.nitems) + 1));
   }
-  if (make_header(e, nfreq, list, tree) != 0) return -1;
+  if (Status s = make_header(e, nfreq, list, tree); !s.ok()) return s;
   start_child_index(e.tree);
   tree->first_block = static_cast<FPNodeBlock*>(calloc(1, sizeof(FPNodeBlock)));
   if (tree->first_block == nullptr) {
-    block_failure(e, 139);
-    return -1;
+    (void)malloc_failure(e.rep, sites::kFirstBlock, sizeof(FPNodeBlock));
+    return Status::out_of_tree_nodes();
   }
   tree->cur_block = tree->first_block;
   tree->root = &tree->first_block->node[0];
   tree->nodes_used = 1;
-  return 0;
+  return Status();
 }
 
 }  // namespace
 
-int create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
-  if (start_tree(e, nfreq, list, tree) != 0) return -1;
+TreeScratch::~TreeScratch() { free(slots); }
+
+Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
+  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
   const uint32_t nrefs = reduce_records(e, db);
   for (int32_t p = 0; p < nfreq; ++p) {
     const HeaderEntry& h = tree->header[p];
@@ -343,18 +317,18 @@ int create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, 
   order_insertions(e, nrefs, static_cast<uint32_t>(nfreq));
   CurTran* tran = nullptr;
   const TranRef* refs = e.prune.tran_refs.data();
-  int status = 0;
-  for (uint32_t r = 0; r < nrefs && status == 0; ++r) {
+  bool inserted = true;
+  for (uint32_t r = 0; r < nrefs && inserted; ++r) {
     const int32_t w = read_tran_at(&e.pool, db, &tran, refs[r].offset);
     e.prune.cur_tran_length = refs[r].count;
-    status = insert_tran_to_fptree(e, tree, tree->root, tran, w);
+    inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
   }
   for (int32_t p = 0; p < nfreq; ++p) {
     HeaderEntry& h = tree->header[p];
     h.support = e.prune.item_cur_support[h.item];
     e.tree.rank[h.item] = 0;
   }
-  return status;
+  return inserted ? Status() : Status::out_of_tree_nodes();  // no node block to be had
 }
 
 void free_fptree(FPTree* tree) {
@@ -371,6 +345,196 @@ void free_fptree(FPTree* tree) {
 }
 
 namespace {
+
+// Appends the record of node `v` to `cdb`: its ancestors below the root,
+// least frequent first, weighted by v's count (nothing for a removed node).
+Status append_path(Engine& e, const FPNode* v, TranBuf* cdb) {
+  uint32_t* path = e.tree.path.data();
+  uint32_t n = 0;
+  for (const FPNode* a = v->parent; a->parent != nullptr; a = a->parent) path[n++] = a->item;
+  Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(v->count));
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module, sites::kCollectInsert.line);
+  }
+  return s;
+}
+
+// True when node v of a pattern of k items plus v's item is deep enough to
+// give a pattern of `len` items (nodes below the root alone give nothing).
+bool contributes(const FPNode* v, uint32_t k, uint32_t len) {
+  return v->depth > 1 && static_cast<int64_t>(v->depth) + k >= static_cast<int64_t>(len);
+}
+
+// Fills `cdb` with the record of every node of `chain` (linked by
+// next_link) that contributes under `len`.
+Status collect_conditional(Engine& e, const FPNode* chain, uint32_t k, uint32_t len, TranBuf* cdb) {
+  for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
+    if (!contributes(v, k, len)) continue;
+    if (Status s = append_path(e, v, cdb); !s.ok()) return s;
+  }
+  return Status();
+}
+
+// True when leaf v of a pattern of k items plus v's item is too shallow to
+// give a pattern of the shortest valid length `len`.
+bool too_shallow(const FPNode* v, uint32_t k, uint32_t len) {
+  return static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(len);
+}
+
+// Removes leaf `v` of h: its count leaves h's support, `*len` follows, and
+// v keeps its place in h's chain with a zero count (so no record is ever
+// collected from it) until it leaves its parent's children with the others.
+void remove_leaf(Engine& e, HeaderEntry* h, FPNode* v, uint32_t* len) {
+  h->support -= v->count;
+  *len = e.support.min_length_of_support(h->support);
+  ++e.counters.pruned_nodes;
+  v->count = 0;
+  e.tree.gone.push_back(v);
+}
+
+// Takes node `v` out of its parent's child list; the other children keep
+// their order.
+void unlink_from_parent(FPNode* v) {
+  FPNode** at = &v->parent->first_child;
+  while (*at != v) at = &(*at)->next_sibling;
+  *at = v->next_sibling;
+}
+
+// Takes the removed leaves out of their parents' children. Leaves of an item
+// are never parents of nodes of the same item, so unlinking them after the
+// pruning decides exactly as unlinking each one at once.
+void unlink_removed(Engine& e) {
+  for (FPNode* v : e.tree.gone) unlink_from_parent(v);
+  e.tree.gone.clear();
+}
+
+// The nodes of an item's chain, for a range-for.
+struct ChainNodes {
+  struct Iterator {
+    FPNode* v;
+    FPNode* operator*() const { return v; }
+    Iterator& operator++() {
+      v = v->next_link;
+      return *this;
+    }
+    bool operator!=(const Iterator& o) const { return v != o.v; }
+  };
+  FPNode* head;
+  Iterator begin() const { return {head}; }
+  Iterator end() const { return {nullptr}; }
+};
+
+enum class Pruned { kBelowFloor, kKept, kFailed };
+
+// h's support fell below `floor` when leaf `from` went: the pass ends along
+// the chain (every later leaf still there and too shallow goes), and h is
+// not extended.
+Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* from, uint32_t k, uint32_t* len) {
+  for (FPNode* v = from->next_link; v != nullptr; v = v->next_link) {
+    if (v->first_child == nullptr && v->count != 0 && too_shallow(v, k, *len)) remove_leaf(e, h, v, len);
+  }
+  unlink_removed(e);
+  return Pruned::kBelowFloor;
+}
+
+// Node pruning of h for a pattern of k items plus h, and h's conditional
+// database in `cdb` (made by init_buf; null to prune only). A pass removes
+// every leaf too shallow for the shortest valid length, which each removal
+// raises; passes repeat while one raised it, and only the leaves the first
+// pass kept can go in later ones (removing a leaf of h never makes another
+// node of h a leaf). The first pass visits `nodes`, in chain order: h's whole
+// chain, or at the top level the listed nodes that can go while the support
+// stays at the floor. It also collects the records: when it leaves the length
+// as it found it those are exactly the records of a walk after the pruning;
+// otherwise they are dropped and collected again.
+template <class Nodes>
+Pruned prune_item(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, const Nodes& nodes, TranBuf* cdb) {
+  uint32_t len = e.support.min_length_of_support(h->support);
+  const uint32_t first_len = len;
+  // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
+  const bool prunes = static_cast<int64_t>(k) + 1 < static_cast<int64_t>(len);
+  std::vector<FPNode*>& leaves = e.tree.leaves;
+  leaves.clear();
+  for (FPNode* v : nodes) {
+    if (!prunes) break;
+    if (v->first_child == nullptr) {
+      if (too_shallow(v, k, len)) {
+        remove_leaf(e, h, v, &len);
+        if (h->support < floor) return below_floor(e, h, v, k, &len);
+        continue;
+      }
+      leaves.push_back(v);
+    }
+    if (cdb != nullptr && contributes(v, k, first_len) && !append_path(e, v, cdb).ok()) {
+      unlink_removed(e);
+      return Pruned::kFailed;
+    }
+  }
+  for (uint32_t before = first_len; len != before;) {
+    before = len;
+    for (FPNode* v : leaves) {
+      if (v->count == 0 || !too_shallow(v, k, len)) continue;
+      remove_leaf(e, h, v, &len);
+      if (h->support < floor) return below_floor(e, h, v, k, &len);
+    }
+  }
+  unlink_removed(e);
+  if (cdb == nullptr || (prunes && len == first_len)) return Pruned::kKept;
+  cdb->position = 0;
+  cdb->data[0] = 0;
+  return collect_conditional(e, h->head, k, len, cdb).ok() ? Pruned::kKept : Pruned::kFailed;
+}
+
+}  // namespace
+
+Status make_pattern_scratch(Engine& e) {
+  const size_t n = static_cast<size_t>(e.nitems) + 1;
+  if (e.tree.items.size() >= n && e.tree.path.size() >= n) return Status();
+  try {
+    e.tree.items.assign(n, 0);
+    e.tree.path.assign(n, 0);
+  } catch (const std::bad_alloc&) {
+    e.rep->trace_errno("malloc");
+    return Status::out_of_memory();
+  }
+  return Status();
+}
+
+namespace {
+
+// Builds the conditional tree of pattern `q` (k + 1 items, the last being h's)
+// from `cdb`, which it releases, and mines it.
+Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t depth) {
+  int32_t nfreq = 0;
+  ItemEntry* list = nullptr;
+  const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
+  Status s = create_freqitemlist(&e.items, &e.pool, cdb, floor, e.nitems, &e.stats, &nfreq, &list);
+  if (!s.ok()) {
+    e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", sites::kConditionalItems.module,
+                  sites::kConditionalItems.line);
+    free_buf(&e.pool, cdb);
+    return s;
+  }
+  if (nfreq <= 0) {
+    free_buf(&e.pool, cdb);
+    return s;
+  }
+  e.prune.cur_pattern_length = q.length;
+  FPTree tree = {};
+  s = create_fptree(e, cdb, nfreq, list, &tree);
+  free_buf(&e.pool, cdb);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module, sites::kConditionalTree.line);
+    free_fptree(&tree);
+    return s;
+  }
+  ++e.counters.conditional_trees;
+  s = gen_freqpattern(e, &tree, q, depth + 1);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module, sites::kConditionalMine.line);
+  }
+  return s;
+}
 
 bool is_single_path(const FPTree* tree) {
   for (const FPNode* v = tree->root; v != nullptr; v = v->first_child) {
@@ -395,191 +559,6 @@ void emit(Engine& e, const Pattern& q) {
   e.sink->put(q);
 }
 
-// Takes node `v` out of its parent's child list; the other children keep
-// their order.
-void unlink_from_parent(FPNode* v) {
-  FPNode** at = &v->parent->first_child;
-  while (*at != v) at = &(*at)->next_sibling;
-  *at = v->next_sibling;
-}
-
-// Unlinks every node of the list `removed` (linked by next_link).
-void unlink_removed(FPNode* removed) {
-  for (FPNode* v = removed; v != nullptr; v = v->next_link) unlink_from_parent(v);
-}
-
-// Takes `v` (behind `prev`, or the head) out of h's chain.
-void drop_from_chain(HeaderEntry* h, FPNode* prev, FPNode* v) {
-  if (prev == nullptr) {
-    h->head = v->next_link;
-  } else {
-    prev->next_link = v->next_link;
-  }
-  if (h->tail == v) h->tail = prev;
-}
-
-// Appends the record of node `v` to `cdb`: its ancestors below the root,
-// least frequent first, weighted by v's count. Returns 0, or -1 after a trace.
-int append_path(Engine& e, const FPNode* v, TranBuf* cdb) {
-  uint32_t* path = e.tree.path.data();
-  uint32_t n = 0;
-  for (const FPNode* a = v->parent; a->parent != nullptr; a = a->parent) path[n++] = a->item;
-  if (insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(v->count)) != 0) {
-    e.rep->tracef("%s(%d) : insert_tran_to_trandb\n", kSrc, 740);
-    return -1;
-  }
-  return 0;
-}
-
-// True when node v of a pattern of k items plus v's item is deep enough to
-// give a pattern of `len` items (nodes below the root alone give nothing).
-bool contributes(const FPNode* v, uint32_t k, uint32_t len) {
-  return v->depth > 1 && static_cast<int64_t>(v->depth) + k >= static_cast<int64_t>(len);
-}
-
-// Fills `cdb` with the record of every node of `chain` (linked by
-// next_link) that contributes under `len`.
-int collect_conditional(Engine& e, const FPNode* chain, uint32_t k, uint32_t len, TranBuf* cdb) {
-  for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
-    if (contributes(v, k, len) && append_path(e, v, cdb) != 0) return -1;
-  }
-  return 0;
-}
-
-// Removes leaf `v` of h: its count leaves h's support and `*len` follows.
-void remove_leaf(Engine& e, HeaderEntry* h, FPNode* v, uint32_t* len) {
-  h->support -= v->count;
-  *len = e.support.min_length_of_support(h->support);
-  ++e.counters.pruned_nodes;
-}
-
-// First pass of node pruning over h's chain: every leaf too shallow to reach
-// the shortest valid length `*len` goes (taken out of the chain at once and
-// out of its parent's children after the pass), and each removal raises
-// `*len`. The leaves kept are listed in e.tree.leaves, in chain order. When
-// `cdb` is not null, every node kept is offered to it under `collect_len`.
-// Returns false when a record cannot be appended.
-bool first_prune_pass(Engine& e, HeaderEntry* h, uint32_t k, uint32_t* len, TranBuf* cdb,
-                      uint32_t collect_len) {
-  std::vector<FPNode*>& leaves = e.tree.leaves;
-  leaves.clear();
-  FPNode* gone = nullptr;  // the leaves removed in this pass
-  FPNode* prev = nullptr;
-  for (FPNode* v = h->head; v != nullptr;) {
-    FPNode* next = v->next_link;
-    const bool leaf = v->first_child == nullptr;
-    if (leaf && static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(*len)) {
-      remove_leaf(e, h, v, len);
-      drop_from_chain(h, prev, v);
-      v->next_link = gone;
-      gone = v;
-    } else {
-      if (leaf) leaves.push_back(v);
-      if (cdb != nullptr && contributes(v, k, collect_len) && append_path(e, v, cdb) != 0) {
-        return false;
-      }
-      prev = v;
-    }
-    v = next;
-  }
-  // Leaves of h are never parents of other nodes of h, so unlinking them
-  // after the pass decides exactly as unlinking each one at once.
-  unlink_removed(gone);
-  return true;
-}
-
-// The later passes: only the leaves the first pass kept can go (removing a
-// leaf of h never makes another node of h a leaf), so each pass walks them in
-// chain order, marking the removed ones with a zero count, until a pass
-// leaves `*len` as it found it or the support falls below `floor`. Then the
-// marked nodes leave the chain and their parents' children.
-void later_prune_passes(Engine& e, HeaderEntry* h, uint32_t k, uint32_t* len, int32_t floor) {
-  std::vector<FPNode*>& leaves = e.tree.leaves;
-  for (uint32_t before = 0; *len != before && h->support >= floor;) {
-    before = *len;
-    for (FPNode* v : leaves) {
-      if (v->count != 0 && static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(*len)) {
-        remove_leaf(e, h, v, len);
-        v->count = 0;
-      }
-    }
-  }
-  FPNode* gone = nullptr;
-  FPNode* prev = nullptr;
-  for (FPNode* v = h->head; v != nullptr;) {
-    FPNode* next = v->next_link;
-    if (v->count == 0) {
-      drop_from_chain(h, prev, v);
-      v->next_link = gone;
-      gone = v;
-    } else {
-      prev = v;
-    }
-    v = next;
-  }
-  unlink_removed(gone);
-}
-
-enum class Pruned { kBelowFloor, kCollected, kFailed };
-
-// Node pruning of h for a pattern of k items plus h, then h's conditional
-// database in `cdb` (made by init_buf; null to prune only). Passes repeat
-// while one raised the shortest valid length, since only that can make
-// another leaf too shallow. The first pass also collects the records: when
-// it leaves the length as it found it, those are exactly the records of a
-// separate walk after the pruning; otherwise they are dropped and collected
-// again.
-Pruned prune_and_collect(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, TranBuf* cdb) {
-  uint32_t len = e.support.min_length_of_support(h->support);
-  // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
-  if (static_cast<int64_t>(k) + 1 >= static_cast<int64_t>(len)) {
-    if (cdb == nullptr) return Pruned::kCollected;
-    return collect_conditional(e, h->head, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
-  }
-  const uint32_t first_len = len;
-  if (!first_prune_pass(e, h, k, &len, cdb, first_len)) return Pruned::kFailed;
-  if (h->support < floor) return Pruned::kBelowFloor;
-  if (len == first_len) return Pruned::kCollected;
-  if (cdb != nullptr) {
-    cdb->position = 0;
-    cdb->data[0] = 0;
-  }
-  later_prune_passes(e, h, k, &len, floor);
-  if (h->support < floor) return Pruned::kBelowFloor;
-  if (cdb == nullptr) return Pruned::kCollected;
-  return collect_conditional(e, h->head, k, len, cdb) == 0 ? Pruned::kCollected : Pruned::kFailed;
-}
-
-// Builds the conditional tree of pattern `q` (k + 1 items, the last being h's)
-// from `cdb`, which it releases, and mines it. Returns 0, or -1 after a trace.
-int mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t depth) {
-  int32_t nfreq = 0;
-  ItemEntry* list = nullptr;
-  const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
-  if (create_freqitemlist(&e.items, &e.pool, cdb, floor, e.nitems, &e.stats, &nfreq, &list) != 0) {
-    e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", kSrc, 755u);
-    return -1;
-  }
-  if (nfreq <= 0) {
-    free_buf(&e.pool, cdb);
-    return 0;
-  }
-  e.prune.cur_pattern_length = q.length;
-  FPTree tree = {};
-  if (create_fptree(e, cdb, nfreq, list, &tree) != 0) {
-    e.rep->tracef("%s(%d) : create_fptree\n", kSrc, 773);
-    free_fptree(&tree);
-    return -1;
-  }
-  free_buf(&e.pool, cdb);
-  ++e.counters.conditional_trees;
-  if (gen_freqpattern(e, &tree, q, depth + 1) != 0) {
-    e.rep->tracef("%s(%d) : gen_freqpattern\n", kSrc, 810);
-    return -1;
-  }
-  return 0;
-}
-
 // The nodes of the single path below `u` that cannot extend a pattern of k
 // items to any valid length get their counts negated.
 void mark_rare_nodes(Engine& e, FPNode* u, uint32_t k) {
@@ -594,51 +573,35 @@ void mark_rare_nodes(Engine& e, FPNode* u, uint32_t k) {
   }
 }
 
-}  // namespace
-
-int gen_pattern_by_nodepath(Engine& e, const Pattern& p, FPNode* u) {
+// Hands every frequent extension of `p` by nodes of the single path below `u`
+// to the run's sink.
+void mine_path_below(Engine& e, const Pattern& p, FPNode* u) {
   const uint32_t k = p.length;
-  if (k >= e.max_size || u->first_child == nullptr) return 0;
+  if (k >= e.max_size || u->first_child == nullptr) return;
   mark_rare_nodes(e, u, k);
   Pattern q = {k + 1, p.support, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
-  int status = 0;
-  for (FPNode* v = u->first_child; v != nullptr && status == 0; v = v->first_child) {
+  for (FPNode* v = u->first_child; v != nullptr; v = v->first_child) {
     if (v->count < 0) continue;
     q.items[k] = v->item;
     if (q.support > v->count) q.support = v->count;
     if (at_least(q.support, need)) emit(e, q);
-    if (v->first_child != nullptr && gen_pattern_by_nodepath(e, q, v) != 0) {
-      e.rep->tracef("%s(%d) : gen_pattern_by_nodepath\n", kSrc, 950);
-      status = -1;
-    }
+    if (v->first_child != nullptr) mine_path_below(e, q, v);
   }
   for (FPNode* v = u->first_child; v != nullptr; v = v->first_child) {
     if (v->count < 0) v->count = -v->count;
   }
-  return status;
 }
 
-namespace {
-
-// Mines the single path of `tree`; on the tree of the whole database every
-// pattern's least frequent item is the last one added.
-int mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
+// Mines the single path of `tree` (released here); on the tree of the whole
+// database every pattern's least frequent item is the last one added.
+void mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   ++e.counters.single_paths;
   e.top_single_path = depth == 1;
-  const int status = gen_pattern_by_nodepath(e, p, tree->root);
+  mine_path_below(e, p, tree->root);
   e.top_single_path = false;
-  if (status != 0) {
-    e.rep->tracef("%s(%d) : gen_pattern_by_nodepath\n", kSrc, 440);
-    return -1;
-  }
   free_fptree(tree);
-  return 0;
 }
-
-}  // namespace
-
-namespace {
 
 // The nodes of every item that node pruning at the top level can remove
 // while the item's support stays at the floor or above: those shallower than
@@ -646,6 +609,10 @@ namespace {
 struct ShallowNodes {
   std::vector<size_t> start;  // nheader + 1 entries
   std::vector<FPNode*> nodes;
+
+  std::span<FPNode* const> of(int32_t p) const {
+    return {nodes.data() + start[p], start[p + 1] - start[p]};
+  }
 };
 
 // Lists them by one sequential scan of the node blocks; false (nothing
@@ -684,70 +651,6 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
   return few;
 }
 
-// Marks removed leaf v of h (count 0, kept in its chain) for unlinking.
-void mark_removed(Engine& e, HeaderEntry* h, FPNode* v, uint32_t* len) {
-  remove_leaf(e, h, v, len);
-  v->count = 0;
-  e.tree.gone.push_back(v);
-}
-
-// Ends a pass whose support fell below the floor at node `from` of h's
-// chain: every leaf after it that is still there and too shallow goes.
-void finish_pass_on_chain(Engine& e, HeaderEntry* h, FPNode* from, uint32_t* len) {
-  for (FPNode* v = from; v != nullptr; v = v->next_link) {
-    if (v->first_child == nullptr && v->count != 0 && static_cast<int64_t>(v->depth) < *len) {
-      mark_removed(e, h, v, len);
-    }
-  }
-}
-
-// Takes the marked nodes out of their parents' children.
-void unlink_marked(Engine& e) {
-  for (FPNode* v : e.tree.gone) unlink_from_parent(v);
-  e.tree.gone.clear();
-}
-
-// Node pruning of top item h as prune_and_collect decides it, visiting only
-// its listed shallow nodes while the support stays at the floor: deeper
-// leaves could only go once it has fallen below, and then the pass goes on
-// along the chain. Removed nodes stay in the chain with a zero count (no
-// record is collected from them: they are too shallow).
-Pruned prune_listed(Engine& e, HeaderEntry* h, FPNode* const* nodes, size_t n, int32_t floor) {
-  uint32_t len = e.support.min_length_of_support(h->support);
-  if (len <= 1) return Pruned::kCollected;
-  std::vector<FPNode*>& leaves = e.tree.leaves;
-  leaves.clear();
-  const uint32_t first_len = len;
-  for (size_t i = 0; i < n; ++i) {
-    FPNode* v = nodes[i];
-    if (v->first_child != nullptr) continue;
-    if (v->depth >= len) {
-      leaves.push_back(v);
-      continue;
-    }
-    mark_removed(e, h, v, &len);
-    if (h->support < floor) {
-      finish_pass_on_chain(e, h, v->next_link, &len);
-      unlink_marked(e);
-      return Pruned::kBelowFloor;
-    }
-  }
-  for (uint32_t before = first_len == len ? len : 0; len != before;) {
-    before = len;
-    for (FPNode* v : leaves) {
-      if (v->count == 0 || v->depth >= len) continue;
-      mark_removed(e, h, v, &len);
-      if (h->support < floor) {
-        finish_pass_on_chain(e, h, v->next_link, &len);
-        unlink_marked(e);
-        return Pruned::kBelowFloor;
-      }
-    }
-  }
-  unlink_marked(e);
-  return Pruned::kCollected;
-}
-
 // The longest shortest length of any support at the floor or above (the
 // lookup is not monotone over small counts with a constant table).
 uint32_t longest_length(const Engine& e, int32_t floor) {
@@ -759,54 +662,95 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
   return longest;
 }
 
-// The top level of a run handed to e.split: the same walk, node pruning and
-// one-item patterns as gen_freqpattern at depth 1; the split collects and
-// mines each item's conditional database.
-int split_top_level(Engine& e, FPTree* tree) {
-  e.split->take_tree(*tree);
+// Prunes top item h (header index i) and hands its pruned chain to the run's
+// split, which collects and mines its conditional database.
+Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const ShallowNodes* listed) {
+  const Pruned pruned = listed != nullptr ? prune_item(e, h, 0, floor, listed->of(i), nullptr)
+                                          : prune_item(e, h, 0, floor, ChainNodes{h->head}, nullptr);
+  if (pruned == Pruned::kBelowFloor) return Status();
+  return e.split->conditional(e, h->item, h->support, h->head);
+}
+
+// Prunes h, collects its conditional database and mines it below `q`, the
+// pattern that ends with h's item.
+Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t depth) {
+  TranBuf cdb;
+  if (Status s = init_buf(&e.pool, &cdb); !s.ok()) {
+    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module, sites::kCollectInitBuf.line);
+    return s;
+  }
+  const Pruned pruned = prune_item(e, h, q.length - 1, floor, ChainNodes{h->head}, &cdb);
+  if (pruned != Pruned::kKept) {
+    free_buf(&e.pool, &cdb);
+    return pruned == Pruned::kFailed ? Status::out_of_memory() : Status();
+  }
+  q.support = h->support;
+  return mine_conditional(e, q, &cdb, depth);
+}
+
+// The walk over the items of `tree` (released here), least frequent first:
+// each item's pattern `p` plus the item goes to the sink when frequent, then
+// the item's nodes are pruned and its conditional database is mined. At the
+// top level the walk reports its progress, a restricted run only prunes the
+// items it skips (so that the tree evolves as in a run over every item), and
+// a split run hands each conditional database to the split.
+Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
+  const bool top = depth == 1;
+  TopLevelSplit* split = top ? e.split : nullptr;
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
-  Pattern q = {1, 0, e.tree.items.data()};
-  const uint32_t need = e.support.minsup_of_length(1);
   ShallowNodes shallow;
-  const bool listed = e.wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow);
+  const ShallowNodes* listed = nullptr;
+  if (split != nullptr) {
+    split->take_tree(*tree);
+    if (e.wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow)) listed = &shallow;
+  }
+  const uint32_t k = p.length;
+  Pattern q = {k + 1, 0, p.items};
+  const uint32_t need = e.support.minsup_of_length(k + 1);
   for (int32_t i = tree->nheader - 1; i >= 0; --i) {
     HeaderEntry* h = &tree->header[i];
-    if (e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
+    if (top && e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
-    if (e.wanted != nullptr && !(*e.wanted)[h->item]) {
-      prune_and_collect(e, h, 0, floor, nullptr);
+    if (top && e.wanted != nullptr && !(*e.wanted)[h->item]) {
+      prune_item(e, h, k, floor, ChainNodes{h->head}, nullptr);
       continue;
     }
-    if (e.split->begin_item(e, h->item) != 0) return -1;
-    q.items[0] = h->item;
+    if (split != nullptr) {
+      if (Status s = split->begin_item(e, h->item); !s.ok()) return s;
+    }
+    q.items[k] = h->item;
     q.support = h->support;
     if (at_least(q.support, need)) emit(e, q);
-    const Pruned pruned =
-        listed ? prune_listed(e, h, shallow.nodes.data() + shallow.start[i],
-                              shallow.start[i + 1] - shallow.start[i], floor)
-               : prune_and_collect(e, h, 0, floor, nullptr);
-    if (pruned == Pruned::kBelowFloor) continue;
-    if (e.split->conditional(e, h->item, h->support, h->head) != 0) return -1;
+    Status s = split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, q, floor, depth);
+    if (!s.ok()) return s;
   }
-  *tree = {};
-  return 0;
+  if (split != nullptr) {
+    *tree = {};  // the split releases it
+  } else {
+    free_fptree(tree);
+  }
+  return Status();
 }
 
 }  // namespace
 
-int collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb) {
-  if (init_buf(&e.pool, cdb) != 0) {
-    e.rep->tracef("%s(%d) : init_buf\n", kSrc, 684);
-    return -1;
+Status collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb) {
+  if (Status s = init_buf(&e.pool, cdb); !s.ok()) {
+    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module, sites::kCollectInitBuf.line);
+    return s;
   }
-  if (collect_conditional(e, chain, 0, e.support.min_length_of_support(support), cdb) != 0) {
-    free_buf(&e.pool, cdb);
-    return -1;
-  }
-  return 0;
+  Status s = collect_conditional(e, chain, 0, e.support.min_length_of_support(support), cdb);
+  if (!s.ok()) free_buf(&e.pool, cdb);
+  return s;
 }
 
-int mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
+// The trace of the pattern scratch that could not be had.
+Status recursion_malloc_failure(Engine& e) {
+  e.rep->tracef("%s(%u) : malloc\n", sites::kRecursionMalloc.module, sites::kRecursionMalloc.line);
+  return Status::out_of_memory();
+}
+
+Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
   uint32_t records = 0;
   for (const int32_t* w = cdb->data; *w != 0; ++records) w += *w < 0 ? 2 + w[1] : 1 + *w;
   try {
@@ -814,75 +758,35 @@ int mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
   } catch (const std::bad_alloc&) {
     free_buf(&e.pool, cdb);
     e.rep->trace_errno("malloc");
-    e.rep->tracef("%s(%d) : malloc\n", kSrc, 365);
-    return -1;
+    return recursion_malloc_failure(e);
   }
   e.tree.items[0] = item;
   const Pattern q = {1, support, e.tree.items.data()};
   return mine_conditional(e, q, cdb, 1);
 }
 
-int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+Status mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
   TranBuf cdb;
-  if (collect_top_item(e, support, chain, &cdb) != 0) return -1;
+  if (Status s = collect_top_item(e, support, chain, &cdb); !s.ok()) return s;
   return mine_top_database(e, item, support, &cdb);
 }
 
-int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
-  if (is_single_path(tree)) return mine_single_path(e, tree, p, depth);
-  if (depth == 1 && e.split != nullptr) return split_top_level(e, tree);
-  const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
-  const uint32_t k = p.length;
-  Pattern q = {k + 1, 0, p.items};
-  const uint32_t need = e.support.minsup_of_length(k + 1);
-  for (int32_t i = tree->nheader - 1; i >= 0; --i) {
-    HeaderEntry* h = &tree->header[i];
-    if (depth == 1 && e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
-    if (h->support < floor) continue;
-    // A restricted run still prunes the items it skips, so that the tree
-    // evolves exactly as in a run over every item.
-    if (depth == 1 && e.wanted != nullptr && !(*e.wanted)[h->item]) {
-      prune_and_collect(e, h, k, floor, nullptr);
-      continue;
-    }
-    q.items[k] = h->item;
-    q.support = h->support;
-    if (at_least(q.support, need)) emit(e, q);
-    TranBuf cdb;
-    if (init_buf(&e.pool, &cdb) != 0) {
-      e.rep->tracef("%s(%d) : init_buf\n", kSrc, 684);
-      return -1;
-    }
-    const Pruned pruned = prune_and_collect(e, h, k, floor, &cdb);
-    if (pruned == Pruned::kFailed) return -1;
-    if (pruned == Pruned::kBelowFloor) {
-      free_buf(&e.pool, &cdb);
-      continue;
-    }
-    q.support = h->support;
-    if (mine_conditional(e, q, &cdb, depth) != 0) return -1;
-  }
-  free_fptree(tree);
-  return 0;
+Status gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
+  if (!is_single_path(tree)) return walk_items(e, tree, p, depth);
+  mine_single_path(e, tree, p, depth);
+  return Status();
 }
 
-int mine_fptree(Engine& e, FPTree* tree) {
-  try {
-    e.tree.items.assign(static_cast<size_t>(e.nitems) + 1, 0);
-    e.tree.path.assign(static_cast<size_t>(e.nitems) + 1, 0);
-  } catch (const std::bad_alloc&) {
-    e.rep->trace_errno("malloc");
-    e.rep->tracef("%s(%d) : malloc\n", kSrc, 365);
-    return -1;
-  }
+Status mine_fptree(Engine& e, FPTree* tree) {
+  if (!make_pattern_scratch(e).ok()) return recursion_malloc_failure(e);
   // Every level of the recursion writes only its own slot of `items`. The
   // empty pattern carries the support of the most frequent item as it was
   // before path pruning: a single-path tree caps every pattern's support by
   // it, and pruning may have cut that item from every record.
   const Pattern empty = {0, tree->top_support, e.tree.items.data()};
-  int status = gen_freqpattern(e, tree, empty, 1);
-  if (status != 0) e.rep->tracef("%s(%d) : gen_freqpattern\n", kSrc, 376);
-  return status;
+  Status s = gen_freqpattern(e, tree, empty, 1);
+  if (!s.ok()) e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module, sites::kRecursionMine.line);
+  return s;
 }
 
 }  // namespace quarlo::detail

@@ -15,6 +15,7 @@
 #include "engine/prune_tables.h"
 #include "engine/frequent_items.h"
 #include "engine/transaction_store.h"
+#include "base/status.h"
 
 namespace quarlo::detail {
 
@@ -46,8 +47,7 @@ struct FPNodeBlock {
 struct HeaderEntry {
   uint32_t item;
   int32_t support;  // support in this tree, net of path and node pruning
-  FPNode* head;     // most recently made node of the item
-  FPNode* tail;     // first node made, last in the chain
+  FPNode* head;     // most recently made node of the item; the chain ends with the first
 };
 
 struct FPTree {
@@ -114,30 +114,24 @@ struct TreeScratch {
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of
 // `list`), applying path pruning against the run's cur_pattern_length.
 // Rewrites the records of `db` in place, so the buffer is of no further use.
-// Needs the run's pruning tables and support table. Returns 0, or -1 after a
-// trace (with e.node_block_failed set when a node block could not be had).
-int create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree);
-
-// Inserts the current transaction (items by rank ascending, the most frequent
-// last) of weight `w` below `node`, cutting items by path pruning where a new
-// branch would start. Only valid while create_fptree builds `tree`. Returns
-// 0, or -1 when a node block could not be had.
-int insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran* tran, int32_t w);
+// Needs the run's pruning tables and support table. Out of memory after a
+// trace.
+Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree);
 
 // Releases every node block and the header table of `tree`.
 void free_fptree(FPTree* tree);
 
-// Mines the tree of the whole database (consumed) into the run's sink.
-// Returns 0, or -1 after a trace.
-int mine_fptree(Engine& e, FPTree* tree);
+// Sizes the pattern scratch of the recursion for e.nitems items (kept when
+// big enough). Out of memory after tracing the malloc.
+Status make_pattern_scratch(Engine& e);
+
+// Mines the tree of the whole database (consumed) into the run's sink; a
+// failure after a trace.
+Status mine_fptree(Engine& e, FPTree* tree);
 
 // Hands every frequent extension of `p` found in `tree` (consumed on success)
 // to the run's sink.
-int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth);
-
-// Hands every frequent extension of `p` by nodes of the single path below `u`
-// to the run's sink.
-int gen_pattern_by_nodepath(Engine& e, const Pattern& p, FPNode* u);
+Status gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth);
 
 // Takes over the top level of a run whose tree is not a single path (set as
 // Engine::split): the run's thread still walks the top items in mining order,
@@ -150,28 +144,28 @@ class TopLevelSplit {
   // nothing reads its nodes any more.
   virtual void take_tree(const FPTree& tree) = 0;
   // `item` comes next; its one-item pattern, when it is frequent, follows on
-  // the run's sink. Returns 0, or -1 after a report.
-  virtual int begin_item(Engine& e, uint32_t item) = 0;
+  // the run's sink. A failure after a report.
+  virtual Status begin_item(Engine& e, uint32_t item) = 0;
   // The nodes of `item` left by node pruning (linked by next_link) and its
   // support. The walk never again writes what mine_top_item reads of them
   // (their parents, items, counts, depths and this chain), so another thread
-  // may mine them while the walk goes on. Returns 0, or -1 after a report.
-  virtual int conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) = 0;
+  // may mine them while the walk goes on. A failure after a report.
+  virtual Status conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) = 0;
 };
 
 // Collects the conditional database of an item with `support` from its
 // pruned `chain` in the top-level tree into `cdb` (made here on e's pool), as
-// a whole run does. Returns 0, or -1 after a trace.
-int collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb);
+// a whole run does. Out of memory after a trace.
+Status collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb);
 
 // Mines `cdb` (released here), the conditional database of {item} with
 // `support`, into e's sink exactly as a whole run mines it below its top
 // level. e needs its support table, size limits, pool, pruning tables and
-// pattern scratch. Returns 0, or -1 after a report or trace.
-int mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb);
+// pattern scratch. A failure after a report or trace.
+Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb);
 
 // collect_top_item, then mine_top_database.
-int mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain);
+Status mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain);
 
 }  // namespace quarlo::detail
 

@@ -7,9 +7,9 @@ namespace quarlo::detail {
 
 namespace {
 
-const char kSrc[] = "qrcf1";
-
-int alloc_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
+// Sizes the tables for `nitems` items unless they are big enough already.
+Status size_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
+  if (t->numbers.size() >= nitems && !t->entries.empty()) return Status();
   const size_t n = nitems;
   try {
     t->entries.assign(n + 1, ItemEntry{});
@@ -17,13 +17,10 @@ int alloc_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
     t->support.assign(n, 0);
     t->touched.resize(n);
   } catch (const std::bad_alloc&) {
-    const size_t bytes = (n + 1) * sizeof(ItemEntry) + 3 * n * sizeof(uint32_t);
-    rep->trace_errno("malloc");
-    rep->tracef("%s(%d) : malloc(%d)\n", kSrc, 48, static_cast<int>(bytes));
-    return -1;
+    return malloc_failure(rep, sites::kItemTable, (n + 1) * sizeof(ItemEntry) + 3 * n * sizeof(uint32_t));
   }
   for (uint32_t i = 0; i < nitems; ++i) t->numbers[i] = i;
-  return 0;
+  return Status();
 }
 
 // Adds every record's weight to its items' supports and updates the input
@@ -70,22 +67,18 @@ int32_t list_items(ItemTable* t, uint32_t touched, int32_t floor) {
 
 }  // namespace
 
-int create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
-                        uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list) {
-  if (table->numbers.size() < nitems || table->entries.empty()) {
-    if (alloc_item_table(table, nitems, pool->rep) != 0) return -1;
-  }
+Status create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
+                           uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list) {
+  if (Status s = size_item_table(table, nitems, pool->rep); !s.ok()) return s;
   const uint32_t touched = count_items(table, pool, db, stats);
   *nfreq = list_items(table, touched, floor);
   *list = (touched == 0) ? nullptr : table->entries.data();
-  return 0;
+  return Status();
 }
 
-int list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
-                       int32_t* nfreq, ItemEntry** list, Reporter* rep) {
-  if (table->numbers.size() < nitems || table->entries.empty()) {
-    if (alloc_item_table(table, nitems, rep) != 0) return -1;
-  }
+Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
+                          int32_t* nfreq, ItemEntry** list, Reporter* rep) {
+  if (Status s = size_item_table(table, nitems, rep); !s.ok()) return s;
   uint32_t touched = 0;
   for (uint32_t item = 0; item < nitems; ++item) {
     if (supports[item] == 0) continue;
@@ -94,7 +87,7 @@ int list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor
   }
   *nfreq = list_items(table, touched, floor);
   *list = (touched == 0) ? nullptr : table->entries.data();
-  return 0;
+  return Status();
 }
 
 }  // namespace quarlo::detail

@@ -41,14 +41,14 @@ struct ItemTable {
 // whose support reaches `floor`. On success *nfreq is the list's length and
 // *list its first entry (null when no item occurs at all); the entry behind
 // the last listed one has support -1. The list stays valid until the next
-// call. Returns 0, or -1 after a trace when the table cannot be allocated.
-int create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
+// call. Out of memory after a trace when the table cannot be allocated.
+Status create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
                         uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list);
 
 // Lists the items whose given support reaches `floor`, ordered as
 // create_freqitemlist orders them, from supports counted elsewhere (one per
 // item number). Same result conventions.
-int list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
+Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
                        int32_t* nfreq, ItemEntry** list, Reporter* rep);
 
 }  // namespace quarlo::detail

@@ -12,16 +12,9 @@ namespace {
 constexpr uint32_t kPartMagic = 0x31505251;  // "QRP1"
 constexpr uint32_t kMostItems = 1u << 28;     // more distinct items than any part holds
 
-// Appends the words of a pattern: length, support, items.
-void put_pattern(std::vector<uint32_t>* to, const Pattern& p) {
-  to->push_back(p.length);
-  to->push_back(static_cast<uint32_t>(p.support));
-  to->insert(to->end(), p.items, p.items + p.length);
-}
-
 class WordSink : public PatternSink {
  public:
-  void put(const Pattern& p) override { put_pattern(to, p); }
+  void put(const Pattern& p) override { append_pattern(to, p); }
   std::vector<uint32_t>* to = nullptr;
 };
 
@@ -63,7 +56,8 @@ void append_words(std::string* to, const uint32_t* w, size_t n) {
   to->append(reinterpret_cast<const char*>(w), 4 * n);
 }
 
-// A part's engine: the run's support table and limits, and scratch of its own.
+// A part's engine: the run's support table and limits, and scratch of its
+// own. False when the head is not one of a part; out of memory is thrown.
 bool prepare_engine(WordReader* in, Engine* e) {
   e->nitems = in->next();
   e->min_size = in->next();
@@ -76,11 +70,7 @@ bool prepare_engine(WordReader* in, Engine* e) {
       e->support.lengths() != e->nitems) {
     return false;
   }
-  if (init_buf_pool(&e->pool, e->nitems) != 0 || alloc_avetbl(&e->prune, e->nitems, 0, e->rep) != 0) {
-    throw std::bad_alloc();
-  }
-  e->tree.items.assign(static_cast<size_t>(e->nitems) + 1, 0);
-  e->tree.path.assign(static_cast<size_t>(e->nitems) + 1, 0);
+  if (!prepare_scratch(e).ok()) throw std::bad_alloc();
   return true;
 }
 
@@ -118,8 +108,8 @@ bool well_formed(const int32_t* w, uint32_t n, uint32_t nitems, int32_t support,
 }
 
 // Mines the next item of a part into `out`. False when the part is cut short
-// or holds an item outside the run; *failed when mining failed.
-bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, bool* failed) {
+// or holds an item outside the run; *mined tells how mining went.
+bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, Status* mined) {
   const uint32_t index = in->next();
   const uint32_t item = in->next();
   const int32_t support = static_cast<int32_t>(in->next());
@@ -138,7 +128,7 @@ bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, bool* failed) {
   out.push_back(index);
   const size_t count_at = out.size();
   out.push_back(0);
-  *failed = mine_top_database(*e, item, support, &cdb) != 0;
+  *mined = mine_top_database(*e, item, support, &cdb);
   out[count_at] = static_cast<uint32_t>(out.size() - count_at - 1);
   return true;
 }
@@ -147,12 +137,12 @@ bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, bool* failed) {
 
 void Planner::put(const Pattern& p) {
   record_.push_back(0);
-  put_pattern(&record_, p);
+  append_pattern(&record_, p);
 }
 
-int Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+Status Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
   TranBuf cdb;
-  if (collect_top_item(e, support, chain, &cdb) != 0) return -1;
+  if (Status s = collect_top_item(e, support, chain, &cdb); !s.ok()) return s;
   const size_t n = cdb.position / 4 + 1;  // the records and the end word
   try {
     const uint32_t g = static_cast<uint32_t>(std::min_element(work_.begin(), work_.end()) - work_.begin());
@@ -167,10 +157,10 @@ int Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode
   } catch (const std::bad_alloc&) {
     free_buf(&e.pool, &cdb);
     e.rep->trace_errno("malloc");
-    return -1;
+    return Status::out_of_memory();
   }
   free_buf(&e.pool, &cdb);
-  return 0;
+  return Status();
 }
 
 void Planner::start_parts(const std::vector<uint32_t>& run) {
@@ -181,8 +171,8 @@ void Planner::start_parts(const std::vector<uint32_t>& run) {
   started_ = true;
 }
 
-int Planner::begin_item(Engine& e, uint32_t) {
-  if (started_) return 0;
+Status Planner::begin_item(Engine& e, uint32_t) {
+  if (started_) return Status();
   try {
     std::vector<uint32_t> run = {e.nitems, e.min_size, e.max_size};
     const std::vector<uint32_t> table = e.support.save();
@@ -191,9 +181,9 @@ int Planner::begin_item(Engine& e, uint32_t) {
     start_parts(run);
   } catch (const std::bad_alloc&) {
     e.rep->trace_errno("malloc");
-    return -1;
+    return Status::out_of_memory();
   }
-  return 0;
+  return Status();
 }
 
 void Planner::finish(std::vector<std::string>* parts, std::vector<uint64_t>* work,
@@ -207,9 +197,7 @@ void Planner::finish(std::vector<std::string>* parts, std::vector<uint64_t>* wor
   record->insert(record->end(), owner_.begin(), owner_.end());
 }
 
-bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::string* error,
-                     bool* out_of_memory) {
-  *out_of_memory = false;
+Status mine_part_words(const std::string& part, std::vector<uint32_t>* out) {
   WordReader in(part);
   CollectingReporter rep;
   Engine e(&rep);
@@ -218,47 +206,26 @@ bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::s
   e.sink = &sink;
   try {
     if (in.next() != kPartMagic || !prepare_engine(&in, &e)) {
-      *error = "not a part of a planned run";
-      return false;
+      return Status::invalid_argument("not a part of a planned run");
     }
     while (in.ok() && in.left() > 0) {
-      bool failed = false;
-      if (!mine_next_item(&in, &e, &sink, &failed)) {
-        *error = "a part cut short or not of this run";
-        return false;
+      Status mined;
+      if (!mine_next_item(&in, &e, &sink, &mined)) {
+        return Status::invalid_argument("a part cut short or not of this run");
       }
-      if (failed) {
-        *out_of_memory = e.node_block_failed || rep.summary().find("alloc") != std::string::npos;
-        *error = "mining a part failed: " + rep.summary();
-        return false;
+      if (!mined.ok()) {
+        return Status(mined.is_out_of_memory()
+                          ? Status::out_of_memory("mining a part failed: " + rep.summary())
+                          : Status::invalid_argument("mining a part failed: " + rep.summary()));
       }
     }
   } catch (const std::bad_alloc&) {
-    *out_of_memory = true;
-    *error = "out of memory while mining a part";
-    return false;
+    return Status::out_of_memory("out of memory while mining a part");
   }
-  return true;
+  return Status();
 }
 
 namespace {
-
-// Hands the patterns in words [at, end) (length, support, items) to `sink`;
-// false when one runs past the end.
-bool replay_patterns(const std::vector<uint32_t>& w, size_t at, size_t end, uint32_t nitems,
-                     PatternSink* sink, std::vector<uint32_t>* scratch) {
-  while (at < end) {
-    if (end - at < 2 || w[at] == 0 || w[at] > end - at - 2 || w[at] > nitems) return false;
-    const uint32_t len = w[at];
-    scratch->assign(w.begin() + at + 2, w.begin() + at + 2 + len);
-    for (uint32_t item : *scratch) {
-      if (item >= nitems) return false;
-    }
-    sink->put(Pattern{len, static_cast<int32_t>(w[at + 1]), scratch->data()});
-    at += 2 + len;
-  }
-  return true;
-}
 
 // Where the owners start in a record (one past the end marker), or 0.
 size_t owners_of(const std::vector<uint32_t>& record) {
@@ -279,11 +246,10 @@ bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::ve
   const size_t owners = owners_of(record);
   if (owners == 0) return false;
   std::vector<size_t> cursor(mined.size(), 0);
-  std::vector<uint32_t> scratch;
   for (size_t i = 0; i + 1 < owners;) {
     if (record[i] == 0) {
       const size_t end = i + 3 + record[i + 1];
-      if (end >= owners || !replay_patterns(record, i + 1, end, nitems, sink, &scratch)) return false;
+      if (end >= owners || !replay_patterns(record.data() + i + 1, end - i - 1, nitems, sink)) return false;
       i = end;
       continue;
     }
@@ -292,7 +258,7 @@ bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::ve
     const std::vector<uint32_t>& w = mined[record[owners + k]];
     size_t& c = cursor[record[owners + k]];
     if (w.size() - c < 2 || w[c] != k || w[c + 1] > w.size() - c - 2) return false;
-    if (!replay_patterns(w, c + 2, c + 2 + w[c + 1], nitems, sink, &scratch)) return false;
+    if (!replay_patterns(w.data() + c + 2, w[c + 1], nitems, sink)) return false;
     c += 2 + w[c + 1];
     i += 2;
   }

@@ -23,11 +23,11 @@ class Planner : public TopLevelSplit, public PatternSink {
   ~Planner() override { free_fptree(&tree_); }
 
   void take_tree(const FPTree& tree) override { tree_ = tree; }
-  int begin_item(Engine& e, uint32_t) override;
+  Status begin_item(Engine& e, uint32_t) override;
   // Patterns the walk finds itself (one-item patterns; every pattern of a
   // tree that is one path) go to the record.
   void put(const Pattern& p) override;
-  int conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) override;
+  Status conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) override;
 
   // Hands over the parts (each with the run's support table and limits),
   // their work and the run's record. Throws std::bad_alloc.
@@ -48,12 +48,11 @@ class Planner : public TopLevelSplit, public PatternSink {
   std::vector<uint32_t> record_;
 };
 
-// Mines one part. Returns the words of its result (per item: its index in
-// the record, the number of words that follow, then per pattern its length,
-// support and items); false, with *error set, when the part is not one or
-// mining fails (*out_of_memory then tells why).
-bool mine_part_words(const std::string& part, std::vector<uint32_t>* out, std::string* error,
-                     bool* out_of_memory);
+// Mines one part into the words of its result (per item: its index in the
+// record, the number of words that follow, then per pattern its length,
+// support and items). An invalid argument when the part is not one, out of
+// memory when mining ran short; the status's message says what happened.
+Status mine_part_words(const std::string& part, std::vector<uint32_t>* out);
 
 // Replays a run: the record's patterns and, at each item's place, that item's
 // patterns from the mined parts (in the order of the parts written), into

@@ -3,26 +3,23 @@
 #include <cerrno>
 #include <new>
 
+#include "base/sites.h"
+
 namespace quarlo::detail {
 
-namespace {
-
-const char kSrc[] = "np2";
-
-}  // namespace
-
-int alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep) {
+Status alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep) {
   try {
     t->item_min_length.assign(nitems, 0);
     t->item_cur_support.assign(nitems, 0);
     t->tran_refs.assign(ntrans, TranRef{});
   } catch (const std::bad_alloc&) {
     const size_t bytes = (static_cast<size_t>(nitems) + ntrans) * 8;
-    errno = ENOMEM;
-    rep->perror("%s(%u) malloc(%u)", kSrc, 42u, static_cast<unsigned>(bytes));
-    return 1;
+    errno = ENOMEM;  // the line names the cause as a failed malloc would
+    rep->perror("%s(%u) malloc(%u)", sites::kPruneTables.module, sites::kPruneTables.line,
+                static_cast<unsigned>(bytes));
+    return Status::out_of_memory();
   }
-  return 0;
+  return Status();
 }
 
 }  // namespace quarlo::detail

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/report.h"
+#include "base/status.h"
 
 namespace quarlo::detail {
 
@@ -32,9 +33,9 @@ struct PruneTables {
   uint32_t cur_tran_length = 0;
 };
 
-// Sizes the tables for `nitems` items and `ntrans` transactions. Returns 0, or
-// 1 after a report when memory is short.
-int alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep);
+// Sizes the tables for `nitems` items and `ntrans` transactions. Out of
+// memory after a report line.
+Status alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep);
 
 }  // namespace quarlo::detail
 

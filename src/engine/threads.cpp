@@ -42,17 +42,9 @@ struct ItemOutput {
   bool done = true;  // false while a worker mines the item
 };
 
-void buffer_pattern(std::vector<uint32_t>* to, const Pattern& p) {
-  to->push_back(p.length);
-  to->push_back(static_cast<uint32_t>(p.support));
-  to->insert(to->end(), p.items, p.items + p.length);
-}
-
 // Hands the buffered patterns of `w` to `sink` in order.
 void replay(const std::vector<uint32_t>& w, PatternSink* sink) {
-  for (size_t i = 0; i < w.size(); i += 2 + w[i]) {
-    sink->put(Pattern{w[i], static_cast<int32_t>(w[i + 1]), const_cast<uint32_t*>(&w[i + 2])});
-  }
+  replay_patterns(w.data(), w.size(), UINT32_MAX, sink);
 }
 
 // Where the run's sink is shared: the output at the front of the item order
@@ -103,7 +95,7 @@ class WorkerSink : public PatternSink {
     if (held_.owns_lock()) {
       shared_->sink->put(p);
     } else {
-      buffer_pattern(&out_->words, p);
+      append_pattern(&out_->words, p);
     }
   }
   void finish() {
@@ -149,26 +141,26 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   }
   ~ParallelTop() override { stop(); }
 
-  // Starts the workers. Returns 0, or -1 after a trace.
-  int start() {
+  // Starts the workers. Out of memory after a trace.
+  Status start() {
     for (std::unique_ptr<Worker>& w : workers_) {
       w = std::make_unique<Worker>(&shared_);
-      if (prepare(&w->e) != 0) {
+      if (Status s = prepare(&w->e); !s.ok()) {
         w->rep.pass_on(run_.rep);
-        return -1;
+        return s;
       }
     }
     for (std::unique_ptr<Worker>& w : workers_) {
       Worker* worker = w.get();
       worker->thread = std::thread([this, worker] { work(worker); });
     }
-    return 0;
+    return Status();
   }
 
-  int begin_item(Engine&, uint32_t) override {
+  Status begin_item(Engine&, uint32_t) override {
     outputs_.push_back(std::make_unique<ItemOutput>());
     if (outputs_.size() == 1) shared_.set_front(outputs_.front().get());
-    return 0;
+    return Status();
   }
 
   // A one-item pattern from the run's thread; on a single-path tree (no items
@@ -178,10 +170,10 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
       shared_.sink->put(p);
       return;
     }
-    buffer_pattern(&outputs_.back()->words, p);
+    append_pattern(&outputs_.back()->words, p);
   }
 
-  int conditional(Engine&, uint32_t item, int32_t support, const FPNode* chain) override {
+  Status conditional(Engine&, uint32_t item, int32_t support, const FPNode* chain) override {
     {
       std::unique_lock<std::mutex> lock(m_);
       outputs_.back()->done = false;
@@ -198,9 +190,9 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
 
   // Waits for every item and hands the rest over (dropped when `ok` is
   // false), passes the workers' reports on and adds their counters to the
-  // run's. Returns 0, or -1 when a worker failed.
-  int finish(bool ok) {
-    if (ok) hand_over(0);
+  // run's. The failure of a worker, if one failed.
+  Status finish(bool ok) {
+    if (ok) (void)hand_over(0);  // a worker's failure is status_
     stop();
     for (std::unique_ptr<Worker>& w : workers_) {
       if (w == nullptr) continue;
@@ -211,7 +203,6 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
       c.pruned_nodes += w->e.counters.pruned_nodes;
       c.cut_items += w->e.counters.cut_items;
       c.conditional_trees += w->e.counters.conditional_trees;
-      if (w->e.node_block_failed) run_.node_block_failed = true;
     }
     return status_;
   }
@@ -219,21 +210,12 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
  private:
   // A worker's engine: the run's support table and limits, a pool, pruning
   // tables and pattern scratch of its own.
-  int prepare(Engine* w) {
+  Status prepare(Engine* w) {
     w->support = run_.support;
     w->nitems = run_.nitems;
     w->min_size = run_.min_size;
     w->max_size = run_.max_size;
-    if (init_buf_pool(&w->pool, run_.nitems) != 0) return -1;
-    if (alloc_avetbl(&w->prune, run_.nitems, 0, w->rep) != 0) return -1;
-    try {
-      w->tree.items.assign(static_cast<size_t>(run_.nitems) + 1, 0);
-      w->tree.path.assign(static_cast<size_t>(run_.nitems) + 1, 0);
-    } catch (const std::bad_alloc&) {
-      w->rep->trace_errno("malloc");
-      return -1;
-    }
-    return 0;
+    return prepare_scratch(w);
   }
 
   void work(Worker* w) {
@@ -247,24 +229,24 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
         t = queue_.front();
         queue_.pop_front();
       }
-      const int status = mine(w, &t);
+      Status status = mine(w, &t);
       {
         std::unique_lock<std::mutex> lock(m_);
         t.out->done = true;
-        if (status != 0) status_ = -1;
+        if (!status.ok() && status_.ok()) status_ = std::move(status);
       }
       done_cv_.notify_all();
     }
   }
 
-  int mine(Worker* w, Task* t) {
+  Status mine(Worker* w, Task* t) {
     w->sink.start(t->out);
-    int status = -1;
+    Status status;
     try {
       status = mine_top_item(w->e, t->item, t->support, t->chain);
     } catch (const std::bad_alloc&) {  // an item's output buffer could not grow
       w->rep.trace_errno("malloc");
-      w->e.node_block_failed = true;
+      status = Status::out_of_memory();
     }
     w->sink.finish();
     return status;
@@ -272,15 +254,15 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
 
   // Hands the finished outputs at the front to the run's sink, in item order,
   // until at most `pending` items are left; waits for workers as needed.
-  // Returns -1 once a worker has failed.
-  int hand_over(size_t pending) {
+  // The failure of a worker once one has failed.
+  Status hand_over(size_t pending) {
     while (!outputs_.empty()) {
       {
         std::unique_lock<std::mutex> lock(m_);
-        if (status_ != 0) return -1;
+        if (!status_.ok()) return status_;
         if (!outputs_.front()->done) {
-          if (outputs_.size() <= pending) return 0;
-          done_cv_.wait(lock, [this] { return outputs_.front()->done || status_ != 0; });
+          if (outputs_.size() <= pending) return Status();
+          done_cv_.wait(lock, [this] { return outputs_.front()->done || !status_.ok(); });
           continue;
         }
       }
@@ -289,6 +271,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
       outputs_.pop_front();
       shared_.set_front(outputs_.empty() ? nullptr : outputs_.front().get());
     }
+    std::unique_lock<std::mutex> lock(m_);
     return status_;
   }
 
@@ -318,27 +301,29 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   std::condition_variable done_cv_;
   std::deque<Task> queue_;
   bool closing_ = false;
-  int status_ = 0;
+  Status status_;  // the first failure of a worker
 };
 
 }  // namespace
 
-int mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads) {
+Status mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads) {
   ParallelTop top(e, threads);
-  if (top.start() != 0) {
+  if (Status s = top.start(); !s.ok()) {
     free_fptree(tree);
-    return -1;
+    return s;
   }
   top.take_sink(e.sink);
   PatternSink* own = e.sink;
   e.sink = &top;
   e.split = &top;
-  const int mined = mine_fptree(e, tree);
-  const int finished = top.finish(mined == 0);
+  Status mined = mine_fptree(e, tree);
+  Status finished = top.finish(mined.ok());
   e.sink = own;
   e.split = nullptr;
-  if (mined != 0) return mined;
-  if (finished != 0) e.rep->tracef("cfptree(%d) : gen_freqpattern\n", 376);
+  if (!mined.ok()) return mined;
+  if (!finished.ok()) {
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module, sites::kRecursionMine.line);
+  }
   return finished;
 }
 

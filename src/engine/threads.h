@@ -14,8 +14,8 @@ namespace quarlo::detail {
 // Mines `tree` (the tree of the whole database, consumed) into e's sink as
 // mine_fptree does, with `threads` workers for the items below the top level.
 // The patterns, their order and e's counters come out as with one thread.
-// Returns 0, or -1 after a report or trace.
-int mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads);
+// A failure after a report or trace.
+Status mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads);
 
 }  // namespace quarlo::detail
 

@@ -10,8 +10,6 @@ namespace quarlo::detail {
 
 namespace {
 
-const char kSrc[] = "qrdb";
-
 // Unpacks the record whose first word is words[0] into `cur`; returns its
 // weight and sets *used to the number of words it takes (0 at the end word).
 int32_t unpack(const int32_t* words, CurTran* cur, uint32_t* used) {
@@ -38,14 +36,13 @@ int32_t unpack(const int32_t* words, CurTran* cur, uint32_t* used) {
   return weight;
 }
 
-// Traces a failed malloc of `bytes` reported at `line`.
-int malloc_failure(Reporter* rep, int line, size_t bytes) {
-  rep->trace_errno("malloc");
-  rep->tracef("%s(%d) : malloc(%d)\n", kSrc, line, static_cast<int>(bytes));
-  return -1;
-}
-
 }  // namespace
+
+Status malloc_failure(Reporter* rep, const Site& site, size_t bytes) {
+  rep->trace_errno("malloc");
+  rep->tracef("%s(%u) : malloc(%d)\n", site.module, site.line, static_cast<int>(bytes));
+  return Status::out_of_memory();
+}
 
 TranPool::~TranPool() {
   free(block[0]);
@@ -53,23 +50,25 @@ TranPool::~TranPool() {
   free(cur.slot);
 }
 
-int init_buf_pool(TranPool* pool, uint32_t nitems) {
+Status init_buf_pool(TranPool* pool, uint32_t nitems) {
   for (int i = 0; i < 2; ++i) {
     if (pool->block[i] != nullptr) continue;
     pool->block[i] = static_cast<int32_t*>(malloc(kTranBlockBytes));
-    if (pool->block[i] == nullptr) return malloc_failure(pool->rep, 28, 2 * kTranBlockBytes);
+    if (pool->block[i] == nullptr) {
+      return malloc_failure(pool->rep, sites::kPoolBlocks, 2 * kTranBlockBytes);
+    }
     pool->used[i] = false;
   }
   const size_t bytes = 8 * static_cast<size_t>(nitems) + 4;
   TranSlot* slots = static_cast<TranSlot*>(malloc(bytes));
-  if (slots == nullptr) return malloc_failure(pool->rep, 40, bytes);
+  if (slots == nullptr) return malloc_failure(pool->rep, sites::kCurrentTran, bytes);
   free(pool->cur.slot);
   pool->cur.slot = slots;
   pool->cur.n = 0;
-  return 0;
+  return Status();
 }
 
-int init_buf(TranPool* pool, TranBuf* buf) {
+Status init_buf(TranPool* pool, TranBuf* buf) {
   buf->capacity = kTranBlockBytes;
   buf->data = nullptr;
   for (int i = 0; i < 2 && buf->data == nullptr; ++i) {
@@ -80,11 +79,11 @@ int init_buf(TranPool* pool, TranBuf* buf) {
   }
   if (buf->data == nullptr) {
     buf->data = static_cast<int32_t*>(malloc(kTranBlockBytes));
-    if (buf->data == nullptr) return malloc_failure(pool->rep, 201, kTranBlockBytes);
+    if (buf->data == nullptr) return malloc_failure(pool->rep, sites::kNewBuffer, kTranBlockBytes);
   }
   buf->position = 0;
   buf->data[0] = 0;
-  return 0;
+  return Status();
 }
 
 void free_buf(TranPool* pool, TranBuf* buf) {
@@ -97,7 +96,7 @@ void free_buf(TranPool* pool, TranBuf* buf) {
   free(buf->data);
 }
 
-int grow_buf(TranPool* pool, TranBuf* buf, int line) {
+Status grow_buf(TranPool* pool, TranBuf* buf, const Site& site) {
   const uint32_t wanted = buf->capacity + kTranBlockBytes;
   int pool_index = -1;
   for (int i = 0; i < 2; ++i) {
@@ -105,36 +104,21 @@ int grow_buf(TranPool* pool, TranBuf* buf, int line) {
   }
   void* moved = realloc(buf->data, wanted);
   if (moved == nullptr) {
-    pool->rep->tracef("%s(%d) : realloc(%u)\n", kSrc, line, wanted);
-    return -1;
+    pool->rep->tracef("%s(%u) : realloc(%u)\n", site.module, site.line, wanted);
+    return Status::out_of_memory();
   }
   if (pool_index >= 0) pool->block[pool_index] = static_cast<int32_t*>(moved);
   buf->data = static_cast<int32_t*>(moved);
   buf->capacity = wanted;
-  return 0;
+  return Status();
 }
 
-int insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items, uint32_t n,
-                          uint32_t w) {
-  if (w == 0) return 0;
-  const uint32_t head_words = (w == 1) ? 1 : 2;
-  const uint64_t bytes = 4 * (uint64_t{n} + head_words);
-  // One step per append as a rule; a record longer than a step takes more.
+Status make_room(TranPool* pool, TranBuf* buf, uint64_t bytes, const Site& site) {
   while (buf->position + bytes >= buf->capacity) {
-    if (grow_buf(pool, buf, w == 1 ? 247 : 274) != 0) return -1;
+    Status s = grow_buf(pool, buf, site);
+    if (!s.ok()) return s;
   }
-  int32_t* out = buf->data + buf->position / 4;
-  if (w == 1) {
-    *out++ = static_cast<int32_t>(n);
-  } else {
-    *out++ = -static_cast<int32_t>(w);
-    *out++ = static_cast<int32_t>(n);
-  }
-  memcpy(out, items, 4 * static_cast<size_t>(n));
-  out += n;
-  *out = 0;
-  buf->position += 4 * (n + head_words);
-  return 0;
+  return Status();
 }
 
 int32_t read_tran(TranPool* pool, TranBuf* buf, CurTran** tran) {

@@ -6,8 +6,11 @@
 #define QUARLO_ENGINE_TRANSACTION_STORE_H_
 
 #include <cstdint>
+#include <cstring>
 
 #include "base/report.h"
+#include "base/sites.h"
+#include "base/status.h"
 
 namespace quarlo::detail {
 
@@ -47,27 +50,55 @@ struct TranPool {
   Reporter* rep = nullptr;  // where allocation failures are traced
 };
 
+// Traces a failed malloc of `bytes` at `site` ("malloc: <errno text>", then
+// "module(line) : malloc(bytes)") and returns the out-of-memory status.
+Status malloc_failure(Reporter* rep, const Site& site, size_t bytes);
+
 // Allocates the two pool blocks (once) and the current transaction for
-// `nitems` items. Returns 0, or -1 after a trace.
-int init_buf_pool(TranPool* pool, uint32_t nitems);
+// `nitems` items. Out of memory after a trace.
+Status init_buf_pool(TranPool* pool, uint32_t nitems);
 
 // Gives `buf` a free pool block, or a new 1 MiB block when both are lent out.
 // Afterwards capacity is 1048576, position 0 and the first word 0.
-// Returns 0, or -1 after a trace.
-int init_buf(TranPool* pool, TranBuf* buf);
+// Out of memory after a trace.
+Status init_buf(TranPool* pool, TranBuf* buf);
 
 // Returns a pool block to the pool, or releases a block that is not the pool's.
 void free_buf(TranPool* pool, TranBuf* buf);
 
 // Grows `buf` by one block, keeping its contents; a moved pool block stays
-// the pool's. Returns 0, or -1 after tracing the realloc with `line`.
-int grow_buf(TranPool* pool, TranBuf* buf, int line);
+// the pool's. Out of memory after tracing the realloc at `site`.
+Status grow_buf(TranPool* pool, TranBuf* buf, const Site& site);
+
+// Grows `buf` until a record of `bytes` bytes and the end word fit behind its
+// write end (one step per append as a rule; a longer record takes more).
+Status make_room(TranPool* pool, TranBuf* buf, uint64_t bytes, const Site& site);
 
 // Appends one record of `n` items with weight `w` at the write end (nothing
-// for w == 0) and keeps the buffer terminated. Returns 0, or -1 after a trace
-// when the buffer cannot grow.
-int insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items, uint32_t n,
-                          uint32_t w);
+// for w == 0) and keeps the buffer terminated. Out of memory after a trace
+// when the buffer cannot grow. Inline: collecting conditional databases calls
+// it once per node, and on success the status costs nothing.
+inline Status insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items,
+                                    uint32_t n, uint32_t w) {
+  if (w == 0) return Status();
+  const uint32_t head_words = (w == 1) ? 1 : 2;
+  const uint64_t bytes = 4 * (uint64_t{n} + head_words);
+  if (buf->position + bytes >= buf->capacity) {
+    Status s = make_room(pool, buf, bytes, w == 1 ? sites::kGrowPlain : sites::kGrowWeighted);
+    if (!s.ok()) return s;
+  }
+  int32_t* out = buf->data + buf->position / 4;
+  if (w == 1) {
+    *out++ = static_cast<int32_t>(n);
+  } else {
+    *out++ = -static_cast<int32_t>(w);
+    *out++ = static_cast<int32_t>(n);
+  }
+  memcpy(out, items, 4 * static_cast<size_t>(n));
+  out[n] = 0;
+  buf->position += 4 * (n + head_words);
+  return Status();
+}
 
 // Unpacks the record at the read cursor into the current transaction, points
 // *tran at it and moves the cursor past it. Returns the weight, or 0 at the
