@@ -95,7 +95,7 @@ int print_table(const Options& o, uint32_t nitems, Reporter* rep) {
   const char* file = o.supp_table_file;
   if (file == nullptr) {
     table.set_constant(percent_to_count(o.min_support, ntrans), ntrans, nitems, o.min_size);
-  } else if (!table.load_file(file, ntrans, nitems, o.min_size, rep)) {
+  } else if (!table.load_file(file, ntrans, nitems, o.min_size, rep).ok()) {
     return 2;
   }
   for (uint32_t len = 1; len <= nitems; ++len) printf("%u %u\n", len, table.minsup_of_length(len));

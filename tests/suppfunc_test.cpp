@@ -3,6 +3,7 @@
 // shortest length (cached below 100, searched from 100 on).
 #include "support/support_table.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -24,7 +25,7 @@ class Support : public quarlo_test::TempDirTest {
   bool load(const std::string& text, uint32_t ntrans, uint32_t nitems, uint32_t min_size = 1) {
     quarlo_test::write_file(path("tbl"), text);
     rep_ = CollectingReporter();
-    return table_.load_file(path("tbl").c_str(), ntrans, nitems, min_size, &rep_);
+    return table_.load_file(path("tbl").c_str(), ntrans, nitems, min_size, &rep_).ok();
   }
   U counts() const {
     U out;
@@ -106,7 +107,7 @@ TEST_F(Support, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
     }
   }
   // Pairs given in memory follow the same rules: "2 7" comes after "9 1".
-  ASSERT_TRUE(table_.set_pairs({{1, 50}, {3, 20}, {9, 1}, {2, 7}}, "pairs", 1000, 4, 1, &rep_));
+  ASSERT_TRUE(table_.set_pairs({{1, 50}, {3, 20}, {9, 1}, {2, 7}}, "pairs", 1000, 4, 1, &rep_).ok());
   EXPECT_EQ(counts(), (U{50, 50, 20, 20}));
 }
 
@@ -129,11 +130,17 @@ TEST_F(Support, BadTablesFailWithTheirMessage) {
   }
   // Pairs in memory are reported under the name they are given.
   rep_ = CollectingReporter();
-  EXPECT_FALSE(table_.set_pairs({{2, 5}}, "pairs", 1000, 4, 1, &rep_));
-  EXPECT_FALSE(table_.set_pairs({{1, 5}, {0, 9}}, "pairs", 1000, 4, 1, &rep_));
+  EXPECT_EQ(table_.set_pairs({{2, 5}}, "pairs", 1000, 4, 1, &rep_).code(), Status::Code::kInvalidArgument);
+  EXPECT_EQ(table_.set_pairs({{1, 5}, {0, 9}}, "pairs", 1000, 4, 1, &rep_).code(), Status::Code::kInvalidArgument);
   EXPECT_EQ(rep_.lines(),
             (Lines{"../vscom/suppfunc(133) Support value for length=1 must be given in \"pairs\"",
                    "../vscom/suppfunc(84) Invalid length 0 in \"pairs\""}));
+  // A file that cannot be opened is an I/O failure that names it and its cause.
+  const std::string absent = path("absent");
+  const Status missing = table_.load_file(absent.c_str(), 1000, 4, 1, &rep_);
+  EXPECT_EQ(missing.code(), Status::Code::kIo);
+  EXPECT_EQ(missing.error_number(), ENOENT);
+  EXPECT_EQ(missing.path(), absent);
 }
 
 }  // namespace

@@ -18,8 +18,8 @@ Status fatal(Engine* e, const Site& site, const char* stage, Status s) {
   return s;
 }
 
-Status table_failure(Engine* e) {
-  return fatal(e, sites::kEngineSupportTable, "init_freq_tbl", Status::invalid_argument());
+Status table_failure(Engine* e, Status s) {
+  return fatal(e, sites::kEngineSupportTable, "init_freq_tbl", std::move(s));
 }
 
 }  // namespace
@@ -29,18 +29,24 @@ Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) 
   const uint32_t n = e->nitems;
   switch (spec.kind) {
     case SupportSpec::kTableFile:
-      if (!t.load_file(spec.table_file.c_str(), ntrans, n, e->min_size, e->rep)) return table_failure(e);
+      if (Status s = t.load_file(spec.table_file.c_str(), ntrans, n, e->min_size, e->rep); !s.ok()) {
+        return table_failure(e, std::move(s));
+      }
       return Status();
     case SupportSpec::kPercentPairs: {
       LengthCounts pairs;
       for (const auto& [len, pct] : spec.percent_pairs) {
         pairs.emplace_back(len, percent_to_count(pct, ntrans));
       }
-      if (!t.set_pairs(pairs, "(table)", ntrans, n, e->min_size, e->rep)) return table_failure(e);
+      if (Status s = t.set_pairs(pairs, "(table)", ntrans, n, e->min_size, e->rep); !s.ok()) {
+        return table_failure(e, std::move(s));
+      }
       return Status();
     }
     case SupportSpec::kCountPairs:
-      if (!t.set_pairs(spec.count_pairs, "(table)", ntrans, n, e->min_size, e->rep)) return table_failure(e);
+      if (Status s = t.set_pairs(spec.count_pairs, "(table)", ntrans, n, e->min_size, e->rep); !s.ok()) {
+        return table_failure(e, std::move(s));
+      }
       return Status();
     case SupportSpec::kCount:
       t.set_constant(spec.count, ntrans, n, e->min_size);

@@ -1,6 +1,7 @@
 #include "support/support_table.h"
 #include "base/sites.h"
 
+#include <cerrno>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -96,20 +97,22 @@ void SupportTable::block_short_lengths(uint32_t ntrans, uint32_t min_size) {
   for (uint32_t len = 1; len <= last; ++len) minsup_[len - 1] = ntrans + 1;
 }
 
-bool SupportTable::load_file(const char* file, uint32_t ntrans, uint32_t nitems,
-                             uint32_t min_size, Reporter* rep) {
+Status SupportTable::load_file(const char* file, uint32_t ntrans, uint32_t nitems,
+                               uint32_t min_size, Reporter* rep) {
   FILE* in = fopen(file, "r");
   if (in == nullptr) {
+    const int err = errno;
     rep->perror("%s(%u) fopen(%s, \"r\")", sites::kTableOpen.module, sites::kTableOpen.line, file);
-    return false;
+    return Status::io(err, file);
   }
   LengthCounts pairs;
   const bool read = read_pairs(in, file, ntrans, nitems, &pairs, rep);
   fclose(in);
-  return read && set_pairs(pairs, file, ntrans, nitems, min_size, rep);
+  if (!read) return Status::invalid_argument();
+  return set_pairs(pairs, file, ntrans, nitems, min_size, rep);
 }
 
-bool SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans,
+Status SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans,
                              uint32_t nitems, uint32_t min_size, Reporter* rep) {
   // One entry even without items, so that length 1 is always asked for.
   minsup_.assign(nitems > 0 ? nitems : 1, 0);
@@ -118,14 +121,16 @@ bool SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32
   for (const auto& [len, count] : pairs) {
     if (len < 0 || static_cast<unsigned long>(len) > nitems) break;
     if (len == 0) {
-      rep->printf("%s(%u) Invalid length 0 in \"%s\"", sites::kTableLength0.module, sites::kTableLength0.line, name);
-      return false;
+      rep->printf("%s(%u) Invalid length 0 in \"%s\"", sites::kTableLength0.module,
+                  sites::kTableLength0.line, name);
+      return Status::invalid_argument();
     }
     minsup_[static_cast<size_t>(len) - 1] = count;
   }
   if (minsup_[0] == kUnset) {
-    rep->printf("%s(%u) Support value for length=1 must be given in \"%s\"", sites::kTableLength1.module, sites::kTableLength1.line, name);
-    return false;
+    rep->printf("%s(%u) Support value for length=1 must be given in \"%s\"",
+                sites::kTableLength1.module, sites::kTableLength1.line, name);
+    return Status::invalid_argument();
   }
   for (uint32_t i = 1; i < nitems; ++i) {
     if (minsup_[i] == 0) minsup_[i] = minsup_[i - 1];
@@ -134,7 +139,7 @@ bool SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32
   make_bound();
   lowest_ = bound_[nitems > 0 ? nitems - 1 : 0];
   for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = search_length(s);
-  return true;
+  return Status();
 }
 
 void SupportTable::set_constant(uint32_t count, uint32_t ntrans, uint32_t nitems,

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/report.h"
+#include "base/status.h"
 
 namespace quarlo::detail {
 
@@ -26,14 +27,15 @@ using LengthCounts = std::vector<std::pair<long, uint32_t>>;
 class SupportTable {
  public:
   // From a file of "LEN F(LEN)" lines (percentages). Lengths 1 .. min_size-1
-  // demand ntrans + 1. Returns false after a report through `rep`.
-  bool load_file(const char* file, uint32_t ntrans, uint32_t nitems, uint32_t min_size,
+  // demand ntrans + 1. Fails after a report through `rep`: I/O when the file
+  // cannot be opened, invalid argument when it does not make a table.
+  Status load_file(const char* file, uint32_t ntrans, uint32_t nitems, uint32_t min_size,
                  Reporter* rep);
 
   // From pairs as a table file would give them, with counts already made;
   // `name` stands for the table in reports. Reading stops at the first length
-  // above nitems. Returns false after a report.
-  bool set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans, uint32_t nitems,
+  // above nitems. Fails (invalid argument) after a report.
+  Status set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans, uint32_t nitems,
                  uint32_t min_size, Reporter* rep);
 
   // One constant count for every length. Never fails.
