@@ -70,7 +70,7 @@ class FileClient : public EngineClient {
   explicit FileClient(const Options& o) : o_(o) {}
   void counted(const Engine&, uint32_t) override {}
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    return writer_.open(sink_name(), ntrans, e->nitems, e->rep).ok() ? &writer_ : nullptr;
+    return writer_.open(sink_name(), ntrans, e->setup().nitems, e->rep).ok() ? &writer_ : nullptr;
   }
   const char* sink_name() const override { return o_.names.fp_conv.c_str(); }
   bool close_sink(Engine*, bool complete) override {
@@ -124,10 +124,12 @@ int main(int argc, char** argv) {
   if (table_only) {
     status = print_table(o, static_cast<uint32_t>(top), &rep);
   } else {
+    EngineSetup setup;
+    setup.nitems = static_cast<uint32_t>(top);
+    setup.min_size = o.min_size;
+    setup.max_size = o.max_size;
     Engine engine(&rep);
-    engine.nitems = static_cast<uint32_t>(top);
-    engine.min_size = o.min_size;
-    engine.max_size = o.max_size;
+    engine.configure(setup);
     FileClient client(o);
     const double start = wall_seconds();
     status = find_frequent_patterns(&engine, o.names.qr.c_str(), support_of(o), &client).ok() ? 0 : 1;

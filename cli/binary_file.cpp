@@ -158,7 +158,7 @@ Status load_trandb(TranPool* pool, const char* path, TranBuf* buf) {
 
 Status find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
                               EngineClient* client) {
-  if (Status s = init_buf_pool(&e->pool, e->nitems); !s.ok()) {
+  if (Status s = init_buf_pool(&e->pool, e->setup().nitems); !s.ok()) {
     return engine_fatal(e, sites::kEngineInitPool, "init_buf_pool", std::move(s));
   }
   TranBuf db = {};

@@ -110,15 +110,15 @@ class ReportingClient : public EngineClient {
     c.printf("Transaction File Information ---------------------------------------------------");
     c.printf("  Transaction File Name:                        %s", options_.input_file.c_str());
     c.printf("  Number of Input Transactions:                 %u", ntrans);
-    c.printf("  Number of Distinct Items:                     %u", e.nitems);
+    c.printf("  Number of Distinct Items:                     %u", e.setup().nitems);
     c.printf("  Average Number of Items In a Tran:            %.3f", e.stats.avg_items);
     c.printf("  Maximum Number of Items In a Tran:            %u", e.stats.max_items);
     c.printf("%s", "");
     print_options(options_, console_);
   }
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    if (!writer_.open(sink_name(), ntrans, e->nitems, e->rep).ok()) return nullptr;
-    std::vector<uint32_t> label_bytes(std::min<uint32_t>(e->nitems, labels_.label_count()));
+    if (!writer_.open(sink_name(), ntrans, e->setup().nitems, e->rep).ok()) return nullptr;
+    std::vector<uint32_t> label_bytes(std::min<uint32_t>(e->setup().nitems, labels_.label_count()));
     for (uint32_t i = 0; i < label_bytes.size(); ++i) {
       label_bytes[i] = static_cast<uint32_t>(labels_.label_of(i).size());
     }
@@ -321,13 +321,15 @@ int Driver::transform_input(LabelTable* labels, uint32_t* nitems) {
 // The mining stage, from FILE.qr to FILE.fp_conv. Returns 0 or the exit status.
 int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written) {
   LogReporter rep(&console_);
-  Engine engine(&rep);
-  engine.nitems = nitems;
-  engine.threads = threads_of_environment();
   MiningProgress progress(&console_);
-  engine.progress = &progress;
-  engine.min_size = options_.min_size;
-  engine.max_size = options_.max_size;
+  EngineSetup setup;
+  setup.nitems = nitems;
+  setup.min_size = options_.min_size;
+  setup.max_size = options_.max_size;
+  setup.threads = threads_of_environment();
+  setup.progress = &progress;
+  Engine engine(&rep);
+  engine.configure(setup);
   ReportingClient client(options_, labels, &console_);
   const Status status =
       find_frequent_patterns(&engine, options_.names.qr.c_str(), support_of(options_), &client);

@@ -509,7 +509,7 @@ class Client : public EngineClient {
   explicit Client(PatternSink* sink) : sink_(sink) {}
   void counted(const Engine& e, uint32_t ntrans) override {
     stats.transactions = ntrans;
-    stats.items = e.nitems;
+    stats.items = e.setup().nitems;
     stats.max_items = e.stats.max_items;
     stats.avg_items = e.stats.avg_items;
   }
@@ -566,13 +566,15 @@ void run(const Transactions& transactions, const Options& options, const Precoun
     free_buf(&e.pool, &db);
     throw;
   }
-  e.nitems = pre != nullptr ? static_cast<uint32_t>(in->label_text.size()) : in->nitems;
-  if (!init_buf_pool(&e.pool, e.nitems).ok()) throw std::bad_alloc();
-  e.min_size = options.min_size;
-  e.max_size = options.max_size;
-  e.threads = split == nullptr ? options.threads : 1;
-  e.split = split;
-  e.wanted = wanted;
+  EngineSetup setup;
+  setup.nitems = pre != nullptr ? static_cast<uint32_t>(in->label_text.size()) : in->nitems;
+  setup.min_size = options.min_size;
+  setup.max_size = options.max_size;
+  setup.threads = split == nullptr ? options.threads : 1;
+  setup.split = split;
+  setup.wanted = wanted;
+  e.configure(setup);
+  if (!init_buf_pool(&e.pool, setup.nitems).ok()) throw std::bad_alloc();
   const double loaded = now();
   Client client(sink);
   const uint32_t ntrans = pre != nullptr ? pre->ntrans : count_tran(&e.pool, &db);
@@ -897,8 +899,10 @@ uint32_t lowest_count(const Options& options, const Totals& totals) {
   check_options(options);
   CollectingReporter rep;
   Engine e(&rep);
-  e.nitems = static_cast<uint32_t>(totals.item_supports.size());
-  e.min_size = options.min_size;
+  EngineSetup setup;
+  setup.nitems = static_cast<uint32_t>(totals.item_supports.size());
+  setup.min_size = options.min_size;
+  e.configure(setup);
   const uint32_t ntrans = totals.transactions;
   if (!build_support_table(&e, spec_of(options.support.spec(), ntrans), ntrans).ok()) {
     fail(Error::Kind::kInvalidArgument, rep.summary());

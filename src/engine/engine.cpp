@@ -26,10 +26,10 @@ Status table_failure(Engine* e, Status s) {
 
 Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) {
   SupportTable& t = e->support;
-  const uint32_t n = e->nitems;
+  const uint32_t n = e->setup().nitems;
   switch (spec.kind) {
     case SupportSpec::kTableFile:
-      if (Status s = t.load_file(spec.table_file.c_str(), ntrans, n, e->min_size, e->rep); !s.ok()) {
+      if (Status s = t.load_file(spec.table_file.c_str(), ntrans, n, e->setup().min_size, e->rep); !s.ok()) {
         return table_failure(e, std::move(s));
       }
       return Status();
@@ -38,29 +38,29 @@ Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) 
       for (const auto& [len, pct] : spec.percent_pairs) {
         pairs.emplace_back(len, percent_to_count(pct, ntrans));
       }
-      if (Status s = t.set_pairs(pairs, "(table)", ntrans, n, e->min_size, e->rep); !s.ok()) {
+      if (Status s = t.set_pairs(pairs, "(table)", ntrans, n, e->setup().min_size, e->rep); !s.ok()) {
         return table_failure(e, std::move(s));
       }
       return Status();
     }
     case SupportSpec::kCountPairs:
-      if (Status s = t.set_pairs(spec.count_pairs, "(table)", ntrans, n, e->min_size, e->rep); !s.ok()) {
+      if (Status s = t.set_pairs(spec.count_pairs, "(table)", ntrans, n, e->setup().min_size, e->rep); !s.ok()) {
         return table_failure(e, std::move(s));
       }
       return Status();
     case SupportSpec::kCount:
-      t.set_constant(spec.count, ntrans, n, e->min_size);
+      t.set_constant(spec.count, ntrans, n, e->setup().min_size);
       return Status();
     case SupportSpec::kPercent:
       break;
   }
-  t.set_constant(percent_to_count(spec.percent, ntrans), ntrans, n, e->min_size);
+  t.set_constant(percent_to_count(spec.percent, ntrans), ntrans, n, e->setup().min_size);
   return Status();
 }
 
 Status prepare_scratch(Engine* e) {
-  if (Status s = init_buf_pool(&e->pool, e->nitems); !s.ok()) return s;
-  if (Status s = alloc_avetbl(&e->prune, e->nitems, 0, e->rep); !s.ok()) return s;
+  if (Status s = init_buf_pool(&e->pool, e->setup().nitems); !s.ok()) return s;
+  if (Status s = alloc_avetbl(&e->prune, e->setup().nitems, 0, e->rep); !s.ok()) return s;
   return make_pattern_scratch(*e);
 }
 
@@ -76,7 +76,7 @@ Status mine_into_sink(Engine* e, FPTree* tree, uint32_t ntrans, EngineClient* cl
     free_fptree(tree);
     return Status::io(error, client->sink_name());
   }
-  Status mined = e->threads > 1 ? mine_fptree_parallel(*e, tree, e->threads) : mine_fptree(*e, tree);
+  Status mined = e->setup().threads > 1 ? mine_fptree_parallel(*e, tree, e->setup().threads) : mine_fptree(*e, tree);
   const bool closed = client->close_sink(e, mined.ok());
   e->sink = nullptr;
   if (!mined.ok()) return fatal(e, sites::kEngineMine, "mine_fptree", std::move(mined));
@@ -102,16 +102,16 @@ Status mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, u
 Status list_items(Engine* e, TranBuf* db, const Precounted* pre, int32_t* nfreq, ItemEntry** list) {
   const int32_t floor = static_cast<int32_t>(e->support.lowest_minsup());
   if (pre != nullptr) {
-    return list_counted_items(&e->items, pre->supports, floor, e->nitems, nfreq, list, e->rep);
+    return list_counted_items(&e->items, pre->supports, floor, e->setup().nitems, nfreq, list, e->rep);
   }
-  return create_freqitemlist(&e->items, &e->pool, db, floor, e->nitems, &e->stats, nfreq, list);
+  return create_freqitemlist(&e->items, &e->pool, db, floor, e->setup().nitems, &e->stats, nfreq, list);
 }
 
 // Sizes the pruning tables for `nrecords` records, builds the support table
 // for `ntrans` transactions and lists the frequent items.
 Status count_items(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
                    uint32_t nrecords, uint32_t ntrans, int32_t* nfreq, ItemEntry** list) {
-  if (Status s = alloc_avetbl(&e->prune, e->nitems, nrecords, e->rep); !s.ok()) {
+  if (Status s = alloc_avetbl(&e->prune, e->setup().nitems, nrecords, e->rep); !s.ok()) {
     return fatal(e, sites::kEnginePruneTables, "alloc_avetbl", std::move(s));
   }
   if (Status s = build_support_table(e, spec, ntrans); !s.ok()) return s;

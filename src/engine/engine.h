@@ -27,12 +27,42 @@ class ProgressHook {
   virtual void top_items(uint32_t done, uint32_t total) = 0;
 };
 
-struct Engine {
+// How a run is set up: given to its Engine once, before mining (the loaders
+// may fill the run's pool first), and read-only while it runs.
+struct EngineSetup {
+  uint32_t nitems = 0;              // one more than the largest item number
+  uint32_t min_size = 1;            // shortest pattern handed to the sink
+  uint32_t max_size = 0xffffffffu;  // longest pattern handed to the sink
+  uint32_t threads = 1;             // threads mining below the top level
+  // In a restricted run, the items (by number) whose patterns the run
+  // produces: those whose least frequent item is marked. Null: every item.
+  const std::vector<char>* wanted = nullptr;
+  // When set, takes the top items' conditional databases instead of the
+  // recursion (a plan of parts).
+  TopLevelSplit* split = nullptr;
+  ProgressHook* progress = nullptr;  // null: nobody watches
+};
+
+// One mining run: its setup, its reporter and the tables of the engine's
+// modules, each filled and read by the module that owns it (the pool by the
+// transaction store, `items` and `stats` by the frequent-item list, `prune`
+// by the pruning tables, `tree` and `counters` by the FP-tree). Outside the
+// engine a run is set up with configure(), loaded through pool, and read
+// through stats.
+class Engine {
+ public:
   explicit Engine(Reporter* r) : rep(r) { pool.rep = r; }
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  Reporter* rep;
+  void configure(const EngineSetup& setup) { setup_ = setup; }
+  const EngineSetup& setup() const { return setup_; }
+  // Who takes the top level: the threaded run's own split while it mines on
+  // threads, otherwise the setup's.
+  TopLevelSplit* split() const { return threads_split_ != nullptr ? threads_split_ : setup_.split; }
+  void set_threads_split(TopLevelSplit* split) { threads_split_ = split; }
+
+  Reporter* const rep;
   SupportTable support;
   TranPool pool;
   InputStats stats;
@@ -41,18 +71,11 @@ struct Engine {
   TreeScratch tree;
   MiningCounters counters = {};
   PatternSink* sink = nullptr;
-  uint32_t nitems = 0;                // one more than the largest item number
-  uint32_t min_size = 1;              // shortest pattern handed to the sink
-  uint32_t max_size = 0xffffffffu;    // longest pattern handed to the sink
-  uint32_t threads = 1;               // threads mining below the top level
-  // In a restricted run, the items (by number) whose patterns the run
-  // produces: those whose least frequent item is marked. Null: every item.
-  const std::vector<char>* wanted = nullptr;
-  // When set, takes the top items' conditional databases instead of the
-  // recursion (mining on several threads, or a plan of parts).
-  TopLevelSplit* split = nullptr;
-  ProgressHook* progress = nullptr;   // null: nobody watches
-  bool top_single_path = false;       // enumerating the single path of the whole tree
+  bool top_single_path = false;  // enumerating the single path of the whole tree
+
+ private:
+  EngineSetup setup_;
+  TopLevelSplit* threads_split_ = nullptr;
 };
 
 // The minimum support of a run as it was given.
@@ -70,7 +93,7 @@ struct SupportSpec {
 // item's support, both over the whole data a restricted run is part of.
 struct Precounted {
   uint32_t ntrans = 0;
-  const uint32_t* supports = nullptr;  // e.nitems entries
+  const uint32_t* supports = nullptr;  // e.setup().nitems entries
 };
 
 // What the engine asks of its caller while it runs.
@@ -89,8 +112,8 @@ class EngineClient {
   virtual bool close_sink(Engine* e, bool complete) = 0;
 };
 
-// Builds e's support table for `ntrans` transactions of e->nitems items and
-// e->min_size. A support table that cannot be made is an invalid argument,
+// Builds e's support table for `ntrans` transactions of e->setup().nitems items and
+// e->setup().min_size. A support table that cannot be made is an invalid argument,
 // after a report.
 Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans);
 

@@ -286,8 +286,8 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran*
 
 // Starts `tree` with its header, its first block and the root.
 Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
-  if (!ensure_rank(e.tree, e.nitems)) {
-    return header_failure(e, 4 * (static_cast<size_t>(e.nitems) + 1));
+  if (!ensure_rank(e.tree, e.setup().nitems)) {
+    return header_failure(e, 4 * (static_cast<size_t>(e.setup().nitems) + 1));
   }
   if (Status s = make_header(e, nfreq, list, tree); !s.ok()) return s;
   start_child_index(e.tree);
@@ -488,7 +488,7 @@ Pruned prune_item(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, const No
 }  // namespace
 
 Status make_pattern_scratch(Engine& e) {
-  const size_t n = static_cast<size_t>(e.nitems) + 1;
+  const size_t n = static_cast<size_t>(e.setup().nitems) + 1;
   if (e.tree.items.size() >= n && e.tree.path.size() >= n) return Status();
   try {
     e.tree.items.assign(n, 0);
@@ -508,7 +508,7 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
-  Status s = create_freqitemlist(&e.items, &e.pool, cdb, floor, e.nitems, &e.stats, &nfreq, &list);
+  Status s = create_freqitemlist(&e.items, &e.pool, cdb, floor, e.setup().nitems, &e.stats, &nfreq, &list);
   if (!s.ok()) {
     e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", sites::kConditionalItems.module,
                   sites::kConditionalItems.line);
@@ -551,10 +551,10 @@ bool at_least(int32_t support, uint32_t need) {
 // in a restricted run, its least frequent item is one the run must produce:
 // the first item added, or on a single path of the whole tree the last.
 void emit(Engine& e, const Pattern& q) {
-  if (q.length < e.min_size || q.length > e.max_size) return;
-  if (e.wanted != nullptr) {
+  if (q.length < e.setup().min_size || q.length > e.setup().max_size) return;
+  if (e.setup().wanted != nullptr) {
     const uint32_t least = e.top_single_path ? q.items[q.length - 1] : q.items[0];
-    if (!(*e.wanted)[least]) return;
+    if (!(*e.setup().wanted)[least]) return;
   }
   e.sink->put(q);
 }
@@ -577,7 +577,7 @@ void mark_rare_nodes(Engine& e, FPNode* u, uint32_t k) {
 // to the run's sink.
 void mine_path_below(Engine& e, const Pattern& p, FPNode* u) {
   const uint32_t k = p.length;
-  if (k >= e.max_size || u->first_child == nullptr) return;
+  if (k >= e.setup().max_size || u->first_child == nullptr) return;
   mark_rare_nodes(e, u, k);
   Pattern q = {k + 1, p.support, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
@@ -668,7 +668,7 @@ Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const Sha
   const Pruned pruned = listed != nullptr ? prune_item(e, h, 0, floor, listed->of(i), nullptr)
                                           : prune_item(e, h, 0, floor, ChainNodes{h->head}, nullptr);
   if (pruned == Pruned::kBelowFloor) return Status();
-  return e.split->conditional(e, h->item, h->support, h->head);
+  return e.split()->conditional(e, h->item, h->support, h->head);
 }
 
 // Prunes h, collects its conditional database and mines it below `q`, the
@@ -696,22 +696,22 @@ Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t d
 // a split run hands each conditional database to the split.
 Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const bool top = depth == 1;
-  TopLevelSplit* split = top ? e.split : nullptr;
+  TopLevelSplit* split = top ? e.split() : nullptr;
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
   ShallowNodes shallow;
   const ShallowNodes* listed = nullptr;
   if (split != nullptr) {
     split->take_tree(*tree);
-    if (e.wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow)) listed = &shallow;
+    if (e.setup().wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow)) listed = &shallow;
   }
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
   for (int32_t i = tree->nheader - 1; i >= 0; --i) {
     HeaderEntry* h = &tree->header[i];
-    if (top && e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
+    if (top && e.setup().progress != nullptr) e.setup().progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
-    if (top && e.wanted != nullptr && !(*e.wanted)[h->item]) {
+    if (top && e.setup().wanted != nullptr && !(*e.setup().wanted)[h->item]) {
       prune_item(e, h, k, floor, ChainNodes{h->head}, nullptr);
       continue;
     }

@@ -121,7 +121,7 @@ Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* lis
 // Releases every node block and the header table of `tree`.
 void free_fptree(FPTree* tree);
 
-// Sizes the pattern scratch of the recursion for e.nitems items (kept when
+// Sizes the pattern scratch of the recursion for e.setup().nitems items (kept when
 // big enough). Out of memory after tracing the malloc.
 Status make_pattern_scratch(Engine& e);
 

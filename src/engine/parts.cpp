@@ -59,15 +59,17 @@ void append_words(std::string* to, const uint32_t* w, size_t n) {
 // A part's engine: the run's support table and limits, and scratch of its
 // own. False when the head is not one of a part; out of memory is thrown.
 bool prepare_engine(WordReader* in, Engine* e) {
-  e->nitems = in->next();
-  e->min_size = in->next();
-  e->max_size = in->next();
+  EngineSetup setup;
+  setup.nitems = in->next();
+  setup.min_size = in->next();
+  setup.max_size = in->next();
+  e->configure(setup);
   const uint32_t n = in->next();
-  if (in->ok() && n == 0 && e->nitems == 0) return in->left() == 0;  // a run with nothing below its top
-  if (!in->ok() || e->nitems > kMostItems) return false;
+  if (in->ok() && n == 0 && e->setup().nitems == 0) return in->left() == 0;  // a run with nothing below its top
+  if (!in->ok() || e->setup().nitems > kMostItems) return false;
   std::vector<uint32_t> table(in->ok() && n <= in->left() ? n : 0);
   if (!in->take(n, table.data()) || !e->support.restore(table.data(), n) ||
-      e->support.lengths() != e->nitems) {
+      e->support.lengths() != e->setup().nitems) {
     return false;
   }
   if (!prepare_scratch(e).ok()) throw std::bad_alloc();
@@ -114,13 +116,13 @@ bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, Status* mined) {
   const uint32_t item = in->next();
   const int32_t support = static_cast<int32_t>(in->next());
   const uint32_t n = in->next();
-  if (!in->ok() || item >= e->nitems || n == 0 || n > in->left()) return false;
+  if (!in->ok() || item >= e->setup().nitems || n == 0 || n > in->left()) return false;
   TranBuf cdb = {4 * n, 0, static_cast<int32_t*>(malloc(4 * size_t{n}))};
   if (cdb.data == nullptr) throw std::bad_alloc();
   in->take(n, cdb.data);
   std::vector<char>& seen = e->tree.seen;
-  if (seen.size() < e->nitems) seen.assign(e->nitems, 0);
-  if (!well_formed(cdb.data, n, e->nitems, support, &seen)) {
+  if (seen.size() < e->setup().nitems) seen.assign(e->setup().nitems, 0);
+  if (!well_formed(cdb.data, n, e->setup().nitems, support, &seen)) {
     free(cdb.data);
     return false;
   }
@@ -174,7 +176,7 @@ void Planner::start_parts(const std::vector<uint32_t>& run) {
 Status Planner::begin_item(Engine& e, uint32_t) {
   if (started_) return Status();
   try {
-    std::vector<uint32_t> run = {e.nitems, e.min_size, e.max_size};
+    std::vector<uint32_t> run = {e.setup().nitems, e.setup().min_size, e.setup().max_size};
     const std::vector<uint32_t> table = e.support.save();
     run.push_back(static_cast<uint32_t>(table.size()));
     run.insert(run.end(), table.begin(), table.end());

@@ -212,9 +212,11 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   // tables and pattern scratch of its own.
   Status prepare(Engine* w) {
     w->support = run_.support;
-    w->nitems = run_.nitems;
-    w->min_size = run_.min_size;
-    w->max_size = run_.max_size;
+    EngineSetup setup;
+    setup.nitems = run_.setup().nitems;
+    setup.min_size = run_.setup().min_size;
+    setup.max_size = run_.setup().max_size;
+    w->configure(setup);
     return prepare_scratch(w);
   }
 
@@ -315,11 +317,11 @@ Status mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads) {
   top.take_sink(e.sink);
   PatternSink* own = e.sink;
   e.sink = &top;
-  e.split = &top;
+  e.set_threads_split(&top);
   Status mined = mine_fptree(e, tree);
   Status finished = top.finish(mined.ok());
   e.sink = own;
-  e.split = nullptr;
+  e.set_threads_split(nullptr);
   if (!mined.ok()) return mined;
   if (!finished.ok()) {
     e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module, sites::kRecursionMine.line);
