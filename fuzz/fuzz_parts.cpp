@@ -12,7 +12,6 @@
 #include "fuzz_files.h"
 #include "quarlo/quarlo.h"
 
-using namespace quarlo::detail;
 
 namespace {
 

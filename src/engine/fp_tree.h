@@ -19,7 +19,7 @@
 
 namespace quarlo::detail {
 
-struct Engine;
+class Engine;
 
 // A tree node. `count` is the weighted number of records through the node;
 // the single-path enumeration negates it for a while to mark the node.
