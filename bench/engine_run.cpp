@@ -73,10 +73,10 @@ class FileClient : public EngineClient {
     return writer_.open(sink_name(), ntrans, e->setup().nitems, e->rep).ok() ? &writer_ : nullptr;
   }
   const char* sink_name() const override { return o_.names.fp_conv.c_str(); }
-  bool close_sink(Engine*, bool complete) override {
-    if (complete) return writer_.close().ok();
+  Status close_sink(Engine*, bool complete) override {
+    if (complete) return writer_.close();
     writer_.abandon();
-    return false;
+    return Status();
   }
 
  private:

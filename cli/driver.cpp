@@ -126,15 +126,15 @@ class ReportingClient : public EngineClient {
     measured_ = true;
     return &writer_;
   }
-  bool close_sink(Engine* e, bool complete) override {
+  Status close_sink(Engine* e, bool complete) override {
     if (!complete) {
       writer_.abandon();
-      return false;
+      return Status();
     }
-    if (writer_.close().ok()) return true;
+    Status closed = writer_.close();
     // The line's first field is the file's name where other lines name their module.
-    e->rep->printf("%s(%u) Failed to close %s", sink_name(), 0u, sink_name());
-    return false;
+    if (!closed.ok()) e->rep->printf("%s(%u) Failed to close %s", sink_name(), 0u, sink_name());
+    return closed;
   }
   const char* sink_name() const override { return options_.names.fp_conv.c_str(); }
   uint32_t written() const { return writer_.count(); }

@@ -76,11 +76,12 @@ Status mine_into_sink(Engine* e, FPTree* tree, uint32_t ntrans, EngineClient* cl
     free_fptree(tree);
     return Status::io(error, client->sink_name());
   }
-  Status mined = e->setup().threads > 1 ? mine_fptree_parallel(*e, tree, e->setup().threads) : mine_fptree(*e, tree);
-  const bool closed = client->close_sink(e, mined.ok());
+  const uint32_t threads = e->setup().threads;
+  Status mined = threads > 1 ? mine_fptree_parallel(*e, tree, threads) : mine_fptree(*e, tree);
+  Status closed = client->close_sink(e, mined.ok());
   e->sink = nullptr;
   if (!mined.ok()) return fatal(e, sites::kEngineMine, "mine_fptree", std::move(mined));
-  return closed ? Status() : Status::io(0, client->sink_name());
+  return closed;
 }
 
 // Builds the tree of `db` (released here), opens the sink, mines, closes.

@@ -108,8 +108,9 @@ class EngineClient {
   // What the sink writes to, for reports.
   virtual const char* sink_name() const = 0;
   // Ends the sink after mining; `complete` is false when mining failed and
-  // what was handed over is to be dropped. Returns false after a report.
-  virtual bool close_sink(Engine* e, bool complete) = 0;
+  // what was handed over is to be dropped (nothing is reported then). A sink
+  // that cannot be ended whole fails after a report.
+  virtual Status close_sink(Engine* e, bool complete) = 0;
 };
 
 // Builds e's support table for `ntrans` transactions of e->setup().nitems items and
