@@ -90,6 +90,7 @@ struct Options {
   uint32_t min_size = 1;           // shortest itemset reported
   uint32_t max_size = 0xffffffffu; // longest itemset reported
   bool maximal = false;            // keep only itemsets that are no other's parent
+  bool closed = false;             // keep only itemsets with no frequent superset of equal support
   bool parents = false;            // fill Result::parents
   uint32_t threads = 1;            // threads that mine (0 counts as 1); the result is the same for any
 };
