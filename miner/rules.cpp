@@ -495,7 +495,10 @@ RuleSet rules(const Transactions& transactions, const Options& options,
     invalid("rules are formed from all frequent itemsets: maximal, closed and parents do not apply");
   }
   if (rule_options.max_consequent == 0) invalid("a rule's consequent needs at least one item");
-  if (options.max_size < 2) invalid("rules need itemsets of two or more items; max_size is below 2");
+  if (options.max_size < 2) {
+    invalid("rules need itemsets of two or more items, but the length limit is " +
+            std::to_string(options.max_size));
+  }
   const Threshold threshold(rule_options.metric, rule_options.min_threshold);
   Options mining = options;
   mining.min_size = 1;

@@ -259,9 +259,9 @@ def rules(
     >>> frame["conviction"].round(3).tolist()
     [inf, 1.5, 0.75, 0.75, inf]
     """
-    source_kind, source = _source(transactions)
-    if source_kind == "matrix":
+    if isinstance(transactions, pd.DataFrame):
         _same_types(transactions.columns)
+    source_kind, source = _source(transactions)
     o = _options(support, 1, max_len, False, False, threads)
     metric = _metric(metric)
     threshold = _threshold(min_threshold)
