@@ -455,21 +455,42 @@ class RuleMaker {
         add_rule(z, antecedent, false);
       }
       if (size == largest || passed_.size() < size + 1) return;
-      tried_.clear();
-      for (uint64_t y : passed_) {
-        for (uint32_t p = 64 - std::countl_zero(y); p < k; ++p) {
-          const uint64_t grown = y | (uint64_t{1} << p);
-          bool all = true;
-          for (uint64_t rest = y; rest != 0 && all; rest &= rest - 1) {
-            all = std::binary_search(passed_.begin(), passed_.end(), grown & ~(rest & -rest));
-          }
-          if (all) tried_.push_back(grown);
-        }
-      }
-      std::sort(tried_.begin(), tried_.end());
+      grow_passed(k);
       if (tried_.empty()) return;
     }
   }
+
+  // The consequents one item larger than those in passed_ (sorted) whose
+  // every subset one item smaller passed, into tried_ (sorted). Each comes
+  // from its subset without its highest item. Itemsets of up to
+  // kBitmapItems items look their subsets up in a bitmap over all masks,
+  // longer ones search passed_.
+  void grow_passed(uint32_t k) {
+    const bool bitmap = k <= kBitmapItems;
+    if (bitmap) {
+      if (passed_bits_.empty()) passed_bits_.assign((uint64_t{1} << kBitmapItems) / 64, 0);
+      for (uint64_t y : passed_) passed_bits_[y >> 6] |= uint64_t{1} << (y & 63);
+    }
+    auto passed = [&](uint64_t y) {
+      return bitmap ? (passed_bits_[y >> 6] >> (y & 63)) & 1
+                    : std::binary_search(passed_.begin(), passed_.end(), y);
+    };
+    tried_.clear();
+    for (uint64_t y : passed_) {
+      for (uint32_t p = 64 - std::countl_zero(y); p < k; ++p) {
+        const uint64_t grown = y | (uint64_t{1} << p);
+        bool all = true;
+        for (uint64_t rest = y; rest != 0 && all; rest &= rest - 1) all = passed(grown & ~(rest & -rest));
+        if (all) tried_.push_back(grown);
+      }
+    }
+    if (bitmap) {
+      for (uint64_t y : passed_) passed_bits_[y >> 6] = 0;
+    }
+    std::sort(tried_.begin(), tried_.end());
+  }
+
+  static constexpr uint32_t kBitmapItems = 22;  // a bitmap of 512 KiB
 
   const Result& mined_;
   const RuleOptions& options_;
@@ -481,6 +502,7 @@ class RuleMaker {
   std::vector<uint8_t> waiting_;     // by rule: which counts wait for the pass
   std::vector<uint32_t> x_, y_;
   std::vector<uint64_t> tried_, passed_;
+  std::vector<uint64_t> passed_bits_;  // by mask, for grow_passed()
 };
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
