@@ -490,7 +490,7 @@ class RuleMaker {
     std::sort(tried_.begin(), tried_.end());
   }
 
-  static constexpr uint32_t kBitmapItems = 22;  // a bitmap of 512 KiB
+  static constexpr uint32_t kBitmapItems = 16;  // a bitmap of 8 KiB
 
   const Result& mined_;
   const RuleOptions& options_;

@@ -283,13 +283,17 @@ py::dict rule_columns(const quarlo::RuleSet& rs) {
   std::vector<py::object> labels;
   labels.reserve(rs.labels.size());
   for (const std::string& label : rs.labels) labels.push_back(label_object(label));
+  // Sides of one item repeat across rules: one frozenset each, shared.
+  std::vector<py::object> singles(rs.labels.size());
   auto frozenset_of = [&](std::span<const uint32_t> items) {
+    if (items.size() == 1 && singles[items[0]]) return singles[items[0]];
     py::object set = py::reinterpret_steal<py::object>(PyFrozenSet_New(nullptr));
     if (!set) throw py::error_already_set();
     for (uint32_t item : items) {
       if (PySet_Add(set.ptr(), labels[item].ptr()) != 0) throw py::error_already_set();
     }
     PyObject_GC_UnTrack(set.ptr());  // as in itemsets_of: no cycle can pass through it
+    if (items.size() == 1) singles[items[0]] = set;
     return set;
   };
   const size_t n = rs.rules.size();

@@ -96,6 +96,21 @@ TEST(Rules, ConsequentsGrowBySizeWithinTheirItemset) {
                                                    "b -> a c", "a -> b c"}));
   ro.max_consequent = 1;
   EXPECT_EQ(quarlo::rules(Transactions::from_labels(t), options, ro).rules.size(), 3u);
+  // An itemset of 18 items: consequents of two items are found past the
+  // reach of the bitmap over masks (all 18 + 153 rules pass).
+  Labels wide(3);
+  for (int i = 0; i < 18; ++i) {
+    std::string label = "i";
+    label += std::to_string(i);
+    for (auto& tr : wide) tr.push_back(label);
+  }
+  wide.push_back({"i0"});
+  options.support = Support::count(3);
+  options.min_size = 18;
+  ro.max_consequent = 2;
+  EXPECT_EQ(quarlo::rules(Transactions::from_labels(wide), options, ro).rules.size(), 171u);
+  options.support = Support::count(6);
+  options.min_size = 3;
   // Lift measures every split; a is in every transaction, so a rule with
   // a alone on either side has lift 1, the others 7/6.
   ro.metric = RuleMetric::kLift;
