@@ -48,10 +48,12 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -283,17 +285,31 @@ py::dict rule_columns(const quarlo::RuleSet& rs) {
   std::vector<py::object> labels;
   labels.reserve(rs.labels.size());
   for (const std::string& label : rs.labels) labels.push_back(label_object(label));
-  // Sides of one item repeat across rules: one frozenset each, shared.
-  std::vector<py::object> singles(rs.labels.size());
+  // Sides repeat across rules (the same X with each of its consequents):
+  // one frozenset per distinct side, shared by the rows that hold it.
+  struct SideHash {
+    size_t operator()(std::span<const uint32_t> side) const {
+      uint64_t h = side.size();
+      for (uint32_t item : side) h = (h ^ item) * 0x9e3779b97f4a7c15ull;
+      return static_cast<size_t>(h ^ (h >> 29));
+    }
+  };
+  struct SideEqual {
+    bool operator()(std::span<const uint32_t> a, std::span<const uint32_t> b) const {
+      return std::equal(a.begin(), a.end(), b.begin(), b.end());
+    }
+  };
+  std::unordered_map<std::span<const uint32_t>, py::object, SideHash, SideEqual> sides;
   auto frozenset_of = [&](std::span<const uint32_t> items) {
-    if (items.size() == 1 && singles[items[0]]) return singles[items[0]];
+    py::object& known = sides[items];
+    if (known) return known;
     py::object set = py::reinterpret_steal<py::object>(PyFrozenSet_New(nullptr));
     if (!set) throw py::error_already_set();
     for (uint32_t item : items) {
       if (PySet_Add(set.ptr(), labels[item].ptr()) != 0) throw py::error_already_set();
     }
     PyObject_GC_UnTrack(set.ptr());  // as in itemsets_of: no cycle can pass through it
-    if (items.size() == 1) singles[items[0]] = set;
+    known = set;
     return set;
   };
   const size_t n = rs.rules.size();
