@@ -681,6 +681,7 @@ Result mine_keeping_transactions(const Transactions& transactions, const Options
     const uint32_t nitems = std::max<uint32_t>(in->nitems, static_cast<uint32_t>(in->label_text.size()));
     if (init_buf_pool(&e->pool, nitems) != 0) throw std::bad_alloc();
     const uint32_t end = db->position;
+    items->reserve(end / sizeof(int32_t));  // a record is its length and its items
     db->position = 0;
     CurTran* tran = nullptr;
     while (read_tran(&e->pool, db, &tran) != 0) {
