@@ -1,7 +1,7 @@
 // Association rules end to end for the benchmark: reads FILE, mines at a
-// constant count or under a support-table file, forms the rules and writes them one a line as the general
-// miner does with '-v %a %b' ("Y <- X count antecedent-count", labels of
-// each side in the library's order).
+// constant count or under a support-table file, forms the rules and writes
+// them one a line as the general miner does with '-v %a %b' ("Y <- X count
+// antecedent-count", labels of each side in the library's order).
 //   rules_run FILE COUNT|TABLE MIN_CONFIDENCE MAX_CONSEQUENT OUT
 // MAX_CONSEQUENT 0 means any size. Prints the rule count and the seconds of
 // mining and of forming the rules on standard error.
@@ -20,8 +20,9 @@ int main(int argc, char** argv) {
   }
   quarlo::Options options;
   const bool count = argv[2][0] != '\0' && strspn(argv[2], "0123456789") == strlen(argv[2]);
-  options.support = count ? quarlo::Support::count(static_cast<uint32_t>(strtoul(argv[2], nullptr, 10)))
-                          : quarlo::Support::table_file(argv[2]);
+  options.support =
+      count ? quarlo::Support::count(static_cast<uint32_t>(strtoul(argv[2], nullptr, 10)))
+            : quarlo::Support::table_file(argv[2]);
   quarlo::RuleOptions ro;
   ro.min_threshold = strtod(argv[3], nullptr);
   const unsigned long heads = strtoul(argv[4], nullptr, 10);

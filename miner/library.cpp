@@ -678,7 +678,8 @@ Result mine_keeping_transactions(const Transactions& transactions, const Options
                                  std::vector<uint32_t>* items, std::vector<uint64_t>* ends) {
   auto loader = [&](Loaded* in, Engine* e, TranBuf* db) {
     load(transactions.data(), e, db, in);
-    const uint32_t nitems = std::max<uint32_t>(in->nitems, static_cast<uint32_t>(in->label_text.size()));
+    const uint32_t nitems =
+        std::max<uint32_t>(in->nitems, static_cast<uint32_t>(in->label_text.size()));
     if (init_buf_pool(&e->pool, nitems) != 0) throw std::bad_alloc();
     const uint32_t end = db->position;
     items->reserve(end / sizeof(int32_t));  // a record is its length and its items

@@ -187,7 +187,8 @@ class MissingSet {
     for (; slots_[at] != kNone; at = (at + 1) & (slots_.size() - 1)) {
       const uint32_t id = slots_[at];
       if (this->length(id) == length &&
-          std::equal(items, items + length, flat_.begin() + static_cast<std::ptrdiff_t>(start_[id]))) {
+          std::equal(items, items + length,
+                     flat_.begin() + static_cast<std::ptrdiff_t>(start_[id]))) {
         return id;
       }
     }
@@ -295,7 +296,8 @@ class CountingTrie {
     if (node.children > 8 * static_cast<size_t>(end - t)) {
       // Many children, few items left: look each item up.
       for (; t < end && c < last; ++t) {
-        c = std::lower_bound(c, last, *t, [](const Node& n, uint32_t item) { return n.item < item; });
+        c = std::lower_bound(c, last, *t,
+                             [](const Node& n, uint32_t item) { return n.item < item; });
         if (c < last && c->item == *t) visit(*c++, t + 1, end);
       }
       return;
@@ -320,7 +322,8 @@ class CountingTrie {
 // Forms the rules of every frequent itemset, then counts what is missing.
 class RuleMaker {
  public:
-  RuleMaker(const Result& mined, const RuleOptions& options, const Threshold& threshold, RuleSet* out)
+  RuleMaker(const Result& mined, const RuleOptions& options, const Threshold& threshold,
+            RuleSet* out)
       : mined_(mined), options_(options), threshold_(threshold), out_(out) {
     index_itemsets();
   }
@@ -392,7 +395,8 @@ class RuleMaker {
       const uint32_t len = static_cast<uint32_t>(sets[i].items.size());
       std::vector<const uint32_t*> keys;
       const size_t first = i;
-      for (; i < sets.size() && sets[i].items.size() == len; ++i) keys.push_back(sets[i].items.data());
+      for (; i < sets.size() && sets[i].items.size() == len; ++i)
+        keys.push_back(sets[i].items.data());
       if (index_.size() <= len) {
         index_.resize(len + 1);
         first_.resize(len + 1, 0);
@@ -430,8 +434,8 @@ class RuleMaker {
     r.count = z.support;
     r.antecedent_count = static_cast<uint32_t>(antecedent);
     r.consequent_count = static_cast<uint32_t>(consequent);
-    const uint8_t waits = (antecedent & kWaits ? kAntecedentWaits : 0) |
-                          (consequent & kWaits ? kConsequentWaits : 0);
+    const uint8_t waits =
+        (antecedent & kWaits ? kAntecedentWaits : 0) | (consequent & kWaits ? kConsequentWaits : 0);
     if (judge && waits == 0 && !threshold_.reaches(r, out_->transactions)) return;
     out_->items.insert(out_->items.end(), x_.begin(), x_.end());
     out_->items.insert(out_->items.end(), y_.begin(), y_.end());
@@ -480,7 +484,8 @@ class RuleMaker {
       for (uint32_t p = 64 - std::countl_zero(y); p < k; ++p) {
         const uint64_t grown = y | (uint64_t{1} << p);
         bool all = true;
-        for (uint64_t rest = y; rest != 0 && all; rest &= rest - 1) all = passed(grown & ~(rest & -rest));
+        for (uint64_t rest = y; rest != 0 && all; rest &= rest - 1)
+          all = passed(grown & ~(rest & -rest));
         if (all) tried_.push_back(grown);
       }
     }
@@ -499,7 +504,7 @@ class RuleMaker {
   std::vector<ItemsetIndex> index_;  // by length
   std::vector<size_t> first_;        // by length: index of the first itemset in mined_
   MissingSet missing_;
-  std::vector<uint8_t> waiting_;     // by rule: which counts wait for the pass
+  std::vector<uint8_t> waiting_;  // by rule: which counts wait for the pass
   std::vector<uint32_t> x_, y_;
   std::vector<uint64_t> tried_, passed_;
   std::vector<uint64_t> passed_bits_;  // by mask, for grow_passed()
@@ -514,7 +519,8 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 RuleSet rules(const Transactions& transactions, const Options& options,
               const RuleOptions& rule_options) {
   if (options.maximal || options.closed || options.parents) {
-    invalid("rules are formed from all frequent itemsets: maximal, closed and parents do not apply");
+    invalid(
+        "rules are formed from all frequent itemsets: maximal, closed and parents do not apply");
   }
   if (rule_options.max_consequent == 0) invalid("a rule's consequent needs at least one item");
   if (options.max_size < 2) {

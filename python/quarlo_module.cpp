@@ -79,7 +79,8 @@ std::string label_text(py::handle label) {
 std::string type_name(py::handle h) { return Py_TYPE(h.ptr())->tp_name; }
 
 // With `same_types`, every label must be of the first label's type.
-std::vector<std::vector<std::string>> labels_of_iterable(py::handle source, bool same_types = false) {
+std::vector<std::vector<std::string>> labels_of_iterable(py::handle source,
+                                                         bool same_types = false) {
   std::vector<std::vector<std::string>> out;
   PyTypeObject* first_type = nullptr;
   for (py::handle transaction : py::iter(source)) {
@@ -92,8 +93,9 @@ std::vector<std::vector<std::string>> labels_of_iterable(py::handle source, bool
     for (py::handle label : py::iter(transaction)) {
       if (same_types && first_type != Py_TYPE(label.ptr())) {
         if (first_type != nullptr) {
-          throw py::type_error(std::string("labels of mixed types (") + first_type->tp_name + " and " +
-                               type_name(label) + ") in transaction " + std::to_string(out.size() - 1) +
+          throw py::type_error(std::string("labels of mixed types (") + first_type->tp_name +
+                               " and " + type_name(label) + ") in transaction " +
+                               std::to_string(out.size() - 1) +
                                "; give every label as one type, for instance all str");
         }
         first_type = Py_TYPE(label.ptr());
@@ -125,7 +127,8 @@ std::vector<std::vector<std::string>> labels_of_matrix(py::handle source) {
 quarlo::Transactions transactions_of(const std::string& kind, py::handle source,
                                      bool same_types = false) {
   if (kind == "file") return quarlo::Transactions::from_file(source.cast<std::string>());
-  if (kind == "labels") return quarlo::Transactions::from_labels(labels_of_iterable(source, same_types));
+  if (kind == "labels")
+    return quarlo::Transactions::from_labels(labels_of_iterable(source, same_types));
   if (kind == "matrix") return quarlo::Transactions::from_labels(labels_of_matrix(source));
   throw py::value_error("unknown source kind " + kind);
 }
@@ -314,13 +317,13 @@ py::dict rule_columns(const quarlo::RuleSet& rs) {
   };
   const size_t n = rs.rules.size();
   py::list antecedents(n), consequents(n);
-  static const char* const kMeasures[] = {"antecedent support", "consequent support", "support",
-                                          "confidence", "lift", "leverage", "conviction",
-                                          "zhangs_metric"};
+  static const char* const kMeasures[] = {
+      "antecedent support", "consequent support", "support",      "confidence", "lift",
+      "leverage",           "conviction",         "zhangs_metric"};
   std::vector<py::array_t<double>> measures;
   for (size_t k = 0; k < 8; ++k) measures.emplace_back(static_cast<py::ssize_t>(n));
-  py::array_t<int64_t> count(static_cast<py::ssize_t>(n)), antecedent_count(static_cast<py::ssize_t>(n)),
-      consequent_count(static_cast<py::ssize_t>(n));
+  py::array_t<int64_t> count(static_cast<py::ssize_t>(n)),
+      antecedent_count(static_cast<py::ssize_t>(n)), consequent_count(static_cast<py::ssize_t>(n));
   std::vector<double*> m;
   for (auto& a : measures) m.push_back(a.mutable_data());
   int64_t* c = count.mutable_data();
@@ -331,8 +334,9 @@ py::dict rule_columns(const quarlo::RuleSet& rs) {
     antecedents[i] = frozenset_of(rs.antecedent(r));
     consequents[i] = frozenset_of(rs.consequent(r));
     const quarlo::RuleMeasures v = quarlo::measure(r, rs.transactions);
-    const double values[] = {v.antecedent_support, v.consequent_support, v.support, v.confidence,
-                             v.lift, v.leverage, v.conviction, v.zhang};
+    const double values[] = {
+        v.antecedent_support, v.consequent_support, v.support, v.confidence, v.lift,
+        v.leverage,           v.conviction,         v.zhang};
     for (size_t k = 0; k < 8; ++k) m[k][i] = values[k];
     c[i] = r.count;
     ac[i] = r.antecedent_count;

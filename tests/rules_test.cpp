@@ -3,6 +3,8 @@
 // consequent size, thresholds decide exactly on their decimal, closed
 // filtering keeps parents and plans consistent, and bad requests throw
 // kInvalidArgument.
+#include "quarlo/rules.h"
+
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -10,7 +12,6 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "quarlo/rules.h"
 
 namespace {
 
@@ -36,7 +37,8 @@ std::vector<std::string> texts(const RuleSet& rs, std::map<std::string, Counts>*
   std::vector<std::string> out;
   for (const quarlo::Rule& r : rs.rules) {
     out.push_back(side(rs, rs.antecedent(r)) + " -> " + side(rs, rs.consequent(r)));
-    if (counts != nullptr) (*counts)[out.back()] = {r.count, r.antecedent_count, r.consequent_count};
+    if (counts != nullptr)
+      (*counts)[out.back()] = {r.count, r.antecedent_count, r.consequent_count};
   }
   return out;
 }
@@ -73,10 +75,10 @@ TEST(Rules, SidesThatAreNotFrequentAreCountedInTheData) {
   // a -> c (1/5), c -> a (1/6), b c -> a (1/5) and a b -> c (1/5) fall short;
   // with one consequent of {a, b, c} passing, none of two items is tried.
   EXPECT_EQ(counts, (std::map<std::string, Counts>{{"a -> b", {5, 5, 9}},
-                                                    {"b -> a", {5, 9, 5}},
-                                                    {"b -> c", {5, 9, 6}},
-                                                    {"c -> b", {5, 6, 9}},
-                                                    {"a c -> b", {1, 1, 9}}}));
+                                                   {"b -> a", {5, 9, 5}},
+                                                   {"b -> c", {5, 9, 6}},
+                                                   {"c -> b", {5, 6, 9}},
+                                                   {"a c -> b", {1, 1, 9}}}));
   EXPECT_EQ(order.back(), "a c -> b");  // the longest itemset comes last
   const auto measures = quarlo::measure(rs.rules.back(), rs.transactions);
   EXPECT_EQ(measures.confidence, 1.0);
@@ -93,7 +95,7 @@ TEST(Rules, ConsequentsGrowBySizeWithinTheirItemset) {
   options.min_size = 3;  // rules of {a, b, c} only
   const RuleSet all = quarlo::rules(Transactions::from_labels(t), options, ro);
   EXPECT_EQ(texts(all), (std::vector<std::string>{"b c -> a", "a c -> b", "a b -> c", "c -> a b",
-                                                   "b -> a c", "a -> b c"}));
+                                                  "b -> a c", "a -> b c"}));
   ro.max_consequent = 1;
   EXPECT_EQ(quarlo::rules(Transactions::from_labels(t), options, ro).rules.size(), 3u);
   // An itemset of 18 items: consequents of two items are found past the
@@ -127,7 +129,8 @@ TEST(Rules, SupportAndConfidenceDecideOnTheThresholdsDecimal) {
   Options options;
   options.support = Support::count(1);
   auto b_to_a = [&](RuleMetric metric, double threshold) {
-    const RuleSet rs = quarlo::rules(Transactions::from_labels(t), options, at_least(metric, threshold));
+    const RuleSet rs =
+        quarlo::rules(Transactions::from_labels(t), options, at_least(metric, threshold));
     for (const std::string& text : texts(rs)) {
       if (text == "b -> a") return true;
     }

@@ -6,7 +6,8 @@
 //   quarlo::Options options;
 //   options.support = quarlo::Support::table({{1, 2.0}, {3, 0.5}});
 //   quarlo::RuleOptions ro;            // confidence at least 0.8, any consequent size
-//   quarlo::RuleSet rs = quarlo::rules(quarlo::Transactions::from_file("baskets.txt"), options, ro);
+//   auto data = quarlo::Transactions::from_file("baskets.txt");
+//   quarlo::RuleSet rs = quarlo::rules(data, options, ro);
 //   for (const quarlo::Rule& r : rs.rules) {
 //     for (uint32_t item : rs.antecedent(r)) std::cout << rs.labels[item] << ' ';
 //     std::cout << "-> ";
