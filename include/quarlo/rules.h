@@ -95,7 +95,7 @@ RuleMeasures measure(const Rule& rule, uint32_t transactions);
 // closed and parents do not apply to rules and are refused. Throws Error:
 // kInvalidArgument for a threshold out of range, for a support that leaves
 // no frequent itemset of two or more items, and for an itemset of more than
-// 64 items that rules would have to be formed from.
+// 63 items that rules would have to be formed from (consequents are bit masks).
 RuleSet rules(const Transactions& transactions, const Options& options,
               const RuleOptions& rule_options = RuleOptions());
 
