@@ -13,11 +13,14 @@
 # quarlo.rules in Python (file to DataFrame) for both, at the same counts and
 # under the shared length-decreasing tables, where sides of rules are not
 # frequent at their own length and are counted in the data.
-#   bash bench/rules.sh FPGROWTH [RUNS]   (FPGROWTH: ../shared/peers/build.sh OUT gives OUT/fpgrowth)
+# CPU seconds (user + system) are medians as well: on a shared machine they
+# move less than wall time. PART "compare" runs the first table alone.
+#   bash bench/rules.sh FPGROWTH [RUNS [PART]]   (FPGROWTH: ../shared/peers/build.sh OUT gives OUT/fpgrowth)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 peer=${1:?usage: bash bench/rules.sh FPGROWTH [RUNS]}
 runs=${2:-5}
+part=${3:-all}
 shared=../shared
 . bench/program.sh
 cmake --build build/release -j 2 --target quarlo_lib >/dev/null
@@ -27,11 +30,11 @@ rules_run=$PWD/build/release/rules_run
 python=/usr/bin/python3
 make python >/dev/null
 
-# time_run DIR CMD... : wall seconds and peak KB of one run.
+# time_run DIR CMD... : wall seconds, peak KB and CPU seconds of one run.
 time_run() {
   local dir=$1; shift
-  (cd "$dir" && /usr/bin/time -f "%e %M" "$@" >/dev/null 2>"$dir/time.err") || true
-  tail -n 1 "$dir/time.err"
+  (cd "$dir" && /usr/bin/time -f "%e %M %U %S" "$@" >/dev/null 2>"$dir/time.err") || true
+  tail -n 1 "$dir/time.err" | awk '{ print $1, $2, $3 + $4 }'
 }
 
 # The rules of a "Y <- X... count count" file with each side sorted, sorted.
@@ -41,24 +44,27 @@ canon() { awk '{ n = 0; for (i = 3; i <= NF - 2; i++) b[++n] = $i;
 
 peak_max() { printf '%s\n' "$@" | sort -n | tail -n 1; }
 
-echo "| data | count | rules | quarlo s | fpgrowth -o -m2 s | ratio | quarlo MiB | fpgrowth MiB | fpgrowth -tr -c80 s | same rules |"
-echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---|"
+echo "| data | count | rules | quarlo s | fpgrowth -o -m2 s | ratio | quarlo CPU s | fpgrowth CPU s | CPU ratio | quarlo MiB | fpgrowth MiB | fpgrowth -tr -c80 s | same rules |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---|"
 while read -r data count; do
   dir=$work/$data-$count
   mkdir -p "$dir"; cp "$shared/data/$data.dat" "$dir/in.txt"
-  qt=() qm=() pt=() pm=() rt=()
+  qt=() qm=() qc=() pt=() pm=() pc=() rt=()
   for _ in $(seq "$runs"); do
-    read -r t m < <(time_run "$dir" "$rules_run" in.txt "$count" 0.8 1 quarlo.rules); qt+=("$t"); qm+=("$m")
-    read -r t m < <(time_run "$dir" "$peer" -tr -o -m2 -S101 "-s-$count" -c80 '-v %a %b' in.txt peer.rules)
-    pt+=("$t"); pm+=("$m")
-    read -r t _ < <(time_run "$dir" "$peer" -tr -S101 "-s-$count" -c80 in.txt plain.rules); rt+=("$t")
+    read -r t m c < <(time_run "$dir" "$rules_run" in.txt "$count" 0.8 1 quarlo.rules)
+    qt+=("$t"); qm+=("$m"); qc+=("$c")
+    read -r t m c < <(time_run "$dir" "$peer" -tr -o -m2 -S101 "-s-$count" -c80 '-v %a %b' in.txt peer.rules)
+    pt+=("$t"); pm+=("$m"); pc+=("$c")
+    read -r t _ _ < <(time_run "$dir" "$peer" -tr -S101 "-s-$count" -c80 in.txt plain.rules); rt+=("$t")
   done
   q=$(printf '%s\n' "${qt[@]}" | median); p=$(printf '%s\n' "${pt[@]}" | median)
   r=$(printf '%s\n' "${rt[@]}" | median)
+  qcpu=$(printf '%s\n' "${qc[@]}" | median); pcpu=$(printf '%s\n' "${pc[@]}" | median)
   same=no
   if cmp -s <(canon "$dir/quarlo.rules") <(canon "$dir/peer.rules"); then same=yes; fi
-  printf '| %s | %s | %s | %s | %s | %.2f | %d | %d | %s | %s |\n' "$data" "$count" \
+  printf '| %s | %s | %s | %s | %s | %.2f | %s | %s | %.2f | %d | %d | %s | %s |\n' "$data" "$count" \
     "$(grep -c '' "$dir/quarlo.rules")" "$q" "$p" "$(awk -v a="$q" -v b="$p" 'BEGIN { print a / b }')" \
+    "$qcpu" "$pcpu" "$(awk -v a="$qcpu" -v b="$pcpu" 'BEGIN { print a / b }')" \
     $(( $(peak_max "${qm[@]}") / 1024 )) $(( $(peak_max "${pm[@]}") / 1024 )) "$r" "$same"
   rm -rf "$dir"
 done <<'SETTINGS'
@@ -66,6 +72,7 @@ retail 20
 retail 10
 T10I4D100K 100
 SETTINGS
+[ "$part" = compare ] && exit 0
 
 echo
 echo "| data | count | consequents | rules | counted apart | quarlo s | quarlo MiB | Python quarlo.rules s | Python MiB |"
@@ -81,8 +88,8 @@ while read -r data count heads; do
   qt=() qm=() yt=() ym=()
   limit=$([ "$heads" = 1 ] && echo 1 || echo None)
   for _ in $(seq "$runs"); do
-    read -r t m < <(time_run "$dir" "$rules_run" in.txt "$support" 0.8 "$heads" quarlo.rules); qt+=("$t"); qm+=("$m")
-    read -r t m < <(time_run "$dir" env PYTHONPATH="$PWD/build/python" "$python" -c \
+    read -r t m _ < <(time_run "$dir" "$rules_run" in.txt "$support" 0.8 "$heads" quarlo.rules); qt+=("$t"); qm+=("$m")
+    read -r t m _ < <(time_run "$dir" env PYTHONPATH="$PWD/build/python" "$python" -c \
       "import quarlo; quarlo.rules('in.txt', $py_support, min_threshold=0.8, max_consequent_len=$limit)")
     yt+=("$t"); ym+=("$m")
   done
