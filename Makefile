@@ -3,7 +3,8 @@
 #   make demo   build, then run quarlo on the example in examples/
 #   make test   Debug build with AddressSanitizer + UBSan, all tests through CTest,
 #               then the same tests on the optimised build, then the installed
-#               package checked with examples/embed, then the Python module's tests
+#               package checked with examples/embed, then the Python module's tests,
+#               then the package installed with pip into a fresh virtual environment
 #   make install PREFIX=/usr/local   program, library, headers, CMake package, man page
 #   make fuzz   clang libFuzzer targets in build/fuzz, each run FUZZ_SECONDS seconds
 #               on a copy of its seed corpus; fails when one finds a crash
@@ -60,6 +61,7 @@ test: test-deps
 	sh tools/check-embed.sh
 	$(MAKE) --no-print-directory python
 	QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q tests/python
+	sh tools/check-pip.sh
 
 fuzz: fuzz-deps
 	CXX=clang++-14 cmake -S . -B $(FUZZ_DIR) -DQUARLO_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo

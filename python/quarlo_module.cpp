@@ -7,7 +7,7 @@
 // back in memory.
 //
 //   mine(source_kind, source, support_kind, support,
-//        min_len, max_len, maximal, parents, threads) -> dict
+//        min_len, max_len, maximal, parents, threads, closed) -> dict
 //
 //   source_kind  "file"   source: the path, as bytes
 //                "labels" source: an iterable of iterables of labels
@@ -19,6 +19,16 @@
 // The dict holds "itemsets" (list of frozenset of str), "count" and
 // "length" (int64 arrays), "parents" (list of lists of row positions, or
 // None) and "transactions" (the number counted).
+//
+//   rules(source_kind, source, support_kind, support, min_len, max_len,
+//         threads, metric, min_threshold, max_consequent, same_types) -> dict
+//
+// metric is one of "support", "confidence", "lift", "leverage",
+// "conviction", "zhangs_metric"; with same_types, labels of an iterable
+// source must all be of one Python type. The dict holds "antecedents" and
+// "consequents" (lists of frozenset of str), the measures under the frame's
+// column names (float64 arrays), "count", "antecedent count" and
+// "consequent count" (int64 arrays) and "transactions".
 //
 // Mining in parts, for quarlo.dask (arrays are numpy arrays):
 //
@@ -38,13 +48,17 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "quarlo/quarlo.h"
+#include "quarlo/rules.h"
 
 namespace py = pybind11;
 
@@ -64,8 +78,11 @@ std::string label_text(py::handle label) {
 
 std::string type_name(py::handle h) { return Py_TYPE(h.ptr())->tp_name; }
 
-std::vector<std::vector<std::string>> labels_of_iterable(py::handle source) {
+// With `same_types`, every label must be of the first label's type.
+std::vector<std::vector<std::string>> labels_of_iterable(py::handle source,
+                                                         bool same_types = false) {
   std::vector<std::vector<std::string>> out;
+  PyTypeObject* first_type = nullptr;
   for (py::handle transaction : py::iter(source)) {
     if (PyUnicode_Check(transaction.ptr()) || PyBytes_Check(transaction.ptr()) ||
         !py::isinstance<py::iterable>(transaction)) {
@@ -73,7 +90,18 @@ std::vector<std::vector<std::string>> labels_of_iterable(py::handle source) {
                            " must be an iterable of labels, not " + type_name(transaction));
     }
     out.emplace_back();
-    for (py::handle label : py::iter(transaction)) out.back().push_back(label_text(label));
+    for (py::handle label : py::iter(transaction)) {
+      if (same_types && first_type != Py_TYPE(label.ptr())) {
+        if (first_type != nullptr) {
+          throw py::type_error(std::string("labels of mixed types (") + first_type->tp_name +
+                               " and " + type_name(label) + ") in transaction " +
+                               std::to_string(out.size() - 1) +
+                               "; give every label as one type, for instance all str");
+        }
+        first_type = Py_TYPE(label.ptr());
+      }
+      out.back().push_back(label_text(label));
+    }
   }
   return out;
 }
@@ -96,9 +124,11 @@ std::vector<std::vector<std::string>> labels_of_matrix(py::handle source) {
   return out;
 }
 
-quarlo::Transactions transactions_of(const std::string& kind, py::handle source) {
+quarlo::Transactions transactions_of(const std::string& kind, py::handle source,
+                                     bool same_types = false) {
   if (kind == "file") return quarlo::Transactions::from_file(source.cast<std::string>());
-  if (kind == "labels") return quarlo::Transactions::from_labels(labels_of_iterable(source));
+  if (kind == "labels")
+    return quarlo::Transactions::from_labels(labels_of_iterable(source, same_types));
   if (kind == "matrix") return quarlo::Transactions::from_labels(labels_of_matrix(source));
   throw py::value_error("unknown source kind " + kind);
 }
@@ -210,7 +240,7 @@ py::dict columns_of(const quarlo::Result& r, bool parents) {
 
 py::dict mine(const std::string& source_kind, py::handle source, const std::string& support_kind,
               py::handle support, uint32_t min_len, uint32_t max_len, bool maximal, bool parents,
-              uint32_t threads) {
+              uint32_t threads, bool closed) {
   try {
     quarlo::Options options;
     options.support = support_of(support_kind, support);
@@ -219,6 +249,7 @@ py::dict mine(const std::string& source_kind, py::handle source, const std::stri
     options.maximal = maximal;
     options.parents = parents;
     options.threads = threads;
+    options.closed = closed;
     const quarlo::Transactions transactions = transactions_of(source_kind, source);
     quarlo::Result r;
     {
@@ -226,6 +257,114 @@ py::dict mine(const std::string& source_kind, py::handle source, const std::stri
       r = quarlo::mine(transactions, options);
     }
     return columns_of(r, parents);
+  } catch (const quarlo::Error& e) {
+    raise_error(e);
+  }
+}
+
+quarlo::RuleMetric metric_of(const std::string& name) {
+  if (name == "support") return quarlo::RuleMetric::kSupport;
+  if (name == "confidence") return quarlo::RuleMetric::kConfidence;
+  if (name == "lift") return quarlo::RuleMetric::kLift;
+  if (name == "leverage") return quarlo::RuleMetric::kLeverage;
+  if (name == "conviction") return quarlo::RuleMetric::kConviction;
+  if (name == "zhangs_metric") return quarlo::RuleMetric::kZhang;
+  throw py::value_error("unknown metric " + name);
+}
+
+// The rules as columns: both sides as frozensets of str, the measures and
+// the counts.
+py::dict rule_columns(const quarlo::RuleSet& rs) {
+  GcPause pause;
+  std::vector<py::object> labels;
+  labels.reserve(rs.labels.size());
+  for (const std::string& label : rs.labels) labels.push_back(label_object(label));
+  // Sides repeat across rules (the same X with each of its consequents):
+  // one frozenset per distinct side, shared by the rows that hold it.
+  struct SideHash {
+    size_t operator()(std::span<const uint32_t> side) const {
+      uint64_t h = side.size();
+      for (uint32_t item : side) h = (h ^ item) * 0x9e3779b97f4a7c15ull;
+      return static_cast<size_t>(h ^ (h >> 29));
+    }
+  };
+  struct SideEqual {
+    bool operator()(std::span<const uint32_t> a, std::span<const uint32_t> b) const {
+      return std::equal(a.begin(), a.end(), b.begin(), b.end());
+    }
+  };
+  std::unordered_map<std::span<const uint32_t>, py::object, SideHash, SideEqual> sides;
+  auto frozenset_of = [&](std::span<const uint32_t> items) {
+    py::object& known = sides[items];
+    if (known) return known;
+    py::object set = py::reinterpret_steal<py::object>(PyFrozenSet_New(nullptr));
+    if (!set) throw py::error_already_set();
+    for (uint32_t item : items) {
+      if (PySet_Add(set.ptr(), labels[item].ptr()) != 0) throw py::error_already_set();
+    }
+    PyObject_GC_UnTrack(set.ptr());  // as in itemsets_of: no cycle can pass through it
+    known = set;
+    return set;
+  };
+  const size_t n = rs.rules.size();
+  py::list antecedents(n), consequents(n);
+  static const char* const kMeasures[] = {
+      "antecedent support", "consequent support", "support",      "confidence", "lift",
+      "leverage",           "conviction",         "zhangs_metric"};
+  std::vector<py::array_t<double>> measures;
+  for (size_t k = 0; k < 8; ++k) measures.emplace_back(static_cast<py::ssize_t>(n));
+  py::array_t<int64_t> count(static_cast<py::ssize_t>(n)),
+      antecedent_count(static_cast<py::ssize_t>(n)), consequent_count(static_cast<py::ssize_t>(n));
+  std::vector<double*> m;
+  for (auto& a : measures) m.push_back(a.mutable_data());
+  int64_t* c = count.mutable_data();
+  int64_t* ac = antecedent_count.mutable_data();
+  int64_t* cc = consequent_count.mutable_data();
+  for (size_t i = 0; i < n; ++i) {
+    const quarlo::Rule& r = rs.rules[i];
+    antecedents[i] = frozenset_of(rs.antecedent(r));
+    consequents[i] = frozenset_of(rs.consequent(r));
+    const quarlo::RuleMeasures v = quarlo::measure(r, rs.transactions);
+    const double values[] = {
+        v.antecedent_support, v.consequent_support, v.support, v.confidence, v.lift,
+        v.leverage,           v.conviction,         v.zhang};
+    for (size_t k = 0; k < 8; ++k) m[k][i] = values[k];
+    c[i] = r.count;
+    ac[i] = r.antecedent_count;
+    cc[i] = r.consequent_count;
+  }
+  py::dict out;
+  out["antecedents"] = antecedents;
+  out["consequents"] = consequents;
+  for (size_t k = 0; k < 8; ++k) out[kMeasures[k]] = measures[k];
+  out["count"] = count;
+  out["antecedent count"] = antecedent_count;
+  out["consequent count"] = consequent_count;
+  out["transactions"] = rs.transactions;
+  return out;
+}
+
+py::dict rules(const std::string& source_kind, py::handle source, const std::string& support_kind,
+               py::handle support, uint32_t min_len, uint32_t max_len, uint32_t threads,
+               const std::string& metric, double min_threshold, uint32_t max_consequent,
+               bool same_types) {
+  try {
+    quarlo::Options options;
+    options.support = support_of(support_kind, support);
+    options.min_size = min_len;
+    options.max_size = max_len;
+    options.threads = threads;
+    quarlo::RuleOptions rule_options;
+    rule_options.metric = metric_of(metric);
+    rule_options.min_threshold = min_threshold;
+    rule_options.max_consequent = max_consequent;
+    const quarlo::Transactions transactions = transactions_of(source_kind, source, same_types);
+    quarlo::RuleSet rs;
+    {
+      py::gil_scoped_release release;
+      rs = quarlo::rules(transactions, options, rule_options);
+    }
+    return rule_columns(rs);
   } catch (const quarlo::Error& e) {
     raise_error(e);
   }
@@ -383,10 +522,16 @@ py::dict merge(const py::bytes& record, const std::vector<std::string>& mined, b
 }  // namespace
 
 PYBIND11_MODULE(_quarlo, m) {
-  m.doc() = "The quarlo library's mining calls; use quarlo.mine and quarlo.dask.mine instead.";
+  m.doc() =
+      "The quarlo library's mining calls; use quarlo.mine, quarlo.rules and quarlo.dask.mine "
+      "instead.";
   m.def("mine", &mine, py::arg("source_kind"), py::arg("source"), py::arg("support_kind"),
         py::arg("support"), py::arg("min_len"), py::arg("max_len"), py::arg("maximal"),
-        py::arg("parents"), py::arg("threads"));
+        py::arg("parents"), py::arg("threads"), py::arg("closed") = false);
+  m.def("rules", &rules, py::arg("source_kind"), py::arg("source"), py::arg("support_kind"),
+        py::arg("support"), py::arg("min_len"), py::arg("max_len"), py::arg("threads"),
+        py::arg("metric"), py::arg("min_threshold"), py::arg("max_consequent"),
+        py::arg("same_types"));
   m.def("scan", &scan, py::arg("source_kind"), py::arg("source"));
   m.def("lowest_count", &lowest_count, py::arg("support_kind"), py::arg("support"),
         py::arg("min_len"), py::arg("max_len"), py::arg("labels"), py::arg("supports"),

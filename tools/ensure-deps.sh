@@ -12,6 +12,9 @@ if [ "${1:-build}" = "test" ]; then
   [ -f /usr/include/gtest/gtest.h ] || missing="$missing libgtest-dev"
   command -v groff >/dev/null 2>&1 || missing="$missing groff-base"
   command -v man >/dev/null 2>&1 || missing="$missing man-db"
+  # The package's pip install, in a virtual environment.
+  /usr/bin/python3 -c 'import ensurepip, setuptools' >/dev/null 2>&1 || missing="$missing python3-venv python3-setuptools"
+  /usr/bin/python3 -m pip --version >/dev/null 2>&1 || missing="$missing python3-pip"
 fi
 if [ "${1:-build}" = "test" ] || [ "${1:-build}" = "python" ]; then
   # The module is built for and tested with Debian's interpreter.

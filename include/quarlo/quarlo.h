@@ -97,6 +97,10 @@ struct Options {
   uint32_t min_size = 1;           // shortest itemset reported
   uint32_t max_size = 0xffffffffu; // longest itemset reported
   bool maximal = false;            // keep only itemsets that are no other's parent
+  // Keep only closed itemsets: those no frequent itemset one item longer
+  // holds with the same support. Under a support that never rises with the
+  // length, that is no proper superset of the same support at all.
+  bool closed = false;
   bool parents = false;            // fill Result::parents
   uint32_t threads = 1;            // threads that mine (0 counts as 1); the result is the same for any
 };

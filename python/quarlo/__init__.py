@@ -3,7 +3,9 @@
 quarlo finds every itemset whose support reaches the minimum support of its
 own length; the minimum may fall as itemsets grow, so long itemsets count as
 frequent at a lower support than short ones. ``quarlo.mine`` runs the same
-engine as the ``quarlo`` program and returns its FILE.fp as a DataFrame.
+engine as the ``quarlo`` program and returns its FILE.fp as a DataFrame;
+``quarlo.rules`` returns the association rules of those itemsets, with
+mlxtend's columns and exact supports for every side of every rule.
 """
 
 from __future__ import annotations
@@ -19,7 +21,7 @@ import pandas as pd
 
 from . import _quarlo
 
-__all__ = ["mine", "__version__"]
+__all__ = ["mine", "rules", "METRICS", "__version__"]
 __version__: str = _quarlo.version()
 
 _MAX_U32 = 4294967295
@@ -39,6 +41,7 @@ def mine(
     maximal: bool = False,
     parents: bool = False,
     threads: int = 1,
+    closed: bool = False,
 ) -> pd.DataFrame:
     """Return the frequent itemsets of ``transactions`` as a DataFrame.
 
@@ -82,6 +85,15 @@ def mine(
         parent (the program's -x).
     parents
         Add the column ``parents``.
+    closed
+        Keep only the closed itemsets: those that no frequent itemset one
+        item longer holds with the same support. Under a support that never
+        rises with the length, a superset of equal support is frequent
+        whenever the itemset is, so these are the itemsets with no proper
+        superset of the same support at all (within ``max_len``); under a
+        table that only rises, those with no frequent such superset. With
+        ``maximal`` as well, both tests apply; with ``parents``, parents that
+        were dropped are left out.
     threads
         Threads that mine; the result is the same for any number. The GIL
         is released while mining, so calls from several Python threads run
@@ -133,12 +145,133 @@ def mine(
     ['bread', 'butter', 'milk'] 0.25 1 [4, 5, 3]
     >>> quarlo.mine(baskets, 2, min_len=2, maximal=True)["itemsets"].map(sorted).tolist()
     [['bread', 'butter'], ['bread', 'milk']]
+    >>> quarlo.mine(baskets, 1, closed=True)["itemsets"].map(sorted).tolist()
+    [['milk'], ['bread'], ['bread', 'butter'], ['bread', 'milk'], ['bread', 'butter', 'milk']]
     """
     source_kind, source = _source(transactions)
-    o = _options(support, min_len, max_len, maximal, parents, threads)
+    o = _options(support, min_len, max_len, maximal, parents, threads, closed)
     columns = _quarlo.mine(source_kind, source, o.support_kind, o.support, o.min_len, o.max_len,
-                           o.maximal, o.parents, o.threads)
+                           o.maximal, o.parents, o.threads, o.closed)
     return _frame(columns)
+
+
+METRICS = ("support", "confidence", "lift", "leverage", "conviction", "zhangs_metric")
+"""The measures ``quarlo.rules`` can select rules by."""
+
+_RULE_COLUMNS = ["antecedents", "consequents", "antecedent support", "consequent support", "support",
+                 "confidence", "lift", "leverage", "conviction", "zhangs_metric", "count",
+                 "antecedent count", "consequent count"]
+
+
+def rules(
+    transactions: Transactions,
+    support: Support,
+    *,
+    metric: str = "confidence",
+    min_threshold: float = 0.8,
+    max_len: int | None = None,
+    max_consequent_len: int | None = None,
+    threads: int = 1,
+) -> pd.DataFrame:
+    """Return the association rules of the frequent itemsets of ``transactions``.
+
+    One call mines the frequent itemsets as ``quarlo.mine(transactions,
+    support, max_len=max_len)`` does and forms every rule X -> Y with X and
+    Y non-empty and disjoint, X | Y a frequent itemset, and ``metric`` at
+    least ``min_threshold``. It takes the transactions rather than a mined
+    frame because a rule needs the supports of X and Y, and under a support
+    that falls with the length they are often not frequent at their own
+    length, so not in any frame: quarlo counts them in the transactions, in
+    one pass for all of them together, and every value is exact.
+
+    Parameters
+    ----------
+    transactions, support, max_len, threads
+        As for ``quarlo.mine``; ``max_len`` bounds the items of X | Y. The
+        labels of transactions given in memory must all be of one type.
+    metric
+        The measure a rule must reach, one of ``quarlo.METRICS``: "support",
+        "confidence", "lift", "leverage", "conviction" or "zhangs_metric".
+        Under "confidence", rules are formed consequent by consequent,
+        growing a consequent only while the smaller ones pass (confidence
+        falls as the consequent grows); under the others, every split of
+        every frequent itemset is measured.
+    min_threshold
+        The least value of ``metric``: from 0 to 1 for support and
+        confidence, at least 0 for lift and conviction, from -1 to 1 for
+        leverage and zhangs_metric. Support and confidence compare exactly
+        on the decimal the float prints as (0.8 is 4/5), as support
+        fractions are made counts; the others compare the float values of
+        the columns below.
+    max_consequent_len
+        The most items of Y (default: any number; 1 gives single-item
+        consequents).
+
+    Returns
+    -------
+    pandas.DataFrame
+        One row per rule, the rules of each frequent itemset together (in
+        the order of ``quarlo.mine``'s rows) by consequent size, with
+        mlxtend's columns and the counts. With n transactions and the counts
+        z of X | Y, a of X and c of Y:
+
+        * ``antecedents``, ``consequents``: frozensets of the labels (str);
+        * ``antecedent support`` = a/n, ``consequent support`` = c/n,
+          ``support`` = z/n;
+        * ``confidence`` = z/a;
+        * ``lift`` = confidence / consequent support;
+        * ``leverage`` = support - antecedent support * consequent support;
+        * ``conviction`` = (1 - consequent support) / (1 - confidence), and
+          ``inf`` where the confidence is 1;
+        * ``zhangs_metric`` = leverage / max(support * (1 - antecedent
+          support), antecedent support * (consequent support - support)),
+          and 0 where that maximum is 0;
+        * ``count`` = z, ``antecedent count`` = a, ``consequent count`` = c.
+
+    Raises
+    ------
+    TypeError
+        An argument of the wrong type, or labels of mixed types.
+    ValueError
+        What ``quarlo.mine`` refuses, an unknown metric, a threshold out of
+        range, or a support that leaves no frequent itemset of two or more
+        items (there is no rule to form).
+    FileNotFoundError, OSError, MemoryError
+        As for ``quarlo.mine``.
+
+    Examples
+    --------
+    Butter is in 2 of 4 baskets, below the 75 % single items need here, so
+    no frame of frequent itemsets holds it; its counts come from the data:
+
+    >>> import quarlo
+    >>> baskets = [["bread", "milk"], ["bread", "butter"],
+    ...            ["bread", "milk", "butter"], ["milk"]]
+    >>> frame = quarlo.rules(baskets, {1: 0.75, 2: 0.25}, min_threshold=0.6)
+    >>> for r in frame.to_dict("records"):
+    ...     print(sorted(r["antecedents"]), "->", sorted(r["consequents"]), r["count"],
+    ...           r["antecedent count"], r["consequent count"], round(r["confidence"], 3))
+    ['butter'] -> ['bread'] 2 2 3 1.0
+    ['bread'] -> ['butter'] 2 3 2 0.667
+    ['milk'] -> ['bread'] 2 3 3 0.667
+    ['bread'] -> ['milk'] 2 3 3 0.667
+    ['butter', 'milk'] -> ['bread'] 1 1 3 1.0
+    >>> frame["conviction"].round(3).tolist()
+    [inf, 1.5, 0.75, 0.75, inf]
+    """
+    if isinstance(transactions, pd.DataFrame):
+        _same_types(transactions.columns)
+    source_kind, source = _source(transactions)
+    o = _options(support, 1, max_len, False, False, threads)
+    metric = _metric(metric)
+    threshold = _threshold(min_threshold)
+    if max_consequent_len is None:
+        max_consequent = _MAX_U32
+    else:
+        max_consequent = _int_at_least("max_consequent_len", max_consequent_len, 1)
+    columns = _quarlo.rules(source_kind, source, o.support_kind, o.support, o.min_len, o.max_len,
+                            o.threads, metric, threshold, max_consequent, True)
+    return _rule_frame(columns)
 
 
 class _Options(NamedTuple):
@@ -151,16 +284,18 @@ class _Options(NamedTuple):
     maximal: bool
     parents: bool
     threads: int
+    closed: bool
 
 
-def _options(support, min_len, max_len, maximal, parents, threads) -> _Options:
+def _options(support, min_len, max_len, maximal, parents, threads, closed=False) -> _Options:
     support_kind, support_value = _support(support)
     min_len = _length("min_len", min_len)
     max_len = _MAX_U32 if max_len is None else _length("max_len", max_len)
     if max_len < min_len:
         raise ValueError(f"max_len ({max_len}) is below min_len ({min_len})")
     return _Options(support_kind, support_value, min_len, max_len, _flag("maximal", maximal),
-                    _flag("parents", parents), _int_at_least("threads", threads, 1))
+                    _flag("parents", parents), _int_at_least("threads", threads, 1),
+                    _flag("closed", closed))
 
 
 def _source(transactions):
@@ -286,4 +421,34 @@ def _frame(columns: dict) -> pd.DataFrame:
     }
     if columns["parents"] is not None:
         data["parents"] = pd.Series(columns["parents"], dtype=object)
+    return pd.DataFrame(data)
+
+
+def _metric(metric) -> str:
+    if not isinstance(metric, str):
+        raise TypeError(f"metric must be a str, not {type(metric).__name__}")
+    if metric not in METRICS:
+        raise ValueError(f"unknown metric {metric!r}: give one of {', '.join(METRICS)}")
+    return metric
+
+
+def _threshold(value) -> float:
+    if isinstance(value, (bool, np.bool_)) or not isinstance(value, numbers.Real) and \
+            not isinstance(value, decimal.Decimal):
+        raise TypeError(f"min_threshold must be a number, not {type(value).__name__}")
+    return float(value)
+
+
+def _same_types(labels) -> None:
+    kinds = sorted({type(label).__name__ for label in labels})
+    if len(kinds) > 1:
+        raise TypeError(f"labels of mixed types ({' and '.join(kinds)}) in the DataFrame's columns; "
+                        "give every label as one type, for instance all str")
+
+
+def _rule_frame(columns: dict) -> pd.DataFrame:
+    """The DataFrame of the extension module's rule columns."""
+    data = {name: columns[name] for name in _RULE_COLUMNS}
+    for name in ("antecedents", "consequents"):
+        data[name] = pd.Series(data[name], dtype=object)
     return pd.DataFrame(data)

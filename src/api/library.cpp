@@ -21,6 +21,7 @@
 #include "base/tokens.h"
 #include "convert/records.h"
 #include "base/io.h"
+#include "post/rules_internal.h"
 
 namespace quarlo {
 
@@ -614,11 +615,17 @@ void assemble(const Collector& c, const Options& options, Result* r) {
   std::vector<std::vector<size_t>> parents;
   std::vector<char> is_parent;
   if (options.parents || options.maximal) find_all_parents(c, offset, &parents, &is_parent);
+  std::vector<char> unclosed;
+  if (options.closed) {
+    unclosed.assign(offset.back(), 0);
+    detail::mark_unclosed(items, c.supports(), offset, &unclosed);
+  }
   std::vector<size_t> new_index(offset.back(), SIZE_MAX);
   for (size_t len = 1; len < items.size(); ++len) {
     for (uint32_t n = 0; n < c.supports()[len].size(); ++n) {
       const size_t index = offset[len] + n;
       if (options.maximal && is_parent[index]) continue;
+      if (options.closed && unclosed[index]) continue;
       new_index[index] = r->itemsets.size();
       const uint32_t* first = items[len].data() + size_t{n} * len;
       r->itemsets.push_back(Itemset{std::vector<uint32_t>(first, first + len), c.supports()[len][n], n});
@@ -664,10 +671,34 @@ Result mine(const Transactions& transactions, const Options& options) {
   return collect(transactions, options, nullptr, nullptr, nullptr);
 }
 
+namespace detail {
+
+Result mine_keeping_transactions(const Transactions& transactions, const Options& options,
+                                 std::vector<uint32_t>* items, std::vector<uint64_t>* ends) {
+  auto loader = [&](Loaded* in, Engine* e, TranBuf* db) {
+    load(transactions.data(), e, db, in);
+    const uint32_t nitems =
+        std::max<uint32_t>(in->nitems, static_cast<uint32_t>(in->label_text.size()));
+    if (!init_buf_pool(&e->pool, nitems).ok()) throw std::bad_alloc();
+    const uint32_t end = db->position;
+    items->reserve(end / sizeof(int32_t));  // a record is its length and its items
+    db->position = 0;
+    CurTran* tran = nullptr;
+    while (read_tran(&e->pool, db, &tran) != 0) {
+      for (int32_t i = 0; i < tran->n; ++i) items->push_back(tran->slot[i].item);
+      ends->push_back(items->size());
+    }
+    db->position = end;
+  };
+  return collect(transactions, options, nullptr, nullptr, loader);
+}
+
+}  // namespace detail
+
 Stats mine(const Transactions& transactions, const Options& options,
            const std::function<void(const PatternView&)>& visit) {
-  if (options.maximal || options.parents) {
-    fail(Error::Kind::kInvalidArgument, "maximal and parents need the collected result");
+  if (options.maximal || options.parents || options.closed) {
+    fail(Error::Kind::kInvalidArgument, "maximal, closed and parents need the collected result");
   }
   try {
     Loaded in;
@@ -749,8 +780,9 @@ void load_shard(const Transactions::Data& data, const ShardItems& numbering, Eng
 }  // namespace
 
 Result mine_shard(const Transactions& transactions, const Shard& shard, const Options& options) {
-  if (options.maximal || options.parents) {
-    fail(Error::Kind::kInvalidArgument, "a shard cannot prune maximal itemsets or find parents");
+  if (options.maximal || options.parents || options.closed) {
+    fail(Error::Kind::kInvalidArgument,
+         "a shard cannot prune maximal or unclosed itemsets or find parents");
   }
   if (transactions.data().kind == Transactions::Data::kFile) {
     fail(Error::Kind::kInvalidArgument, "a shard mines transactions in memory");

@@ -1,0 +1,44 @@
+"""Builds the extension module quarlo._quarlo for pip through the project's
+CMake build (the QUARLO_PYTHON option), so the package and `make python`
+compile the same sources with the same flags. The version is the library's,
+read from the project() line of CMakeLists.txt. See pyproject.toml."""
+
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+from setuptools import Extension, setup
+from setuptools.command.build_ext import build_ext
+
+ROOT = Path(__file__).resolve().parent
+
+
+def library_version() -> str:
+    found = re.search(r"project\(quarlo VERSION (\d+\.\d+\.\d+)", (ROOT / "CMakeLists.txt").read_text())
+    if not found:
+        raise RuntimeError("CMakeLists.txt names no version of quarlo")
+    return found.group(1)
+
+
+class CMakeBuild(build_ext):
+    """Configures and builds the target quarlo_python into the directory
+    that receives the package."""
+
+    def build_extension(self, ext):
+        import pybind11
+
+        package_root = Path(self.get_ext_fullpath(ext.name)).resolve().parent.parent
+        build_dir = Path(self.build_temp).resolve() / "cmake"
+        jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
+        subprocess.run(["cmake", "-S", str(ROOT), "-B", str(build_dir), "-DCMAKE_BUILD_TYPE=Release",
+                        "-DQUARLO_PYTHON=ON", f"-DPython_EXECUTABLE={sys.executable}",
+                        f"-Dpybind11_DIR={pybind11.get_cmake_dir()}",
+                        f"-DQUARLO_PYTHON_DIR={package_root}"], check=True)
+        subprocess.run(["cmake", "--build", str(build_dir), "--target", "quarlo_python", "-j", jobs],
+                       check=True)
+
+
+setup(version=library_version(), ext_modules=[Extension("quarlo._quarlo", sources=[])],
+      cmdclass={"build_ext": CMakeBuild})
