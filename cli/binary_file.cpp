@@ -1,5 +1,4 @@
 #include "cli/binary_file.h"
-#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "base/io.h"
+#include "base/sites.h"
 #include "convert/records.h"
 
 namespace quarlo::cli {
@@ -110,7 +110,8 @@ Status ttoqr(const char* input, const char* output, uint32_t* item_count, Report
   if (out.flush() != 0 && status.ok()) {
     status = file_failed(sites::kBinaryWrite, "write(*, *, 4)", output, rep);
   }
-  if (close(in) != 0 && status.ok()) status = file_failed(sites::kConvClose, "fclose()", input, rep);
+  if (close(in) != 0 && status.ok())
+    status = file_failed(sites::kConvClose, "fclose()", input, rep);
   if (close(out_fd) != 0 && status.ok()) {
     status = file_failed(sites::kBinaryClose, "close()", output, rep);
   }

@@ -40,9 +40,12 @@ struct StageInfo {
   int status;
 };
 constexpr StageInfo kStages[] = {
-    {"the label conversion", kStatusConvert},     {"the binary transaction file", kStatusBinary},
-    {"mining", kStatusConvert},                   {"the parent-children list", kStatusLattice},
-    {"maximal pruning", kStatusPrune},            {"the back-conversion", kStatusConvert},
+    {"the label conversion", kStatusConvert},
+    {"the binary transaction file", kStatusBinary},
+    {"mining", kStatusConvert},
+    {"the parent-children list", kStatusLattice},
+    {"maximal pruning", kStatusPrune},
+    {"the back-conversion", kStatusConvert},
 };
 const StageInfo& info(Driver::Stage stage) { return kStages[static_cast<int>(stage)]; }
 
@@ -82,7 +85,8 @@ uint32_t threads_of_environment() {
   errno = 0;
   const long n = strtol(text, &end, 10);
   if (errno != 0 || *end != '\0' || n < 1 || n > 256) {
-    fprintf(stderr, "quarlo: QUARLO_THREADS=%s is not a number from 1 to 256; mining on one thread\n",
+    fprintf(stderr,
+            "quarlo: QUARLO_THREADS=%s is not a number from 1 to 256; mining on one thread\n",
             text);
     return 1;
   }
@@ -233,7 +237,8 @@ void Driver::print_banner() {
 void Driver::print_timing() {
   const Timings& t = timings_;
   console_.printf("%s", "");
-  console_.printf("Timing Information -------------------------------------------------------------");
+  console_.printf(
+      "Timing Information -------------------------------------------------------------");
   console_.printf("  Input File Transformation:                    %.3f sec", t.transform);
   console_.printf("  Generating Frequent Pattern File:             %.3f sec", t.patterns);
   if (options_.pc_list || options_.maximal) {
@@ -268,8 +273,8 @@ int Driver::check_input() {
   }
   const int fd = open(file, O_RDONLY | O_CLOEXEC);
   if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-    console_.printf("%s(%u) %s is in use by another run", sites::kInUse.module,
-                    sites::kInUse.line, file);
+    console_.printf("%s(%u) %s is in use by another run", sites::kInUse.module, sites::kInUse.line,
+                    file);
     close(fd);
     return kStatusConvert;
   }
@@ -283,8 +288,8 @@ void Driver::set_own_names() {
   fp_conv_tmp_ = file + ".fp_conv.tmp";
   tid_tmp_ = file + ".tid.tmp";
   const FileNames& n = options_.names;
-  const char* names[] = {n.conv.c_str(),        n.qr.c_str(),     n.fp_conv.c_str(),
-                         fp_conv_tmp_.c_str(), fp_tmp_.c_str(), pc_tmp_.c_str(), tid_tmp_.c_str()};
+  const char* names[] = {n.conv.c_str(),  n.qr.c_str(),    n.fp_conv.c_str(), fp_conv_tmp_.c_str(),
+                         fp_tmp_.c_str(), pc_tmp_.c_str(), tid_tmp_.c_str()};
   std::copy(std::begin(names), std::end(names), own_);
 }
 
@@ -293,8 +298,8 @@ void Driver::set_own_names() {
 bool Driver::put_in_place(const std::string& tmp, const std::string& file) {
   if (rename(tmp.c_str(), file.c_str()) == 0) return true;
   const int err = errno;
-  console_.perror("%s(%u) rename(%s, %s)", sites::kRename.module, sites::kRename.line,
-                  tmp.c_str(), file.c_str());
+  console_.perror("%s(%u) rename(%s, %s)", sites::kRename.module, sites::kRename.line, tmp.c_str(),
+                  file.c_str());
   explain(file, err);
   return false;
 }
@@ -334,10 +339,12 @@ int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* wri
   const Status status =
       find_frequent_patterns(&engine, options_.names.qr.c_str(), support_of(options_), &client);
   if (!status.ok()) return fail(Stage::kMine, status);
-  console_.printf("Solution -----------------------------------------------------------------------");
+  console_.printf(
+      "Solution -----------------------------------------------------------------------");
   console_.printf("  Frequent Pattern File:                        %s", options_.names.fp.c_str());
   if (options_.pc_list) {
-    console_.printf("  PC List File:                                 %s", options_.names.pc.c_str());
+    console_.printf("  PC List File:                                 %s",
+                    options_.names.pc.c_str());
   }
   console_.printf("  Number of Frequent Patterns:                  %u", client.written());
   client.sections(&written->counts, &written->bytes);
@@ -392,7 +399,8 @@ int Driver::back_convert(const LabelTable& labels, const WrittenSections& writte
   // The pattern file as written (maximal pruning rewrites it) converts and
   // groups in one pass; when that fails, the two passes below run as ever,
   // so they alone decide the report and the files a failure leaves.
-  const bool one_pass = !options_.maximal && !written.bytes.empty() &&
+  const bool one_pass =
+      !options_.maximal && !written.bytes.empty() &&
       r_convert_sections(labels, n.fp_conv.c_str(), fp_tmp_.c_str(), written.bytes).ok();
   if (one_pass) {
     print_length_counts(written.counts, &console_);

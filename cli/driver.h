@@ -25,12 +25,12 @@ using namespace quarlo::detail;
 // Exit statuses of a run.
 enum RunStatus {
   kStatusOk = 0,
-  kStatusLog = 1,         // log file cannot be opened (also -h / no FILE)
-  kStatusConvert = 2,     // label conversion, mining or back-conversion failed
-  kStatusBinary = 4,      // binary transaction file could not be written
-  kStatusPrune = 8,       // the set for maximal pruning could not be created
-  kStatusLattice = 16,    // the parent-children list could not be generated
-  kStatusTidList = 32,    // -t was given
+  kStatusLog = 1,       // log file cannot be opened (also -h / no FILE)
+  kStatusConvert = 2,   // label conversion, mining or back-conversion failed
+  kStatusBinary = 4,    // binary transaction file could not be written
+  kStatusPrune = 8,     // the set for maximal pruning could not be created
+  kStatusLattice = 16,  // the parent-children list could not be generated
+  kStatusTidList = 32,  // -t was given
 };
 
 // The minimum support the options give (-S file or -s percentage).

@@ -52,8 +52,7 @@ Status convert_file(LabelTable* labels, const char* input, const char* output) {
   return written ? Status() : Status::io(errno, output);
 }
 
-Status r_convert(const LabelTable& labels, const char* input, const char* output,
-                   unsigned skip) {
+Status r_convert(const LabelTable& labels, const char* input, const char* output, unsigned skip) {
   const std::vector<std::string>& label_list_ = labels.labels();
   int in = -1;
   int out_fd = -1;
@@ -185,7 +184,7 @@ size_t items_start(std::string_view line) {
 }  // namespace
 
 Status r_convert_sections(const LabelTable& labels, const char* input, const char* output,
-                            const std::vector<uint64_t>& bytes) {
+                          const std::vector<uint64_t>& bytes) {
   const std::vector<std::string>& label_list_ = labels.labels();
   int in = -1;
   int out_fd = -1;

@@ -37,7 +37,7 @@ Status r_convert(const LabelTable& labels, const char* input, const char* output
 // r_convert does, and when a line is not of that form or a section does not
 // come out at its size. Writes no message.
 Status r_convert_sections(const LabelTable& labels, const char* input, const char* output,
-                            const std::vector<uint64_t>& bytes);
+                          const std::vector<uint64_t>& bytes);
 
 }  // namespace quarlo::cli
 

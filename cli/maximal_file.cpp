@@ -1,5 +1,4 @@
 #include "cli/maximal_file.h"
-#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,9 +10,10 @@
 #include <new>
 #include <string>
 
+#include "base/io.h"
+#include "base/sites.h"
 #include "base/tokens.h"
 #include "cli/pattern_ids.h"
-#include "base/io.h"
 
 namespace quarlo::cli {
 

@@ -36,7 +36,7 @@ class IdSet {
   struct Slot {
     uint64_t offset;  // start of the text in arena_; kEmpty when unused
     uint32_t length;
-    uint32_t tag;     // high bits of the hash, checked before the text
+    uint32_t tag;  // high bits of the hash, checked before the text
   };
   static constexpr uint64_t kEmpty = ~uint64_t{0};
 

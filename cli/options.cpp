@@ -90,8 +90,8 @@ const char kMaximal[] =
 
 const char* const kUsageQuarlo[] = {kHeadQuarlo, kFileQuarlo, kOptionalHeader, kCommonOptions,
                                     kMaximal};
-const char* const kUsageVorsel[] = {kHeadVorsel, kFileVorsel,    kOptionalHeader, kBufferAndDir,
-                                    kCommonOptions, kTidList, kMaximal};
+const char* const kUsageVorsel[] = {kHeadVorsel,    kFileVorsel, kOptionalHeader, kBufferAndDir,
+                                    kCommonOptions, kTidList,    kMaximal};
 
 const struct option kLongOptions[] = {
     {"bufsize", required_argument, nullptr, 'b'},
@@ -107,27 +107,42 @@ const struct option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-uint32_t to_u32(const char* text) {
-  return static_cast<uint32_t>(strtol(text, nullptr, 10));
-}
+uint32_t to_u32(const char* text) { return static_cast<uint32_t>(strtol(text, nullptr, 10)); }
 
 // Applies one option returned by getopt_long to the record. False for -h.
 bool apply_option(int c, Options* o, Console* console) {
   switch (c) {
     case 'b':  // accepted for the sibling's buffer size and directory; no effect here
-    case 'd': break;
-    case 'h': return false;
-    case 'm': o->min_size = to_u32(optarg); break;
-    case 'M': o->max_size = to_u32(optarg); break;
-    case 'p': o->pc_list = true; break;
-    case 's': o->min_support = strtod(optarg, nullptr); break;
-    case 'S': o->supp_table_file = optarg; break;
-    case 't': o->tid_list = true; break;
-    case 'x': o->maximal = true; break;
-    case '?': break;  // getopt_long has already complained on stderr
+    case 'd':
+      break;
+    case 'h':
+      return false;
+    case 'm':
+      o->min_size = to_u32(optarg);
+      break;
+    case 'M':
+      o->max_size = to_u32(optarg);
+      break;
+    case 'p':
+      o->pc_list = true;
+      break;
+    case 's':
+      o->min_support = strtod(optarg, nullptr);
+      break;
+    case 'S':
+      o->supp_table_file = optarg;
+      break;
+    case 't':
+      o->tid_list = true;
+      break;
+    case 'x':
+      o->maximal = true;
+      break;
+    case '?':
+      break;  // getopt_long has already complained on stderr
     default:
-      console->printf("%s(%u) getopt returned invalid character code 0x%x\n",
-                      sites::kGetopt.module, sites::kGetopt.line, static_cast<unsigned>(c));
+      console->printf("%s(%u) getopt returned invalid character code 0x%x\n", sites::kGetopt.module,
+                      sites::kGetopt.line, static_cast<unsigned>(c));
   }
   return true;
 }
@@ -173,7 +188,8 @@ void print_usage(int selector) {
 }
 
 void print_options(const Options& o, Console* console) {
-  console->printf("Options ------------------------------------------------------------------------");
+  console->printf(
+      "Options ------------------------------------------------------------------------");
   console->printf("  Minimum Output Pattern Size:                  %u", o.min_size);
   console->printf("  Maximum Output Pattern Size:                  %u", o.max_size);
   if (o.supp_table_file == nullptr) {
@@ -181,12 +197,15 @@ void print_options(const Options& o, Console* console) {
   } else {
     console->printf("  Length-Decreasing Support Constraint File:    %s", o.supp_table_file);
     if (o.min_support != 0.0) {
-      console->printf("  Constant Minimum Support:                     %f: Warning: Ignored: \"%s\" is given",
-                      o.min_support, o.supp_table_file);
+      console->printf(
+          "  Constant Minimum Support:                     %f: Warning: Ignored: \"%s\" is given",
+          o.min_support, o.supp_table_file);
     }
   }
-  console->printf("  PC List File Generation:                      %s", o.pc_list ? "Generate" : "Skip");
-  console->printf("  Non-Maximal Frequent Pattern Pruning:         %s", o.maximal ? "Prune" : "Skip");
+  console->printf("  PC List File Generation:                      %s",
+                  o.pc_list ? "Generate" : "Skip");
+  console->printf("  Non-Maximal Frequent Pattern Pruning:         %s",
+                  o.maximal ? "Prune" : "Skip");
   console->printf("%s", "");
 }
 

@@ -25,7 +25,7 @@ struct FileNames {
 };
 
 struct Options {
-  std::string input_file;                 // the FILE operand itself
+  std::string input_file;  // the FILE operand itself
   FileNames names;
   uint32_t min_size = 1;                  // -m
   uint32_t max_size = 4294967295u;        // -M

@@ -21,7 +21,6 @@ namespace quarlo::cli {
 
 namespace {
 
-
 // Bytes reserved for one field of a line: the longest is a percentage of an
 // unusual support, formatted with "%.3f" into at most this many bytes.
 constexpr size_t kField = 64;
@@ -58,7 +57,8 @@ bool read_whole_file(const char* file, std::string* text) {
   }
   text->resize(filled);
   char chunk[1 << 16];  // whatever a growing file has beyond its size at open
-  while (n > 0 && (n = read(fd, chunk, sizeof chunk)) > 0) text->append(chunk, static_cast<size_t>(n));
+  while (n > 0 && (n = read(fd, chunk, sizeof chunk)) > 0)
+    text->append(chunk, static_cast<size_t>(n));
   close(fd);
   return true;
 }
@@ -154,7 +154,8 @@ constexpr size_t kBucketBuffer = size_t{64} << 10;
 // so that it takes room where the pattern file does. -1 with errno set.
 int unnamed_file_beside(const char* file) {
   const char* slash = strrchr(file, '/');
-  const std::string dir = slash == nullptr ? "." : std::string(file, slash == file ? 1 : slash - file);
+  const std::string dir =
+      slash == nullptr ? "." : std::string(file, slash == file ? 1 : slash - file);
   const int fd = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
   std::string name = dir + "/.quarlo-XXXXXX";  // a file system without unnamed files
@@ -217,7 +218,8 @@ Spread spread_lines(const char* file, std::map<uint64_t, Bucket>* buckets) {
   }
   if (in >= 0) close(in);
   for (auto& [key, b] : *buckets) {
-    if (result == Spread::kDone && b.out != nullptr && b.out->flush() != 0) result = Spread::kFailed;
+    if (result == Spread::kDone && b.out != nullptr && b.out->flush() != 0)
+      result = Spread::kFailed;
   }
   return result;
 }
@@ -275,7 +277,8 @@ Status PatternFileWriter::open(const char* path, uint32_t ntrans, uint32_t nitem
       slot[0] = static_cast<char>(put_decimal(slot + 2, i) - slot - 1);
     }
   } catch (const std::bad_alloc&) {
-    rep->printf("%s(%u) new(%u) failed", sites::kPatternMemory.module, sites::kPatternMemory.line, 0u);
+    rep->printf("%s(%u) new(%u) failed", sites::kPatternMemory.module, sites::kPatternMemory.line,
+                0u);
     ::close(fd_);
     fd_ = -1;
     return Status::out_of_memory();
@@ -306,7 +309,8 @@ char* PatternFileWriter::put_percent(char* out, int32_t support) {
 
 void PatternFileWriter::put(const Pattern& p) {
   const uint32_t len = p.length;
-  if (len > per_length_.size()) per_length_.resize(std::max<size_t>(len, 2 * per_length_.size()), 0);
+  if (len > per_length_.size())
+    per_length_.resize(std::max<size_t>(len, 2 * per_length_.size()), 0);
   char* const start = out_->reserve(2 * kField);
   char* out = put_decimal(start, len - 1);
   *out++ = '-';

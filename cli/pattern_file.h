@@ -56,10 +56,10 @@ class PatternFileWriter : public PatternSink {
   std::unique_ptr<OutBuffer> out_;
   Reporter* rep_ = nullptr;
   uint32_t ntrans_ = 0;
-  std::vector<uint32_t> per_length_;  // written patterns per length, index L - 1
+  std::vector<uint32_t> per_length_;   // written patterns per length, index L - 1
   std::vector<uint32_t> label_bytes_;  // by item: its label's length (empty: not measured)
   std::vector<uint64_t> labelled_;     // by length: bytes of its lines once labelled
-  std::vector<uint32_t> scratch_;     // the items of one pattern, sorted
+  std::vector<uint32_t> scratch_;      // the items of one pattern, sorted
   // Percentage text by support: entry s holds the "%.3f" text of s * 100 /
   // ntrans (first byte its length, 0 while not yet formatted).
   std::vector<char> pct_;

@@ -1,6 +1,4 @@
 #include "cli/pc_list.h"
-#include "base/sites.h"
-#include "base/status.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,6 +13,8 @@
 #include <vector>
 
 #include "base/io.h"
+#include "base/sites.h"
+#include "base/status.h"
 #include "base/tokens.h"
 #include "post/parents.h"
 

@@ -13,7 +13,8 @@ namespace quarlo::detail {
 
 int create_fresh(const char* name, unsigned mode) {
   if (unlink(name) != 0 && errno != ENOENT) return -1;
-  return open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, static_cast<mode_t>(mode));
+  return open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+              static_cast<mode_t>(mode));
 }
 
 double wall_seconds() {

@@ -14,9 +14,7 @@ namespace quarlo::detail {
 constexpr uint32_t kItemsetBreak = 4294967295u;
 
 // True for the six white-space bytes of the C locale: blank, \t, \n, \v, \f, \r.
-inline bool is_white_space(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
+inline bool is_white_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 // Cuts the next white-space-separated token from the front of *rest; an empty
 // view when none is left.

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "base/tokens.h"
 #include "base/io.h"
+#include "base/tokens.h"
 
 namespace quarlo::detail {
 

@@ -13,8 +13,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/tokens.h"
 #include "base/io.h"
+#include "base/tokens.h"
 
 namespace quarlo::detail {
 
@@ -100,7 +100,7 @@ class LabelTable {
   std::unordered_map<std::string, uint32_t, TextHash, std::equal_to<>> labels_;
   std::unordered_map<uint32_t, uint32_t> numbers_;
   std::set<std::string, std::less<>> reserved_;
-  bool reserved_first_[256] = {};      // first bytes of the reserved tokens
+  bool reserved_first_[256] = {};  // first bytes of the reserved tokens
   std::vector<std::string> label_list_;
   std::vector<uint32_t> number_index_;  // small value -> item number + 1 (0: absent)
   std::vector<LabelSlot> label_index_;  // open addressing over the numbered labels

@@ -1,5 +1,4 @@
 #include "convert/records.h"
-#include "base/sites.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,15 +10,13 @@
 #include <cstring>
 #include <vector>
 
-#include "base/tokens.h"
 #include "base/io.h"
+#include "base/sites.h"
+#include "base/tokens.h"
 
 namespace quarlo::detail {
 
-namespace {
-
-
-}  // namespace
+namespace {}  // namespace
 
 bool collect_items(std::string_view line, std::vector<uint32_t>* items) {
   items->clear();
@@ -49,8 +46,10 @@ void normalize_record(std::vector<uint32_t>* items) {
 }
 
 void report_two_itemsets(Reporter* rep) {
-  rep->printf("%s(%u) Sequence with more than one itemsets detected", sites::kTwoItemsets.module, sites::kTwoItemsets.line);
-  rep->printf("%s(%u) Fatal error in tseq_to_vsseq()", sites::kTwoItemsetsFatal.module, sites::kTwoItemsetsFatal.line);
+  rep->printf("%s(%u) Sequence with more than one itemsets detected", sites::kTwoItemsets.module,
+              sites::kTwoItemsets.line);
+  rep->printf("%s(%u) Fatal error in tseq_to_vsseq()", sites::kTwoItemsetsFatal.module,
+              sites::kTwoItemsetsFatal.line);
 }
 
 }  // namespace quarlo::detail

@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-
 namespace quarlo::detail {
 
 namespace {
@@ -150,7 +149,7 @@ class PatternGroup {
   uint32_t shift_ = 0;  // log2 of the patterns per chunk
   uint32_t count_ = 0;
   std::vector<std::vector<uint32_t>> chunks_;
-  std::vector<uint64_t> slots_;    // tag (high hash bits) | ordinal + 1; 0 is empty
+  std::vector<uint64_t> slots_;  // tag (high hash bits) | ordinal + 1; 0 is empty
 };
 
 // Every pattern of the file, grouped by length (index = length).
@@ -268,7 +267,9 @@ class SubsetMemo {
  private:
   static constexpr size_t kNotExpanded = SIZE_MAX;
 
-  static uint64_t slot_hash(uint64_t hash, uint32_t len) { return hash ^ (uint64_t{len} * 0x9e3779b97f4a7c15ull); }
+  static uint64_t slot_hash(uint64_t hash, uint32_t len) {
+    return hash ^ (uint64_t{len} * 0x9e3779b97f4a7c15ull);
+  }
 
   size_t probe(const uint32_t* q, uint32_t skip, uint32_t len, uint64_t hash) const {
     const size_t mask = slots_.size() - 1;
@@ -377,7 +378,7 @@ class MemoSearch {
   PatternTable* table_;
   ParentSink& line_;
   SubsetMemo memo_;
-  OrdinalSet written_;            // parents written from the level being expanded
+  OrdinalSet written_;             // parents written from the level being expanded
   std::vector<uint32_t> current_;  // memo ids of the level being expanded
   std::vector<uint32_t> next_;     // memo ids of the level below, in the order met
   std::vector<uint32_t> seen_;     // by memo id: stamp of the level it was queued for
@@ -424,7 +425,9 @@ struct PatternSet::Table {
 PatternSet::PatternSet() : table_(std::make_unique<Table>()) {}
 PatternSet::~PatternSet() = default;
 
-void PatternSet::append(const uint32_t* items, uint32_t len) { table_->patterns.append(items, len); }
+void PatternSet::append(const uint32_t* items, uint32_t len) {
+  table_->patterns.append(items, len);
+}
 
 void PatternSet::index() {
   PatternTable& t = table_->patterns;

@@ -49,8 +49,8 @@ class PatternSet {
 // Called once per pattern, longest first and each length in ordinal order,
 // with its length, its ordinal and its parents as (length, ordinal) pairs in
 // the order the list file gives them.
-using ParentVisitor = std::function<void(uint32_t len, uint32_t ordinal,
-                                         const std::vector<std::pair<uint32_t, uint32_t>>& parents)>;
+using ParentVisitor = std::function<void(
+    uint32_t len, uint32_t ordinal, const std::vector<std::pair<uint32_t, uint32_t>>& parents)>;
 
 // The same search over patterns in memory: by_length[k] holds the patterns of
 // length k, k ascending items each, in ordinal order. Throws std::bad_alloc

@@ -1,13 +1,13 @@
 #include "support/support_table.h"
-#include "base/sites.h"
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "base/sites.h"
 #include "base/tokens.h"
 
 namespace quarlo::detail {
@@ -41,13 +41,14 @@ bool read_pairs(FILE* in, const char* file, uint32_t ntrans, uint32_t nitems, Le
   while (read_word(in, &first)) {
     read_word(in, &second);
     if (first.size() > kMaxWord || second.size() > kMaxWord) {
-      rep->printf("%s(%u) Word too long (over %zu characters) in \"%s\"", sites::kTableWord.module, sites::kTableWord.line, kMaxWord,
-                  file);
+      rep->printf("%s(%u) Word too long (over %zu characters) in \"%s\"", sites::kTableWord.module,
+                  sites::kTableWord.line, kMaxWord, file);
       return false;
     }
     const long len = strtol(first.c_str(), nullptr, 10);
     if (len < 0 || static_cast<unsigned long>(len) > nitems) break;
-    pairs->emplace_back(len, len == 0 ? 0 : percent_to_count(strtod(second.c_str(), nullptr), ntrans));
+    pairs->emplace_back(len,
+                        len == 0 ? 0 : percent_to_count(strtod(second.c_str(), nullptr), ntrans));
     if (len == 0) break;
   }
   return true;
@@ -113,7 +114,7 @@ Status SupportTable::load_file(const char* file, uint32_t ntrans, uint32_t nitem
 }
 
 Status SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans,
-                             uint32_t nitems, uint32_t min_size, Reporter* rep) {
+                               uint32_t nitems, uint32_t min_size, Reporter* rep) {
   // One entry even without items, so that length 1 is always asked for.
   minsup_.assign(nitems > 0 ? nitems : 1, 0);
   nlengths_ = nitems;
@@ -169,7 +170,8 @@ bool SupportTable::restore(const uint32_t* words, size_t n) {
   if (n < 3 + kCacheSize) return false;
   const size_t size = words[2];
   // One entry per length (one at least), as the builders make them.
-  if (size == 0 || n != 3 + kCacheSize + 2 * size || words[0] > size || size > std::max(words[0], 1u)) {
+  if (size == 0 || n != 3 + kCacheSize + 2 * size || words[0] > size ||
+      size > std::max(words[0], 1u)) {
     return false;
   }
   nlengths_ = words[0];

@@ -30,13 +30,13 @@ class SupportTable {
   // demand ntrans + 1. Fails after a report through `rep`: I/O when the file
   // cannot be opened, invalid argument when it does not make a table.
   Status load_file(const char* file, uint32_t ntrans, uint32_t nitems, uint32_t min_size,
-                 Reporter* rep);
+                   Reporter* rep);
 
   // From pairs as a table file would give them, with counts already made;
   // `name` stands for the table in reports. Reading stops at the first length
   // above nitems. Fails (invalid argument) after a report.
   Status set_pairs(const LengthCounts& pairs, const char* name, uint32_t ntrans, uint32_t nitems,
-                 uint32_t min_size, Reporter* rep);
+                   uint32_t min_size, Reporter* rep);
 
   // One constant count for every length. Never fails.
   void set_constant(uint32_t count, uint32_t ntrans, uint32_t nitems, uint32_t min_size);

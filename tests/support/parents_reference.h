@@ -28,7 +28,8 @@ inline std::vector<uint32_t> reference_items(const std::string& line) {
     uint64_t v = 0;
     bool number = !token.empty();
     for (char c : token) {
-      number = number && c >= '0' && c <= '9' && (v = v * 10 + static_cast<uint64_t>(c - '0')) <= 0xffffffffull;
+      number = number && c >= '0' && c <= '9' &&
+               (v = v * 10 + static_cast<uint64_t>(c - '0')) <= 0xffffffffull;
     }
     if (!number) break;
     if (v != 0xffffffffull) items.insert(static_cast<uint32_t>(v));
