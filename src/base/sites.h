@@ -71,13 +71,11 @@ inline constexpr Site kFirstBlock{"cfptree", 139};
 inline constexpr Site kNodeBlock{"cfptree", 163};
 inline constexpr Site kRecursionMalloc{"cfptree", 365};
 inline constexpr Site kRecursionMine{"cfptree", 376};
-inline constexpr Site kTopSinglePath{"cfptree", 440};
 inline constexpr Site kCollectInitBuf{"cfptree", 684};
 inline constexpr Site kCollectInsert{"cfptree", 740};
 inline constexpr Site kConditionalItems{"cfptree", 755};
 inline constexpr Site kConditionalTree{"cfptree", 773};
 inline constexpr Site kConditionalMine{"cfptree", 810};
-inline constexpr Site kSinglePath{"cfptree", 950};
 inline constexpr Site kHeaderMalloc{"cfptree", 1118};
 inline constexpr Site kHeaderTable{"cfptree", 1161};
 
