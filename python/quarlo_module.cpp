@@ -7,7 +7,7 @@
 // back in memory.
 //
 //   mine(source_kind, source, support_kind, support,
-//        min_len, max_len, maximal, parents, threads) -> dict
+//        min_len, max_len, maximal, parents, threads, canonical=False) -> dict
 //
 //   source_kind  "file"   source: the path, as bytes
 //                "labels" source: an iterable of iterables of labels
@@ -18,7 +18,9 @@
 //
 // The dict holds "itemsets" (list of frozenset of str), "count" and
 // "length" (int64 arrays), "parents" (list of lists of row positions, or
-// None) and "transactions" (the number counted).
+// None) and "transactions" (the number counted). With canonical=True the
+// rows are in the library's canonical order (sort_canonical) instead of
+// FILE.fp's.
 //
 // Mining in parts, for quarlo.dask (arrays are numpy arrays):
 //
@@ -34,6 +36,21 @@
 // take the totals of all partitions as every label with its support and the
 // number of non-empty transactions. plan()'s partitions are (codes, ends)
 // pairs whose codes index `labels`, taken in order as one run's transactions.
+//
+// Mining in shards, for quarlo.dask's default path:
+//
+//   mine_shard(labels, codes uint32, ends uint64, total_labels, total_supports,
+//              transactions, first, last, support_kind, support, min_len,
+//              max_len) -> (lengths uint32, items uint32, counts uint32)
+//   combine(labels, lengths, items, counts, transactions, maximal, parents)
+//       -> dict as mine() returns
+//
+// mine_shard() mines the shard of the items labels[first:last] over the
+// transactions codes/ends (codes index `labels`) and returns its itemsets
+// laid end to end, each item as its index in `labels`. combine() takes the
+// itemsets of every shard, items as indexes into `labels` (which must be in
+// the library's order of labels), and returns the run's frame columns in
+// the canonical order.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -41,6 +58,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -219,7 +237,7 @@ py::dict columns_of(const quarlo::Result& r, bool parents) {
 
 py::dict mine(const std::string& source_kind, py::handle source, const std::string& support_kind,
               py::handle support, uint32_t min_len, uint32_t max_len, bool maximal, bool parents,
-              uint32_t threads) {
+              uint32_t threads, bool canonical) {
   try {
     quarlo::Options options;
     options.support = support_of(support_kind, support);
@@ -233,6 +251,7 @@ py::dict mine(const std::string& source_kind, py::handle source, const std::stri
     {
       py::gil_scoped_release release;
       r = quarlo::mine(transactions, options);
+      if (canonical) quarlo::sort_canonical(&r);
     }
     return columns_of(r, parents);
   } catch (const quarlo::Error& e) {
@@ -389,13 +408,100 @@ py::dict merge(const py::bytes& record, const std::vector<std::string>& mined, b
   }
 }
 
+std::vector<std::string> label_texts(py::handle labels) {
+  std::vector<std::string> out;
+  out.reserve(py::len(labels));
+  for (py::handle label : labels) out.push_back(label_text(label));
+  return out;
+}
+
+py::tuple mine_shard(py::handle labels, const Array<uint32_t>& codes, const Array<uint64_t>& ends,
+                     py::handle total_labels, const Array<uint32_t>& total_supports,
+                     uint32_t transactions, size_t first, size_t last,
+                     const std::string& support_kind, py::handle support, uint32_t min_len,
+                     uint32_t max_len) {
+  try {
+    const quarlo::Options options = options_of(support_kind, support, min_len, max_len);
+    const quarlo::Totals totals = totals_of(total_labels, total_supports, transactions);
+    std::vector<std::string> code_labels = label_texts(labels);
+    if (first > last || last > code_labels.size()) {
+      throw py::value_error("the shard's items must be a range of the labels");
+    }
+    quarlo::Shard shard;
+    shard.transactions = transactions;
+    shard.item_supports = totals.item_supports;
+    shard.items.assign(code_labels.begin() + static_cast<std::ptrdiff_t>(first),
+                       code_labels.begin() + static_cast<std::ptrdiff_t>(last));
+    std::vector<uint32_t> lengths, items, counts;
+    {
+      py::gil_scoped_release release;
+      std::unordered_map<std::string, uint32_t> code_of;
+      code_of.reserve(code_labels.size());
+      for (size_t i = 0; i < code_labels.size(); ++i) {
+        code_of.emplace(code_labels[i], static_cast<uint32_t>(i));
+      }
+      const quarlo::Result r = quarlo::mine_shard(
+          quarlo::Transactions::from_codes(std::move(code_labels),
+                                           std::vector<uint32_t>(codes.data(), codes.data() + codes.size()),
+                                           std::vector<uint64_t>(ends.data(), ends.data() + ends.size())),
+          shard, options);
+      // The result numbers items over all the labels; the caller knows them by code.
+      std::vector<uint32_t> code_of_item(r.labels.size(), 0);
+      for (size_t i = 0; i < r.labels.size(); ++i) {
+        auto it = code_of.find(r.labels[i]);
+        if (it != code_of.end()) code_of_item[i] = it->second;
+      }
+      lengths.reserve(r.itemsets.size());
+      counts.reserve(r.itemsets.size());
+      for (const quarlo::Itemset& s : r.itemsets) {
+        lengths.push_back(static_cast<uint32_t>(s.items.size()));
+        counts.push_back(s.support);
+        for (uint32_t item : s.items) items.push_back(code_of_item[item]);
+      }
+    }
+    return py::make_tuple(array_of(std::move(lengths)), array_of(std::move(items)),
+                          array_of(std::move(counts)));
+  } catch (const quarlo::Error& e) {
+    raise_error(e);
+  }
+}
+
+py::dict combine(py::handle labels, const Array<uint32_t>& lengths, const Array<uint32_t>& items,
+                 const Array<uint32_t>& counts, uint32_t transactions, bool maximal, bool parents) {
+  try {
+    if (lengths.size() != counts.size()) throw py::value_error("one count per itemset is needed");
+    std::vector<quarlo::Itemset> itemsets(static_cast<size_t>(lengths.size()));
+    size_t at = 0;
+    for (size_t i = 0; i < itemsets.size(); ++i) {
+      const size_t n = lengths.data()[i];
+      if (n > static_cast<size_t>(items.size()) - at) throw py::value_error("the lengths overrun the items");
+      itemsets[i].items.assign(items.data() + at, items.data() + at + n);
+      itemsets[i].support = counts.data()[i];
+      at += n;
+    }
+    if (at != static_cast<size_t>(items.size())) throw py::value_error("the lengths leave items over");
+    std::vector<std::string> texts = label_texts(labels);
+    quarlo::Options options;
+    options.maximal = maximal;
+    options.parents = parents;
+    quarlo::Result r;
+    {
+      py::gil_scoped_release release;
+      r = quarlo::combine(std::move(itemsets), std::move(texts), transactions, options);
+    }
+    return columns_of(r, parents);
+  } catch (const quarlo::Error& e) {
+    raise_error(e);
+  }
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_quarlo, m) {
   m.doc() = "The quarlo library's mining calls; use quarlo.mine and quarlo.dask.mine instead.";
   m.def("mine", &mine, py::arg("source_kind"), py::arg("source"), py::arg("support_kind"),
         py::arg("support"), py::arg("min_len"), py::arg("max_len"), py::arg("maximal"),
-        py::arg("parents"), py::arg("threads"));
+        py::arg("parents"), py::arg("threads"), py::arg("canonical") = false);
   m.def("scan", &scan, py::arg("source_kind"), py::arg("source"));
   m.def("lowest_count", &lowest_count, py::arg("support_kind"), py::arg("support"),
         py::arg("min_len"), py::arg("max_len"), py::arg("labels"), py::arg("supports"),
@@ -406,5 +512,11 @@ PYBIND11_MODULE(_quarlo, m) {
   m.def("mine_part", &mine_part, py::arg("part"));
   m.def("merge", &merge, py::arg("record"), py::arg("mined"), py::arg("maximal"),
         py::arg("parents"));
+  m.def("mine_shard", &mine_shard, py::arg("labels"), py::arg("codes"), py::arg("ends"),
+        py::arg("total_labels"), py::arg("total_supports"), py::arg("transactions"),
+        py::arg("first"), py::arg("last"), py::arg("support_kind"), py::arg("support"),
+        py::arg("min_len"), py::arg("max_len"));
+  m.def("combine", &combine, py::arg("labels"), py::arg("lengths"), py::arg("items"),
+        py::arg("counts"), py::arg("transactions"), py::arg("maximal"), py::arg("parents"));
   m.def("version", &quarlo::version);
 }
