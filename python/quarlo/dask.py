@@ -258,6 +258,7 @@ class _Run:
         # 3. reduce
         reduced = self.hold("reduced", client.map(_reduce_ranked, scans, maps,
                                                   key=self.keys("reduce", len(scans))))
+        distributed.wait(reduced)
         del scans
         self.drop("scans")
         weighed = client.gather(client.map(_weigh, reduced, [len(items.by_rank)] * len(reduced),
@@ -556,7 +557,7 @@ def _lengths(ends):
 
 
 def _starts(ends):
-    return np.concatenate((np.zeros(1, dtype=ends.dtype), ends[:-1]))
+    return ends - _lengths(ends).astype(ends.dtype)
 
 
 def _reduce_ranked(scan, rank_map):
