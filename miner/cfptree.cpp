@@ -757,6 +757,18 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
   return longest;
 }
 
+// In a restricted run, the lowest header index whose item the run must
+// produce (-1 when none): the top-level walk, least frequent item first, may
+// stop below it, since everything a top item leads to has that item as its
+// least frequent one and would be dropped by emit().
+int32_t lowest_wanted_index(const Engine& e, const FPTree& tree) {
+  if (e.wanted == nullptr) return 0;
+  for (int32_t i = 0; i < tree.nheader; ++i) {
+    if ((*e.wanted)[tree.header[i].item]) return i;
+  }
+  return -1;
+}
+
 // The top level of a run handed to e.split: the same walk, node pruning and
 // one-item patterns as gen_freqpattern at depth 1; the split collects and
 // mines each item's conditional database.
@@ -767,7 +779,8 @@ int split_top_level(Engine& e, FPTree* tree) {
   const uint32_t need = e.support.minsup_of_length(1);
   ShallowNodes shallow;
   const bool listed = e.wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow);
-  for (int32_t i = tree->nheader - 1; i >= 0; --i) {
+  const int32_t lowest = lowest_wanted_index(e, *tree);
+  for (int32_t i = tree->nheader - 1; i >= 0 && i >= lowest; --i) {
     HeaderEntry* h = &tree->header[i];
     if (e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
@@ -833,7 +846,8 @@ int gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
-  for (int32_t i = tree->nheader - 1; i >= 0; --i) {
+  const int32_t lowest = depth == 1 ? lowest_wanted_index(e, *tree) : 0;
+  for (int32_t i = tree->nheader - 1; i >= 0 && i >= lowest; --i) {
     HeaderEntry* h = &tree->header[i];
     if (depth == 1 && e.progress != nullptr) e.progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
