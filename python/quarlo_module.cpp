@@ -45,6 +45,18 @@
 //   combine(labels, lengths, items, counts, transactions, maximal, parents)
 //       -> dict as mine() returns
 //
+//   rank(codes uint32, ends uint64, rank_of_code uint32, nitems)
+//       -> (ranks uint32, ends uint64, weights float64, longest)
+//   prefixes(ranks uint32, ends uint64, bounds, wide_items, wide_lengths)
+//       -> [(group, transactions, items bytes, lengths bytes), ...]
+//
+// rank() recodes a partition's transactions to ranks (rank_of_code[code];
+// 2^32 - 1 drops the item, and a transaction left empty goes), sorts each
+// transaction's ranks, and weighs each rank: the lengths of the prefixes
+// that end at it, summed. prefixes() cuts the ranked transactions for the
+// groups [bounds[g], bounds[g + 1]): for each group with any, the prefix of
+// every transaction up to its last rank in the group, ranks and lengths in
+// two bytes each (four with wide_items / wide_lengths), host byte order.
 // mine_shard() mines the shard of the items labels[first:last] over the
 // transactions codes/ends (codes index `labels`) and returns its itemsets
 // laid end to end, each item as its index in `labels`. combine() takes the
@@ -55,6 +67,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -408,6 +421,104 @@ py::dict merge(const py::bytes& record, const std::vector<std::string>& mined, b
   }
 }
 
+py::tuple rank(const Array<uint32_t>& codes, const Array<uint64_t>& ends,
+               const Array<uint32_t>& rank_of_code, uint32_t nitems) {
+  const uint32_t* code = codes.data();
+  const uint64_t* end = ends.data();
+  const uint32_t* map = rank_of_code.data();
+  const size_t ncodes = static_cast<size_t>(codes.size());
+  const size_t nmap = static_cast<size_t>(rank_of_code.size());
+  std::vector<uint32_t> ranks;
+  std::vector<uint64_t> kept_ends;
+  std::vector<double> weights(nitems, 0.0);
+  uint64_t longest = 0;
+  {
+    py::gil_scoped_release release;
+    ranks.reserve(ncodes);
+    kept_ends.reserve(static_cast<size_t>(ends.size()));
+    uint64_t begin = 0;
+    for (py::ssize_t t = 0; t < ends.size(); ++t) {
+      const uint64_t stop = std::min<uint64_t>(end[t], ncodes);
+      const size_t first = ranks.size();
+      for (uint64_t i = begin; i < stop; ++i) {
+        const uint32_t r = code[i] < nmap ? map[code[i]] : 0xffffffffu;
+        if (r < nitems) ranks.push_back(r);
+      }
+      begin = std::max(begin, stop);
+      if (ranks.size() == first) continue;
+      std::sort(ranks.begin() + static_cast<std::ptrdiff_t>(first), ranks.end());
+      for (size_t i = first; i < ranks.size(); ++i) weights[ranks[i]] += static_cast<double>(i - first + 1);
+      longest = std::max<uint64_t>(longest, ranks.size() - first);
+      kept_ends.push_back(ranks.size());
+    }
+  }
+  return py::make_tuple(array_of(std::move(ranks)), array_of(std::move(kept_ends)),
+                        array_of(std::move(weights)), longest);
+}
+
+template <typename Word>
+void put_words(std::string* to, const uint32_t* from, size_t n) {
+  const size_t at = to->size();
+  to->resize(at + n * sizeof(Word));
+  char* out = to->data() + at;
+  for (size_t i = 0; i < n; ++i) {
+    const Word w = static_cast<Word>(from[i]);
+    memcpy(out + i * sizeof(Word), &w, sizeof(Word));
+  }
+}
+
+py::list prefixes(const Array<uint32_t>& ranks, const Array<uint64_t>& ends,
+                  const std::vector<uint32_t>& bounds, bool wide_items, bool wide_lengths) {
+  if (bounds.size() < 2) throw py::value_error("the groups need at least two bounds");
+  const size_t ngroups = bounds.size() - 1;
+  const uint32_t* rank = ranks.data();
+  const uint64_t* end = ends.data();
+  const size_t nranks = static_cast<size_t>(ranks.size());
+  std::vector<std::string> items(ngroups), lengths(ngroups);
+  std::vector<uint64_t> count(ngroups, 0);
+  {
+    py::gil_scoped_release release;
+    std::vector<uint32_t> group_of(bounds.back(), 0);
+    for (size_t g = 0; g < ngroups; ++g) {
+      for (uint32_t r = bounds[g]; r < bounds[g + 1] && r < group_of.size(); ++r) {
+        group_of[r] = static_cast<uint32_t>(g);
+      }
+    }
+    uint64_t begin = 0;
+    for (py::ssize_t t = 0; t < ends.size(); ++t) {
+      const uint64_t stop = std::min<uint64_t>(end[t], nranks);
+      // Ranks ascend, so groups do: each run of one group ends a prefix.
+      for (uint64_t i = begin; i < stop; ++i) {
+        if (rank[i] >= group_of.size()) continue;
+        const uint32_t g = group_of[rank[i]];
+        if (i + 1 < stop && rank[i + 1] < group_of.size() && group_of[rank[i + 1]] == g) continue;
+        const size_t n = static_cast<size_t>(i + 1 - begin);
+        const uint32_t length = static_cast<uint32_t>(n);
+        if (wide_items) {
+          put_words<uint32_t>(&items[g], rank + begin, n);
+        } else {
+          put_words<uint16_t>(&items[g], rank + begin, n);
+        }
+        if (wide_lengths) {
+          put_words<uint32_t>(&lengths[g], &length, 1);
+        } else {
+          put_words<uint16_t>(&lengths[g], &length, 1);
+        }
+        ++count[g];
+      }
+      begin = std::max(begin, stop);
+    }
+  }
+  py::list out;
+  for (size_t g = 0; g < ngroups; ++g) {
+    if (count[g] == 0) continue;
+    out.append(py::make_tuple(g, count[g], py::bytes(items[g]), py::bytes(lengths[g])));
+    std::string().swap(items[g]);
+    std::string().swap(lengths[g]);
+  }
+  return out;
+}
+
 std::vector<std::string> label_texts(py::handle labels) {
   std::vector<std::string> out;
   out.reserve(py::len(labels));
@@ -516,6 +627,9 @@ PYBIND11_MODULE(_quarlo, m) {
         py::arg("total_labels"), py::arg("total_supports"), py::arg("transactions"),
         py::arg("first"), py::arg("last"), py::arg("support_kind"), py::arg("support"),
         py::arg("min_len"), py::arg("max_len"));
+  m.def("rank", &rank, py::arg("codes"), py::arg("ends"), py::arg("rank_of_code"), py::arg("nitems"));
+  m.def("prefixes", &prefixes, py::arg("ranks"), py::arg("ends"), py::arg("bounds"),
+        py::arg("wide_items"), py::arg("wide_lengths"));
   m.def("combine", &combine, py::arg("labels"), py::arg("lengths"), py::arg("items"),
         py::arg("counts"), py::arg("transactions"), py::arg("maximal"), py::arg("parents"));
   m.def("version", &quarlo::version);

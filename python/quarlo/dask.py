@@ -257,12 +257,12 @@ class _Run:
 
         # 3. reduce
         reduced = self.hold("reduced", client.map(_reduce_ranked, scans, maps,
+                                                  nitems=len(items.by_rank),
                                                   key=self.keys("reduce", len(scans))))
         distributed.wait(reduced)
         del scans
         self.drop("scans")
-        weighed = client.gather(client.map(_weigh, reduced, [len(items.by_rank)] * len(reduced),
-                                           key=self.keys("weigh", len(reduced))))
+        weighed = client.gather(client.map(_weight, reduced, key=self.keys("weigh", len(reduced))))
         weights = sum((w for w, _, _ in weighed), np.zeros(len(items.by_rank)))
         longest = max((n for _, n, _ in weighed), default=0)
         self.stats["bytes"]["reduced"] = sum(b for _, _, b in weighed)
@@ -552,70 +552,26 @@ def _reduce(scan, code_map):
     return _drop(coded, ends, coded != _DROPPED)
 
 
-def _lengths(ends):
-    return np.diff(ends.astype(np.int64), prepend=0)
-
-
-def _starts(ends):
-    return ends - _lengths(ends).astype(ends.dtype)
-
-
-def _reduce_ranked(scan, rank_map):
+def _reduce_ranked(scan, rank_map, nitems: int):
     """A partition's transactions without the dropped items, as ranks, each
-    transaction's ranks ascending."""
+    transaction's ranks ascending; each rank's weight (the lengths of the
+    prefixes that end at it, summed: the size of its conditional database);
+    the longest transaction; the bytes of the ranked transactions."""
     _, _, codes, ends = scan
-    if len(codes) == 0:
-        return codes, ends
-    ranks = rank_map[codes]
-    ranks, ends = _drop(ranks, ends, ranks != _DROPPED)
-    if len(ranks) == 0:
-        return ranks, ends
-    # One sort of (transaction, rank) keys puts every transaction in rank order.
-    transaction = np.repeat(np.arange(len(ends), dtype=np.uint64), _lengths(ends))
-    keys = (transaction << np.uint64(32)) | ranks.astype(np.uint64)
-    del transaction
-    keys.sort()
-    return (keys & np.uint64(0xFFFFFFFF)).astype(np.uint32), ends
+    ranks, ends, weights, longest = _quarlo.rank(codes, ends, rank_map, nitems)
+    return ranks, ends, weights, longest, int(ranks.nbytes + ends.nbytes)
 
 
-def _weigh(reduced, nitems: int):
-    """Each rank's weight in the partition: the lengths of the prefixes that
-    end at it, summed (the size of its conditional database); the longest
-    transaction; the bytes of the reduced transactions."""
-    ranks, ends = reduced
-    lengths = _lengths(ends)
-    position = np.arange(1, len(ranks) + 1, dtype=np.int64) - np.repeat(_starts(ends.astype(np.int64)), lengths)
-    weights = np.bincount(ranks, weights=position, minlength=nitems) if len(ranks) else np.zeros(nitems)
-    return weights, int(lengths.max()) if len(lengths) else 0, int(ranks.nbytes + ends.nbytes)
+def _weight(reduced):
+    return reduced[2:]
 
 
 def _prefixes(reduced, source: int, *, bounds, item_type, length_type) -> pd.DataFrame:
     """The rows this partition sends to the groups: for each group, the
     prefix of every transaction up to its last item in the group, as ranks
     laid end to end and their lengths."""
-    ranks, ends = reduced
-    rows = []
-    if len(ranks):
-        ends = ends.astype(np.int64)
-        group = np.searchsorted(np.asarray(bounds[1:-1]), ranks, side="right")
-        # An item ends its group's prefix where the next item is in another
-        # group (ranks ascend, so groups do) or the transaction ends.
-        last = np.ones(len(ranks), dtype=bool)
-        last[:-1] = group[:-1] != group[1:]
-        last[ends - 1] = True
-        at = np.flatnonzero(last)
-        starts = _starts(ends)[np.searchsorted(ends, at, side="right")]
-        # The prefixes by group, each group's in transaction order.
-        by_group = np.argsort(group[at], kind="stable")
-        at, starts, closing = at[by_group], starts[by_group], group[at][by_group]
-        present, begin = np.unique(closing, return_index=True)
-        for g, b, e in zip(present, begin, [*begin[1:], len(at)]):
-            first, stop = starts[b:e], at[b:e] + 1
-            lengths = stop - first
-            offsets = np.cumsum(lengths) - lengths
-            index = np.arange(int(lengths.sum()), dtype=np.int64) + np.repeat(first - offsets, lengths)
-            rows.append((int(g), source, len(lengths), ranks[index].astype(item_type).tobytes(),
-                         lengths.astype(length_type).tobytes()))
+    rows = [(g, source, n, items, lengths) for g, n, items, lengths in _quarlo.prefixes(
+        reduced[0], reduced[1], bounds, item_type == np.uint32, length_type == np.uint32)]
     frame = pd.DataFrame(rows, columns=list(_PREFIX_META.columns))
     return frame.astype(_PREFIX_META.dtypes.to_dict())
 
