@@ -181,12 +181,37 @@ def mine(
     canonical = _order(order)
     return_stats = _flag("return_stats", return_stats)
 
-    run = _Run(client, o, groups)
-    try:
-        frame = run.sharded(transactions) if canonical else run.planned(transactions)
-    finally:
-        run.release()
+    for attempt in range(_ATTEMPTS):
+        run = _Run(client, o, groups)
+        try:
+            frame = run.sharded(transactions) if canonical else run.planned(transactions)
+            break
+        except _Stalled:
+            if attempt + 1 == _ATTEMPTS:
+                raise RuntimeError(f"the cluster stopped making progress {_ATTEMPTS} times after "
+                                   "losing workers") from None
+        finally:
+            run.release()
+    run.stats["attempts"] = attempt + 1
     return (frame, run.stats) if return_stats else frame
+
+
+# dask 2022.12's scheduler can leave a task processing on a live worker after
+# the worker holding one of its inputs died, with that input released: the
+# task never ends. A run whose tasks stay in that state this long is started
+# again under new keys (its tasks are pure, so the result is the same).
+_STALL_SECONDS = 10.0
+_ATTEMPTS = 3
+
+
+class _Stalled(Exception):
+    """The cluster holds tasks of the run that wait for inputs nobody has."""
+
+
+def _orphans(dask_scheduler) -> list[str]:
+    """Keys of tasks processing while one of their inputs is in no worker's memory."""
+    return [str(ts.key) for ts in dask_scheduler.tasks.values()
+            if ts.state == "processing" and any(d.state != "memory" for d in ts.dependencies)]
 
 
 class _Run:
@@ -220,6 +245,21 @@ class _Run:
         if held:
             self.client.cancel(held)
 
+    def wait(self, futures):
+        """distributed.wait(futures), or _Stalled when tasks stay orphaned."""
+        stuck_since, stuck = None, set()
+        while True:
+            try:
+                distributed.wait(futures, timeout=2)
+                return
+            except TimeoutError:
+                pass
+            now = set(self.client.run_on_scheduler(_orphans))
+            if not now or not (now & stuck):
+                stuck_since, stuck = (time.perf_counter() if now else None), now
+            elif time.perf_counter() - stuck_since > _STALL_SECONDS:
+                raise _Stalled()
+
     def phase_done(self, name):
         now = time.perf_counter()
         self.stats["seconds"][name] = now - self._last
@@ -230,9 +270,12 @@ class _Run:
     def count(self, transactions):
         """Phases 1 and 2: the scans on the workers and their totals."""
         scans = self.hold("scans", _scan(self.client, transactions, f"quarlo-scan-{self.token}"))
-        distributed.wait(scans)
+        self.wait(scans)
         self.phase_done("scan")
-        counts = self.client.gather(self.client.map(_counts, scans, key=self.keys("count", len(scans))))
+        counts = self.hold("counts", self.client.map(_counts, scans, key=self.keys("count", len(scans))))
+        self.wait(counts)
+        counts = self.client.gather(counts)
+        self.drop("counts")
         totals = _Totals(counts)
         lowest = _quarlo.lowest_count(self.o.support_kind, self.o.support, self.o.min_len,
                                       self.o.max_len, totals.labels, totals.supports,
@@ -259,10 +302,13 @@ class _Run:
         reduced = self.hold("reduced", client.map(_reduce_ranked, scans, maps,
                                                   nitems=len(items.by_rank),
                                                   key=self.keys("reduce", len(scans))))
-        distributed.wait(reduced)
+        self.wait(reduced)
         del scans
         self.drop("scans")
-        weighed = client.gather(client.map(_weight, reduced, key=self.keys("weigh", len(reduced))))
+        weighed = self.hold("weighed", client.map(_weight, reduced, key=self.keys("weigh", len(reduced))))
+        self.wait(weighed)
+        weighed = client.gather(weighed)
+        self.drop("weighed")
         weights = sum((w for w, _, _ in weighed), np.zeros(len(items.by_rank)))
         longest = max((n for _, n, _ in weighed), default=0)
         self.stats["bytes"]["reduced"] = sum(b for _, _, b in weighed)
@@ -280,12 +326,15 @@ class _Run:
         shuffled = self.hold("shuffled", client.persist(
             rearrange_by_column_tasks(frame, "_partitions", npartitions=groups, ignore_index=True)))
         del frame, reduced, prefixes
-        distributed.wait(shuffled)
+        self.wait(shuffled)
         self.drop("reduced")
         self.drop("prefixes")
         parts = shuffled.to_delayed()
-        sizes = client.gather(client.compute([dask.delayed(_input_size, pure=True)(
+        sizes = self.hold("sizes", client.compute([dask.delayed(_input_size, pure=True)(
             p, dask_key_name=k) for p, k in zip(parts, self.keys("size", groups))]))
+        self.wait(sizes)
+        sizes = client.gather(sizes)
+        self.drop("sizes")
         self.stats["inputs"] = [n for n, _ in sizes]
         self.stats["group_transactions"] = [t for _, t in sizes]
         self.stats["largest_input"] = max(self.stats["inputs"], default=0)
@@ -300,7 +349,7 @@ class _Run:
                 o.support, o.min_len, o.max_len, item_type, length_type, dask_key_name=key)
             for g, (part, key) in enumerate(zip(parts, self.keys("mine", groups)))]))
         del parts, shuffled
-        distributed.wait(mined)
+        self.wait(mined)
         self.drop("shuffled")
         self.phase_done("mine")
 

@@ -67,8 +67,9 @@ def split_file(path, pieces, directory):
 
 
 def nothing_left(client):
-    """Whether the scheduler and the workers have forgotten every task."""
-    for _ in range(100):
+    """Whether the scheduler and the workers have forgotten every task
+    (within 15 s: a worker that was killed may take that long to be let go)."""
+    for _ in range(300):
         tasks = client.run_on_scheduler(lambda dask_scheduler: len(dask_scheduler.tasks))
         held = sum(client.run(lambda dask_worker: len(dask_worker.data)).values())
         if tasks == held == 0:
@@ -233,6 +234,7 @@ def test_a_worker_killed_on_the_way_leaves_the_result_identical(client, tmp_path
     assert killer.killed == events
     pd.testing.assert_frame_equal(got, want)
     client.wait_for_workers(2)
+    assert nothing_left(client)
 
 
 def test_a_bad_line_raises_one_error_naming_its_file_or_partition(client, tmp_path):
