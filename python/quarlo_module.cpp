@@ -7,7 +7,7 @@
 // back in memory.
 //
 //   mine(source_kind, source, support_kind, support,
-//        min_len, max_len, maximal, parents, threads, closed) -> dict
+//        min_len, max_len, maximal, parents, threads, closed=False, canonical=False) -> dict
 //
 //   source_kind  "file"   source: the path, as bytes
 //                "labels" source: an iterable of iterables of labels
@@ -18,7 +18,9 @@
 //
 // The dict holds "itemsets" (list of frozenset of str), "count" and
 // "length" (int64 arrays), "parents" (list of lists of row positions, or
-// None) and "transactions" (the number counted).
+// None) and "transactions" (the number counted). With canonical=True the
+// rows are in the library's canonical order (sort_canonical) instead of
+// FILE.fp's.
 //
 //   rules(source_kind, source, support_kind, support, min_len, max_len,
 //         threads, metric, min_threshold, max_consequent, same_types) -> dict
@@ -44,6 +46,33 @@
 // take the totals of all partitions as every label with its support and the
 // number of non-empty transactions. plan()'s partitions are (codes, ends)
 // pairs whose codes index `labels`, taken in order as one run's transactions.
+//
+// Mining in shards, for quarlo.dask's default path:
+//
+//   mine_shard(labels, codes uint32, ends uint64, total_labels, total_supports,
+//              transactions, first, last, support_kind, support, min_len,
+//              max_len) -> (lengths uint32, items uint32, counts uint32)
+//   combine(labels, lengths, items, counts, transactions, maximal, parents)
+//       -> dict as mine() returns
+//
+//   rank(codes uint32, ends uint64, rank_of_code uint32, nitems)
+//       -> (ranks uint32, ends uint64, weights float64, longest)
+//   prefixes(ranks uint32, ends uint64, bounds, wide_items, wide_lengths)
+//       -> [(group, transactions, items bytes, lengths bytes), ...]
+//
+// rank() recodes a partition's transactions to ranks (rank_of_code[code];
+// 2^32 - 1 drops the item, and a transaction left empty goes), sorts each
+// transaction's ranks, and weighs each rank: the lengths of the prefixes
+// that end at it, summed. prefixes() cuts the ranked transactions for the
+// groups [bounds[g], bounds[g + 1]): for each group with any, the prefix of
+// every transaction up to its last rank in the group, ranks and lengths in
+// two bytes each (four with wide_items / wide_lengths), host byte order.
+// mine_shard() mines the shard of the items labels[first:last] over the
+// transactions codes/ends (codes index `labels`) and returns its itemsets
+// laid end to end, each item as its index in `labels`. combine() takes the
+// itemsets of every shard, items as indexes into `labels` (which must be in
+// the library's order of labels), and returns the run's frame columns in
+// the canonical order.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -240,7 +269,7 @@ py::dict columns_of(const quarlo::Result& r, bool parents) {
 
 py::dict mine(const std::string& source_kind, py::handle source, const std::string& support_kind,
               py::handle support, uint32_t min_len, uint32_t max_len, bool maximal, bool parents,
-              uint32_t threads, bool closed) {
+              uint32_t threads, bool closed, bool canonical) {
   try {
     quarlo::Options options;
     options.support = support_of(support_kind, support);
@@ -255,6 +284,7 @@ py::dict mine(const std::string& source_kind, py::handle source, const std::stri
     {
       py::gil_scoped_release release;
       r = quarlo::mine(transactions, options);
+      if (canonical) quarlo::sort_canonical(&r);
     }
     return columns_of(r, parents);
   } catch (const quarlo::Error& e) {
@@ -519,6 +549,191 @@ py::dict merge(const py::bytes& record, const std::vector<std::string>& mined, b
   }
 }
 
+py::tuple rank(const Array<uint32_t>& codes, const Array<uint64_t>& ends,
+               const Array<uint32_t>& rank_of_code, uint32_t nitems) {
+  const uint32_t* code = codes.data();
+  const uint64_t* end = ends.data();
+  const uint32_t* map = rank_of_code.data();
+  const size_t ncodes = static_cast<size_t>(codes.size());
+  const size_t nmap = static_cast<size_t>(rank_of_code.size());
+  std::vector<uint32_t> ranks;
+  std::vector<uint64_t> kept_ends;
+  std::vector<double> weights(nitems, 0.0);
+  uint64_t longest = 0;
+  {
+    py::gil_scoped_release release;
+    ranks.reserve(ncodes);
+    kept_ends.reserve(static_cast<size_t>(ends.size()));
+    uint64_t begin = 0;
+    for (py::ssize_t t = 0; t < ends.size(); ++t) {
+      const uint64_t stop = std::min<uint64_t>(end[t], ncodes);
+      const size_t first = ranks.size();
+      for (uint64_t i = begin; i < stop; ++i) {
+        const uint32_t r = code[i] < nmap ? map[code[i]] : 0xffffffffu;
+        if (r < nitems) ranks.push_back(r);
+      }
+      begin = std::max(begin, stop);
+      if (ranks.size() == first) continue;
+      std::sort(ranks.begin() + static_cast<std::ptrdiff_t>(first), ranks.end());
+      for (size_t i = first; i < ranks.size(); ++i) weights[ranks[i]] += static_cast<double>(i - first + 1);
+      longest = std::max<uint64_t>(longest, ranks.size() - first);
+      kept_ends.push_back(ranks.size());
+    }
+  }
+  return py::make_tuple(array_of(std::move(ranks)), array_of(std::move(kept_ends)),
+                        array_of(std::move(weights)), longest);
+}
+
+template <typename Word>
+void put_words(std::string* to, const uint32_t* from, size_t n) {
+  const size_t at = to->size();
+  to->resize(at + n * sizeof(Word));
+  char* out = to->data() + at;
+  for (size_t i = 0; i < n; ++i) {
+    const Word w = static_cast<Word>(from[i]);
+    memcpy(out + i * sizeof(Word), &w, sizeof(Word));
+  }
+}
+
+py::list prefixes(const Array<uint32_t>& ranks, const Array<uint64_t>& ends,
+                  const std::vector<uint32_t>& bounds, bool wide_items, bool wide_lengths) {
+  if (bounds.size() < 2) throw py::value_error("the groups need at least two bounds");
+  const size_t ngroups = bounds.size() - 1;
+  const uint32_t* rank = ranks.data();
+  const uint64_t* end = ends.data();
+  const size_t nranks = static_cast<size_t>(ranks.size());
+  std::vector<std::string> items(ngroups), lengths(ngroups);
+  std::vector<uint64_t> count(ngroups, 0);
+  {
+    py::gil_scoped_release release;
+    std::vector<uint32_t> group_of(bounds.back(), 0);
+    for (size_t g = 0; g < ngroups; ++g) {
+      for (uint32_t r = bounds[g]; r < bounds[g + 1] && r < group_of.size(); ++r) {
+        group_of[r] = static_cast<uint32_t>(g);
+      }
+    }
+    uint64_t begin = 0;
+    for (py::ssize_t t = 0; t < ends.size(); ++t) {
+      const uint64_t stop = std::min<uint64_t>(end[t], nranks);
+      // Ranks ascend, so groups do: each run of one group ends a prefix.
+      for (uint64_t i = begin; i < stop; ++i) {
+        if (rank[i] >= group_of.size()) continue;
+        const uint32_t g = group_of[rank[i]];
+        if (i + 1 < stop && rank[i + 1] < group_of.size() && group_of[rank[i + 1]] == g) continue;
+        const size_t n = static_cast<size_t>(i + 1 - begin);
+        const uint32_t length = static_cast<uint32_t>(n);
+        if (wide_items) {
+          put_words<uint32_t>(&items[g], rank + begin, n);
+        } else {
+          put_words<uint16_t>(&items[g], rank + begin, n);
+        }
+        if (wide_lengths) {
+          put_words<uint32_t>(&lengths[g], &length, 1);
+        } else {
+          put_words<uint16_t>(&lengths[g], &length, 1);
+        }
+        ++count[g];
+      }
+      begin = std::max(begin, stop);
+    }
+  }
+  py::list out;
+  for (size_t g = 0; g < ngroups; ++g) {
+    if (count[g] == 0) continue;
+    out.append(py::make_tuple(g, count[g], py::bytes(items[g]), py::bytes(lengths[g])));
+    std::string().swap(items[g]);
+    std::string().swap(lengths[g]);
+  }
+  return out;
+}
+
+std::vector<std::string> label_texts(py::handle labels) {
+  std::vector<std::string> out;
+  out.reserve(py::len(labels));
+  for (py::handle label : labels) out.push_back(label_text(label));
+  return out;
+}
+
+py::tuple mine_shard(py::handle labels, const Array<uint32_t>& codes, const Array<uint64_t>& ends,
+                     py::handle total_labels, const Array<uint32_t>& total_supports,
+                     uint32_t transactions, size_t first, size_t last,
+                     const std::string& support_kind, py::handle support, uint32_t min_len,
+                     uint32_t max_len) {
+  try {
+    const quarlo::Options options = options_of(support_kind, support, min_len, max_len);
+    const quarlo::Totals totals = totals_of(total_labels, total_supports, transactions);
+    std::vector<std::string> code_labels = label_texts(labels);
+    if (first > last || last > code_labels.size()) {
+      throw py::value_error("the shard's items must be a range of the labels");
+    }
+    quarlo::Shard shard;
+    shard.transactions = transactions;
+    shard.item_supports = totals.item_supports;
+    shard.items.assign(code_labels.begin() + static_cast<std::ptrdiff_t>(first),
+                       code_labels.begin() + static_cast<std::ptrdiff_t>(last));
+    std::vector<uint32_t> lengths, items, counts;
+    {
+      py::gil_scoped_release release;
+      std::unordered_map<std::string, uint32_t> code_of;
+      code_of.reserve(code_labels.size());
+      for (size_t i = 0; i < code_labels.size(); ++i) {
+        code_of.emplace(code_labels[i], static_cast<uint32_t>(i));
+      }
+      const quarlo::Result r = quarlo::mine_shard(
+          quarlo::Transactions::from_codes(std::move(code_labels),
+                                           std::vector<uint32_t>(codes.data(), codes.data() + codes.size()),
+                                           std::vector<uint64_t>(ends.data(), ends.data() + ends.size())),
+          shard, options);
+      // The result numbers items over all the labels; the caller knows them by code.
+      std::vector<uint32_t> code_of_item(r.labels.size(), 0);
+      for (size_t i = 0; i < r.labels.size(); ++i) {
+        auto it = code_of.find(r.labels[i]);
+        if (it != code_of.end()) code_of_item[i] = it->second;
+      }
+      lengths.reserve(r.itemsets.size());
+      counts.reserve(r.itemsets.size());
+      for (const quarlo::Itemset& s : r.itemsets) {
+        lengths.push_back(static_cast<uint32_t>(s.items.size()));
+        counts.push_back(s.support);
+        for (uint32_t item : s.items) items.push_back(code_of_item[item]);
+      }
+    }
+    return py::make_tuple(array_of(std::move(lengths)), array_of(std::move(items)),
+                          array_of(std::move(counts)));
+  } catch (const quarlo::Error& e) {
+    raise_error(e);
+  }
+}
+
+py::dict combine(py::handle labels, const Array<uint32_t>& lengths, const Array<uint32_t>& items,
+                 const Array<uint32_t>& counts, uint32_t transactions, bool maximal, bool parents) {
+  try {
+    if (lengths.size() != counts.size()) throw py::value_error("one count per itemset is needed");
+    std::vector<quarlo::Itemset> itemsets(static_cast<size_t>(lengths.size()));
+    size_t at = 0;
+    for (size_t i = 0; i < itemsets.size(); ++i) {
+      const size_t n = lengths.data()[i];
+      if (n > static_cast<size_t>(items.size()) - at) throw py::value_error("the lengths overrun the items");
+      itemsets[i].items.assign(items.data() + at, items.data() + at + n);
+      itemsets[i].support = counts.data()[i];
+      at += n;
+    }
+    if (at != static_cast<size_t>(items.size())) throw py::value_error("the lengths leave items over");
+    std::vector<std::string> texts = label_texts(labels);
+    quarlo::Options options;
+    options.maximal = maximal;
+    options.parents = parents;
+    quarlo::Result r;
+    {
+      py::gil_scoped_release release;
+      r = quarlo::combine(std::move(itemsets), std::move(texts), transactions, options);
+    }
+    return columns_of(r, parents);
+  } catch (const quarlo::Error& e) {
+    raise_error(e);
+  }
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_quarlo, m) {
@@ -527,7 +742,8 @@ PYBIND11_MODULE(_quarlo, m) {
       "instead.";
   m.def("mine", &mine, py::arg("source_kind"), py::arg("source"), py::arg("support_kind"),
         py::arg("support"), py::arg("min_len"), py::arg("max_len"), py::arg("maximal"),
-        py::arg("parents"), py::arg("threads"), py::arg("closed") = false);
+        py::arg("parents"), py::arg("threads"), py::arg("closed") = false,
+        py::arg("canonical") = false);
   m.def("rules", &rules, py::arg("source_kind"), py::arg("source"), py::arg("support_kind"),
         py::arg("support"), py::arg("min_len"), py::arg("max_len"), py::arg("threads"),
         py::arg("metric"), py::arg("min_threshold"), py::arg("max_consequent"),
@@ -542,5 +758,14 @@ PYBIND11_MODULE(_quarlo, m) {
   m.def("mine_part", &mine_part, py::arg("part"));
   m.def("merge", &merge, py::arg("record"), py::arg("mined"), py::arg("maximal"),
         py::arg("parents"));
+  m.def("mine_shard", &mine_shard, py::arg("labels"), py::arg("codes"), py::arg("ends"),
+        py::arg("total_labels"), py::arg("total_supports"), py::arg("transactions"),
+        py::arg("first"), py::arg("last"), py::arg("support_kind"), py::arg("support"),
+        py::arg("min_len"), py::arg("max_len"));
+  m.def("rank", &rank, py::arg("codes"), py::arg("ends"), py::arg("rank_of_code"), py::arg("nitems"));
+  m.def("prefixes", &prefixes, py::arg("ranks"), py::arg("ends"), py::arg("bounds"),
+        py::arg("wide_items"), py::arg("wide_lengths"));
+  m.def("combine", &combine, py::arg("labels"), py::arg("lengths"), py::arg("items"),
+        py::arg("counts"), py::arg("transactions"), py::arg("maximal"), py::arg("parents"));
   m.def("version", &quarlo::version);
 }

@@ -203,6 +203,29 @@ struct Shard {
 Result mine_shard(const Transactions& transactions, const Shard& shard,
                   const Options& options = Options());
 
+// The canonical order of itemsets: by length, then by their items compared
+// one after the other in item-number order (the program's order of labels:
+// numbers by value, then text labels byte-wise). Unlike the order found, it
+// does not depend on how a run was split, so a run mined in shards and one
+// whole run give the same list.
+//
+// Puts `r` in the canonical order: itemsets sorted, each ordinal made its
+// rank among the itemsets of its length, parents remapped and each list
+// given in ascending row order.
+void sort_canonical(Result* r);
+
+// The Result of a run whose itemsets were mined apart (the union of its
+// shards' results, in any order): `itemsets` are every itemset of the run
+// with their supports, their items numbers into `labels`, which must be in
+// the order item numbers give labels (a subset of a run's labels keeps its
+// order). Returns them in the canonical order, with Options::parents and
+// Options::maximal applied as mine() applies them; the statistics give the
+// transactions, the labels as items and the itemsets before pruning.
+// Throws Error (kInvalidArgument for an item without a label, an empty
+// itemset or one that repeats an item or another itemset).
+Result combine(std::vector<Itemset> itemsets, std::vector<std::string> labels,
+               uint32_t transactions, const Options& options);
+
 // Mining in parts, for clusters. plan() loads the transactions, counts them,
 // builds the top level of the search and collects every top item's
 // conditional database, dealt into `groups` parts of about equal work;

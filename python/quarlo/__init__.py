@@ -42,6 +42,7 @@ def mine(
     parents: bool = False,
     threads: int = 1,
     closed: bool = False,
+    order: str = "fp",
 ) -> pd.DataFrame:
     """Return the frequent itemsets of ``transactions`` as a DataFrame.
 
@@ -98,12 +99,20 @@ def mine(
         Threads that mine; the result is the same for any number. The GIL
         is released while mining, so calls from several Python threads run
         at the same time.
+    order
+        The order of the rows: ``"fp"`` (the default), the program's FILE.fp
+        order, by length and then in the order the search finds them; or
+        ``"canonical"``, by length and then by the items compared one after
+        the other in the program's order of labels (numbers by value first,
+        then text labels byte by byte), each row's parents listed by row
+        position. The canonical order does not depend on how a run is split,
+        so ``quarlo.dask.mine`` gives the same frame.
 
     Returns
     -------
     pandas.DataFrame
-        One row per itemset, in the order of the program's FILE.fp (by
-        length, then in the order found), with the columns
+        One row per itemset, in the order chosen by ``order``, with the
+        columns
 
         * ``itemsets``: frozenset of the labels (str);
         * ``support``: the fraction of the transactions that hold it (float);
@@ -151,8 +160,17 @@ def mine(
     source_kind, source = _source(transactions)
     o = _options(support, min_len, max_len, maximal, parents, threads, closed)
     columns = _quarlo.mine(source_kind, source, o.support_kind, o.support, o.min_len, o.max_len,
-                           o.maximal, o.parents, o.threads, o.closed)
+                           o.maximal, o.parents, o.threads, o.closed, _order(order))
     return _frame(columns)
+
+
+def _order(order) -> bool:
+    """Whether ``order`` asks for the canonical order."""
+    if not isinstance(order, str):
+        raise TypeError(f"order must be a str, not {type(order).__name__}")
+    if order not in ("fp", "canonical"):
+        raise ValueError(f'order must be "fp" or "canonical", not {order!r}')
+    return order == "canonical"
 
 
 METRICS = ("support", "confidence", "lift", "leverage", "conviction", "zhangs_metric")

@@ -688,12 +688,26 @@ Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t d
   return mine_conditional(e, q, &cdb, depth);
 }
 
+// In a restricted run, the lowest header index whose item the run must
+// produce (-1 when none): the top-level walk, least frequent item first, may
+// stop below it, since everything a top item leads to has that item as its
+// least frequent one and would be dropped by emit().
+int32_t lowest_wanted_index(const Engine& e, const FPTree& tree) {
+  const std::vector<char>* wanted = e.setup().wanted;
+  if (wanted == nullptr) return 0;
+  for (int32_t i = 0; i < tree.nheader; ++i) {
+    if ((*wanted)[tree.header[i].item]) return i;
+  }
+  return -1;
+}
+
 // The walk over the items of `tree` (released here), least frequent first:
 // each item's pattern `p` plus the item goes to the sink when frequent, then
 // the item's nodes are pruned and its conditional database is mined. At the
 // top level the walk reports its progress, a restricted run only prunes the
-// items it skips (so that the tree evolves as in a run over every item), and
-// a split run hands each conditional database to the split.
+// items it skips (so that the tree evolves as in a run over every item) and
+// stops below the last item it must produce, and a split run hands each
+// conditional database to the split.
 Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const bool top = depth == 1;
   TopLevelSplit* split = top ? e.split() : nullptr;
@@ -707,7 +721,8 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
-  for (int32_t i = tree->nheader - 1; i >= 0; --i) {
+  const int32_t lowest = top ? lowest_wanted_index(e, *tree) : 0;
+  for (int32_t i = tree->nheader - 1; i >= 0 && i >= lowest; --i) {
     HeaderEntry* h = &tree->header[i];
     if (top && e.setup().progress != nullptr) e.setup().progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;

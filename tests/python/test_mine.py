@@ -9,6 +9,7 @@ import errno
 import math
 import os
 import random
+import re
 import threading
 import time
 from collections import Counter
@@ -86,6 +87,30 @@ def test_rows_parents_and_maximal_are_the_programs(run_program, data, option, su
     assert_frame_is_program_fp(quarlo.mine(data, support, maximal=True), fp, ids=False)
     fp, _ = run_program(data, "-m", "2", "-M", "3", *option)
     assert_frame_is_program_fp(quarlo.mine(data, support, min_len=2, max_len=3), fp)
+
+
+def label_key(label):
+    """The program's order of labels: numbers by value first, then text byte by byte."""
+    if re.fullmatch("0|[1-9][0-9]*", label) and int(label) <= 4294967295:
+        return 0, int(label), b""
+    return 1, 0, label.encode("utf-8", "surrogateescape")
+
+
+@pytest.mark.parametrize("data,support", [(GROCERIES, GROCERIES_TABLE), (LABELS, 0.02), (NUMBERS, {1: 0.05, 3: 0.01})])
+def test_canonical_order_sorts_rows_by_length_then_items_and_keeps_parents(data, support):
+    for kw in ({"parents": True}, {"maximal": True, "parents": True}, {"min_len": 2, "max_len": 3, "parents": True}):
+        found = quarlo.mine(data, support, **kw)
+        canonical = quarlo.mine(data, support, order="canonical", **kw)
+        order = sorted(range(len(found)), key=lambda i: (found["length"][i], sorted(map(label_key, found["itemsets"][i]))))
+        assert list(canonical["itemsets"]) == [found["itemsets"][i] for i in order]
+        assert list(canonical["count"]) == [found["count"][i] for i in order]
+        assert list(canonical["support"]) == [found["support"][i] for i in order]
+        for row, i in enumerate(order):
+            assert canonical["parents"][row] == sorted(canonical["parents"][row])
+            assert {canonical["itemsets"][p] for p in canonical["parents"][row]} == \
+                {found["itemsets"][p] for p in found["parents"][i]}
+    with pytest.raises(ValueError, match='"fp" or "canonical"'):
+        quarlo.mine(data, support, order="sorted")
 
 
 def one_hot(transactions, dtype=bool):
