@@ -4,7 +4,7 @@
 Run from the repository root after `make python`:
 
     /usr/bin/python3 bench/dask_scale.py [--sizes 10000000,30000000] [--support 0.0005]
-                                         [--files 8] [--groups 8] [--limit-gib G]
+                                         [--files 8] [--groups 8,32] [--limit-gib G]
 
 For each size, a Quest file (../shared/tools/gen_quest.py -D SIZE -T 10 -I 4
 -L 2000 -N 1000 --seed 1) is generated into a temporary directory under
@@ -184,7 +184,7 @@ def main():
     parser.add_argument("--sizes", default="10000000,30000000")
     parser.add_argument("--support", type=float, default=0.0005)
     parser.add_argument("--files", type=int, default=8)
-    parser.add_argument("--groups", type=int, default=8)
+    parser.add_argument("--groups", default="8", help="groups of the dask runs, comma-separated")
     parser.add_argument("--limit-gib", type=float, default=0.0,
                         help="also run both with every process's address space capped (GiB)")
     parser.add_argument("--tmp", default="/tmp")
@@ -206,14 +206,15 @@ def main():
             files = split(path, args.files)
             print(f"({path.stat().st_size / MIB:,.0f} MiB, made and split in {time.perf_counter() - start:.0f} s)",
                   flush=True)
-            cluster_args = ["--cluster", repr(args.support), str(args.groups), *map(str, files)]
             single = run_json(["--one-process", str(path), repr(args.support)])
-            dask = run_json(cluster_args)
-            if "error" in single or "error" in dask:
-                print(f"failed: one process {single.get('error')}, dask {dask.get('error')}")
-                continue
-            assert single["digest"] == dask["digest"], "quarlo.dask gave other rows than quarlo.mine"
-            report(size, args.support, args.groups, single, dask)
+            for groups in [int(g) for g in args.groups.split(",")]:
+                cluster_args = ["--cluster", repr(args.support), str(groups), *map(str, files)]
+                dask = run_json(cluster_args)
+                if "error" in single or "error" in dask:
+                    print(f"failed: one process {single.get('error')}, dask {dask.get('error')}")
+                    continue
+                assert single["digest"] == dask["digest"], "quarlo.dask gave other rows than quarlo.mine"
+                report(size, args.support, groups, single, dask)
             if args.limit_gib:
                 print(f"#### Every process limited to {args.limit_gib:g} GiB of address space\n")
                 single = run_json(["--one-process", str(path), repr(args.support)], args.limit_gib)

@@ -348,9 +348,10 @@ class _Run:
                 part, g, bounds[g], bounds[g + 1], labels, totals.transactions, o.support_kind,
                 o.support, o.min_len, o.max_len, item_type, length_type, dask_key_name=key)
             for g, (part, key) in enumerate(zip(parts, self.keys("mine", groups)))]))
+        # Each group's input goes as soon as its task is done with it.
         del parts, shuffled
-        self.wait(mined)
         self.drop("shuffled")
+        self.wait(mined)
         self.phase_done("mine")
 
         # 6. merge
