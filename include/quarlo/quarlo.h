@@ -199,8 +199,9 @@ Result mine_shard(const Transactions& transactions, const Shard& shard,
 // whole run give the same list.
 //
 // Puts `r` in the canonical order: itemsets sorted, each ordinal made its
-// rank among the itemsets of its length, parents remapped and each list
-// given in ascending row order.
+// rank among the rows of its length (so with maximal pruning the ordinals
+// are no longer the program's ids), parents remapped and each list given
+// in ascending row order.
 void sort_canonical(Result* r);
 
 // The Result of a run whose itemsets were mined apart (the union of its
