@@ -128,10 +128,10 @@ PatternSet brute_force(const Case& c) {
   return want;
 }
 
-// The union of the shards of a random split of the items: each item's shard
-// gets every transaction that holds one of its items, cut after the last one
-// in the order of falling support (ties by item).
-PatternSet mine_in_shards(const Case& c, std::mt19937& rng) {
+// The shards of a random split of the items: each item's shard gets every
+// transaction that holds one of its items, cut after the last one in the
+// order of falling support (ties by item).
+std::vector<quarlo::Result> mine_shards(const Case& c, std::mt19937& rng) {
   std::map<uint32_t, uint32_t> support;
   for (const Items& t : c.trans) {
     for (uint32_t x : t) ++support[x];
@@ -147,7 +147,7 @@ PatternSet mine_in_shards(const Case& c, std::mt19937& rng) {
     group[x] = rng() % ngroups;
     base.item_supports.emplace_back(std::to_string(x), s);
   }
-  PatternSet all;
+  std::vector<quarlo::Result> shards;
   for (uint32_t g = 0; g < ngroups; ++g) {
     quarlo::Shard shard = base;
     for (const auto& [x, gx] : group) {
@@ -162,7 +162,15 @@ PatternSet mine_in_shards(const Case& c, std::mt19937& rng) {
       }
       if (end > 0) part.emplace_back(t.begin(), t.begin() + end);
     }
-    const quarlo::Result r = quarlo::mine_shard(quarlo::Transactions::from_numbers(part), shard, options_of(c));
+    shards.push_back(quarlo::mine_shard(quarlo::Transactions::from_numbers(part), shard, options_of(c)));
+  }
+  return shards;
+}
+
+// The union of the shards of a random split; no itemset comes twice.
+PatternSet mine_in_shards(const Case& c, std::mt19937& rng) {
+  PatternSet all;
+  for (const quarlo::Result& r : mine_shards(c, rng)) {
     for (const auto& [items, s] : patterns_of(r)) EXPECT_TRUE(all.emplace(items, s).second);
   }
   return all;
@@ -384,3 +392,36 @@ TEST(Differential, SinglePathAfterTopItemWasCutEverywhere) {
 }
 
 }  // namespace
+
+// The itemsets of a random split's shards, put together by combine(), are
+// the Result of one run put in the canonical order: rows, parents, maximal
+// itemsets and counts by length, whatever the split.
+TEST(Differential, ShardsCombinedGiveOneRunInCanonicalOrder) {
+  std::mt19937 rng(20261125);
+  for (int round = 0; round < 800 && !testing::Test::HasFailure(); ++round) {
+    const Case c = random_case(rng);
+    if (c.trans.empty()) continue;
+    const std::vector<quarlo::Result> shards = mine_shards(c, rng);
+    for (const bool maximal : {false, true}) {
+      quarlo::Options options = options_of(c);
+      options.parents = true;
+      options.maximal = maximal;
+      quarlo::Result want = quarlo::mine(quarlo::Transactions::from_numbers(c.trans), options);
+      quarlo::sort_canonical(&want);
+      std::vector<quarlo::Itemset> found;
+      for (const quarlo::Result& r : shards) {
+        ASSERT_EQ(r.labels, want.labels) << describe(c);
+        for (auto it = r.itemsets.rbegin(); it != r.itemsets.rend(); ++it) found.push_back(*it);
+      }
+      const quarlo::Result got = quarlo::combine(std::move(found), want.labels, want.stats.transactions, options);
+      expect_same_result(want, got, describe(c) + (maximal ? "maximal" : ""));
+      EXPECT_EQ(got.stats.frequent, want.stats.frequent) << describe(c);
+    }
+    if (testing::Test::HasFailure()) ADD_FAILURE() << "round " << round;
+  }
+  EXPECT_THROW(quarlo::combine({quarlo::Itemset{{0, 0}, 1, 0}}, {"a"}, 1, quarlo::Options()), quarlo::Error);
+  EXPECT_THROW(quarlo::combine({quarlo::Itemset{{1}, 1, 0}}, {"a"}, 1, quarlo::Options()), quarlo::Error);
+  EXPECT_THROW(quarlo::combine({quarlo::Itemset{{0}, 1, 0}, quarlo::Itemset{{0}, 2, 0}}, {"a"}, 1,
+                               quarlo::Options()),
+               quarlo::Error);
+}

@@ -41,7 +41,10 @@ class Error : public std::runtime_error {
     kOutOfMemory,      // memory ran short
   };
   Error(Kind kind, const std::string& message, int error_number = 0, std::string path = {})
-      : std::runtime_error(message), kind_(kind), error_number_(error_number), path_(std::move(path)) {}
+      : std::runtime_error(message),
+        kind_(kind),
+        error_number_(error_number),
+        path_(std::move(path)) {}
   Kind kind() const { return kind_; }
   int error_number() const { return error_number_; }
   const std::string& path() const { return path_; }
@@ -93,16 +96,16 @@ class Support {
 };
 
 struct Options {
-  Support support;                 // default: every itemset that occurs
-  uint32_t min_size = 1;           // shortest itemset reported
-  uint32_t max_size = 0xffffffffu; // longest itemset reported
-  bool maximal = false;            // keep only itemsets that are no other's parent
+  Support support;                  // default: every itemset that occurs
+  uint32_t min_size = 1;            // shortest itemset reported
+  uint32_t max_size = 0xffffffffu;  // longest itemset reported
+  bool maximal = false;             // keep only itemsets that are no other's parent
   // Keep only closed itemsets: those no frequent itemset one item longer
   // holds with the same support. Under a support that never rises with the
   // length, that is no proper superset of the same support at all.
   bool closed = false;
-  bool parents = false;            // fill Result::parents
-  uint32_t threads = 1;            // threads that mine (0 counts as 1); the result is the same for any
+  bool parents = false;  // fill Result::parents
+  uint32_t threads = 1;  // threads that mine (0 counts as 1); the result is the same for any
 };
 
 // Transactions to mine: a file in the program's format (one transaction a
@@ -138,18 +141,18 @@ class Transactions {
 struct Itemset {
   std::vector<uint32_t> items;  // item numbers, ascending (so labels as the program orders them)
   uint32_t support = 0;         // number of transactions that hold every item
-  uint32_t ordinal = 0;         // N of the program's id L-N: rank among those of its length, as found
+  uint32_t ordinal = 0;  // N of the program's id L-N: rank among those of its length, as found
 };
 
 struct Stats {
-  uint32_t transactions = 0;    // transactions with at least one item
-  uint32_t items = 0;           // distinct items
-  uint32_t max_items = 0;       // most items in one transaction
-  double avg_items = 0.0;       // mean items per transaction
-  uint32_t frequent = 0;        // itemsets found (before maximal pruning)
-  double seconds_load = 0.0;    // reading and numbering the input
-  double seconds_mine = 0.0;    // mining
-  double seconds_post = 0.0;    // parents and maximal pruning
+  uint32_t transactions = 0;  // transactions with at least one item
+  uint32_t items = 0;         // distinct items
+  uint32_t max_items = 0;     // most items in one transaction
+  double avg_items = 0.0;     // mean items per transaction
+  uint32_t frequent = 0;      // itemsets found (before maximal pruning)
+  double seconds_load = 0.0;  // reading and numbering the input
+  double seconds_mine = 0.0;  // mining
+  double seconds_post = 0.0;  // parents and maximal pruning
 };
 
 struct Result {
@@ -210,8 +213,9 @@ Result mine_shard(const Transactions& transactions, const Shard& shard,
 // whole run give the same list.
 //
 // Puts `r` in the canonical order: itemsets sorted, each ordinal made its
-// rank among the itemsets of its length, parents remapped and each list
-// given in ascending row order.
+// rank among the rows of its length (so with maximal pruning the ordinals
+// are no longer the program's ids), parents remapped and each list given
+// in ascending row order.
 void sort_canonical(Result* r);
 
 // The Result of a run whose itemsets were mined apart (the union of its
@@ -256,7 +260,7 @@ struct Scan {
   std::vector<std::string> labels;
   std::vector<uint32_t> supports;  // by label
   std::vector<uint32_t> codes;
-  std::vector<uint64_t> ends;      // one per transaction
+  std::vector<uint64_t> ends;  // one per transaction
 };
 Scan scan(const Transactions& transactions);
 

@@ -86,7 +86,6 @@ Result combine(std::vector<Itemset> itemsets, std::vector<std::string> labels,
     for (size_t i = 1; i < itemsets.size(); ++i) {
       if (itemsets[i - 1].items == itemsets[i].items) bad_itemset("an itemset comes twice");
     }
-    number_within_lengths(&itemsets);
 
     Result r;
     r.stats.transactions = transactions;
@@ -135,6 +134,7 @@ Result combine(std::vector<Itemset> itemsets, std::vector<std::string> labels,
         r.parents.push_back(std::move(kept));
       }
     }
+    number_within_lengths(&r.itemsets);  // among the rows kept, as sort_canonical() numbers
     r.labels = std::move(labels);
     return r;
   } catch (const std::bad_alloc&) {

@@ -13,15 +13,15 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "convert/label_table.h"
-#include "post/parents.h"
-#include "engine/parts.h"
-#include "engine/engine.h"
-#include "quarlo/quarlo.h"
-#include "base/tokens.h"
-#include "convert/records.h"
 #include "base/io.h"
+#include "base/tokens.h"
+#include "convert/label_table.h"
+#include "convert/records.h"
+#include "engine/engine.h"
+#include "engine/parts.h"
+#include "post/parents.h"
 #include "post/rules_internal.h"
+#include "quarlo/quarlo.h"
 
 namespace quarlo {
 
@@ -236,7 +236,8 @@ Transactions Transactions::from_codes(std::vector<std::string> labels, std::vect
   uint64_t last = 0;
   for (uint64_t end : ends) {
     if (end < last || end > codes.size()) {
-      throw Error(Error::Kind::kInvalidArgument, "transaction ends must rise up to the number of codes");
+      throw Error(Error::Kind::kInvalidArgument,
+                  "transaction ends must rise up to the number of codes");
     }
     last = end;
   }
@@ -287,7 +288,8 @@ struct Loaded {
 void add_record(Engine* e, TranBuf* db, std::vector<uint32_t>* items, uint32_t* nitems) {
   normalize_record(items);
   if (items->empty()) return;
-  if (!insert_tran_to_trandb(&e->pool, db, items->data(), static_cast<uint32_t>(items->size()), 1).ok()) {
+  if (!insert_tran_to_trandb(&e->pool, db, items->data(), static_cast<uint32_t>(items->size()), 1)
+           .ok()) {
     throw std::bad_alloc();
   }
   // Signed as the binary file's writer compares, so results agree.
@@ -579,7 +581,8 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   const double loaded = now();
   Client client(sink);
   const uint32_t ntrans = pre != nullptr ? pre->ntrans : count_tran(&e.pool, &db);
-  if (Status s = mine_database(&e, &db, spec_of(options.support.spec(), ntrans), pre, &client); !s.ok()) {
+  if (Status s = mine_database(&e, &db, spec_of(options.support.spec(), ntrans), pre, &client);
+      !s.ok()) {
     engine_failure(s, rep);
   }
   *stats = client.stats;
@@ -628,7 +631,8 @@ void assemble(const Collector& c, const Options& options, Result* r) {
       if (options.closed && unclosed[index]) continue;
       new_index[index] = r->itemsets.size();
       const uint32_t* first = items[len].data() + size_t{n} * len;
-      r->itemsets.push_back(Itemset{std::vector<uint32_t>(first, first + len), c.supports()[len][n], n});
+      r->itemsets.push_back(
+          Itemset{std::vector<uint32_t>(first, first + len), c.supports()[len][n], n});
       if (r->count_by_length.size() < len) r->count_by_length.resize(len, 0);
       ++r->count_by_length[len - 1];
     }
@@ -722,7 +726,8 @@ struct ShardItems {
 
   uint32_t of(const std::string& label) const {
     auto it = number.find(label);
-    if (it == number.end()) fail(Error::Kind::kInvalidArgument, "label \"" + label + "\" has no support");
+    if (it == number.end())
+      fail(Error::Kind::kInvalidArgument, "label \"" + label + "\" has no support");
     return it->second;
   }
 };
@@ -765,7 +770,8 @@ void load_shard(const Transactions::Data& data, const ShardItems& numbering, Eng
     }
     return;
   }
-  const size_t n = data.kind == Transactions::Data::kLabels ? data.labels.size() : data.numbers.size();
+  const size_t n =
+      data.kind == Transactions::Data::kLabels ? data.labels.size() : data.numbers.size();
   for (size_t r = 0; r < n; ++r) {
     items.clear();
     if (data.kind == Transactions::Data::kLabels) {
@@ -858,7 +864,9 @@ class RecordReader {
   }
 
  private:
-  [[noreturn]] static void bad() { fail(Error::Kind::kInvalidArgument, "not the record of a plan"); }
+  [[noreturn]] static void bad() {
+    fail(Error::Kind::kInvalidArgument, "not the record of a plan");
+  }
   const char* take(size_t n) {
     if (n > bytes_.size() - at_) bad();
     const char* p = bytes_.data() + at_;
@@ -1000,7 +1008,8 @@ Result merge(const std::string& record, const std::vector<std::string>& mined,
     Collector collector;
     std::string error;
     const uint32_t nitems = static_cast<uint32_t>(r.labels.size());
-    if (!replay_parts(words, parts, nitems, &collector, &error)) fail(Error::Kind::kInvalidArgument, error);
+    if (!replay_parts(words, parts, nitems, &collector, &error))
+      fail(Error::Kind::kInvalidArgument, error);
     const Stats stats = r.stats;
     assemble(collector, options, &r);
     r.stats.transactions = stats.transactions;

@@ -29,7 +29,8 @@ Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) 
   const uint32_t n = e->setup().nitems;
   switch (spec.kind) {
     case SupportSpec::kTableFile:
-      if (Status s = t.load_file(spec.table_file.c_str(), ntrans, n, e->setup().min_size, e->rep); !s.ok()) {
+      if (Status s = t.load_file(spec.table_file.c_str(), ntrans, n, e->setup().min_size, e->rep);
+          !s.ok()) {
         return table_failure(e, std::move(s));
       }
       return Status();
@@ -38,13 +39,16 @@ Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) 
       for (const auto& [len, pct] : spec.percent_pairs) {
         pairs.emplace_back(len, percent_to_count(pct, ntrans));
       }
-      if (Status s = t.set_pairs(pairs, "(table)", ntrans, n, e->setup().min_size, e->rep); !s.ok()) {
+      if (Status s = t.set_pairs(pairs, "(table)", ntrans, n, e->setup().min_size, e->rep);
+          !s.ok()) {
         return table_failure(e, std::move(s));
       }
       return Status();
     }
     case SupportSpec::kCountPairs:
-      if (Status s = t.set_pairs(spec.count_pairs, "(table)", ntrans, n, e->setup().min_size, e->rep); !s.ok()) {
+      if (Status s =
+              t.set_pairs(spec.count_pairs, "(table)", ntrans, n, e->setup().min_size, e->rep);
+          !s.ok()) {
         return table_failure(e, std::move(s));
       }
       return Status();
@@ -103,9 +107,11 @@ Status mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, u
 Status list_items(Engine* e, TranBuf* db, const Precounted* pre, int32_t* nfreq, ItemEntry** list) {
   const int32_t floor = static_cast<int32_t>(e->support.lowest_minsup());
   if (pre != nullptr) {
-    return list_counted_items(&e->items, pre->supports, floor, e->setup().nitems, nfreq, list, e->rep);
+    return list_counted_items(&e->items, pre->supports, floor, e->setup().nitems, nfreq, list,
+                              e->rep);
   }
-  return create_freqitemlist(&e->items, &e->pool, db, floor, e->setup().nitems, &e->stats, nfreq, list);
+  return create_freqitemlist(&e->items, &e->pool, db, floor, e->setup().nitems, &e->stats, nfreq,
+                             list);
 }
 
 // Sizes the pruning tables for `nrecords` records, builds the support table

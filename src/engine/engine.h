@@ -10,12 +10,12 @@
 #include <utility>
 #include <vector>
 
+#include "base/report.h"
 #include "engine/fp_tree.h"
+#include "engine/frequent_items.h"
 #include "engine/pattern_sink.h"
 #include "engine/prune_tables.h"
-#include "engine/frequent_items.h"
 #include "engine/transaction_store.h"
-#include "base/report.h"
 #include "support/support_table.h"
 
 namespace quarlo::detail {
@@ -82,11 +82,11 @@ class Engine {
 struct SupportSpec {
   enum Kind { kPercent, kCount, kTableFile, kPercentPairs, kCountPairs };
   Kind kind = kPercent;
-  double percent = 0.0;          // kPercent
-  uint32_t count = 1;            // kCount
-  std::string table_file;                                // kTableFile
-  std::vector<std::pair<long, double>> percent_pairs;    // kPercentPairs
-  LengthCounts count_pairs;                              // kCountPairs
+  double percent = 0.0;                                // kPercent
+  uint32_t count = 1;                                  // kCount
+  std::string table_file;                              // kTableFile
+  std::vector<std::pair<long, double>> percent_pairs;  // kPercentPairs
+  LengthCounts count_pairs;                            // kCountPairs
 };
 
 // Supports counted outside the database: the number of transactions and each

@@ -129,7 +129,8 @@ void note_child(TreeScratch& t, FPNode* parent, FPNode* node) {
 Status header_failure(Engine& e, size_t bytes) {
   using sites::kHeaderMalloc, sites::kHeaderTable;
   e.rep->trace_errno("malloc");
-  e.rep->tracef("%s(%u) : malloc(%d)", kHeaderMalloc.module, kHeaderMalloc.line, static_cast<int>(bytes));
+  e.rep->tracef("%s(%u) : malloc(%d)", kHeaderMalloc.module, kHeaderMalloc.line,
+                static_cast<int>(bytes));
   e.rep->tracef("%s(%u) : fail to create header table\n", kHeaderTable.module, kHeaderTable.line);
   return Status::out_of_memory();
 }
@@ -158,7 +159,8 @@ int32_t keep_frequent(const uint32_t* rank, CurTran* tran) {
     const uint32_t r = rank[s[i].item];
     if (r != 0) s[kept++] = {s[i].item, r};
   }
-  sort_short(s, static_cast<size_t>(kept), [](const TranSlot& a, const TranSlot& b) { return a.aux < b.aux; });
+  sort_short(s, static_cast<size_t>(kept),
+             [](const TranSlot& a, const TranSlot& b) { return a.aux < b.aux; });
   tran->n = kept;
   return kept;
 }
@@ -354,7 +356,8 @@ Status append_path(Engine& e, const FPNode* v, TranBuf* cdb) {
   for (const FPNode* a = v->parent; a->parent != nullptr; a = a->parent) path[n++] = a->item;
   Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(v->count));
   if (!s.ok()) {
-    e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module, sites::kCollectInsert.line);
+    e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module,
+                  sites::kCollectInsert.line);
   }
   return s;
 }
@@ -431,7 +434,8 @@ enum class Pruned { kBelowFloor, kKept, kFailed };
 // not extended.
 Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* from, uint32_t k, uint32_t* len) {
   for (FPNode* v = from->next_link; v != nullptr; v = v->next_link) {
-    if (v->first_child == nullptr && v->count != 0 && too_shallow(v, k, *len)) remove_leaf(e, h, v, len);
+    if (v->first_child == nullptr && v->count != 0 && too_shallow(v, k, *len))
+      remove_leaf(e, h, v, len);
   }
   unlink_removed(e);
   return Pruned::kBelowFloor;
@@ -448,7 +452,8 @@ Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* from, uint32_t k, uint32_t
 // as it found it those are exactly the records of a walk after the pruning;
 // otherwise they are dropped and collected again.
 template <class Nodes>
-Pruned prune_item(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, const Nodes& nodes, TranBuf* cdb) {
+Pruned prune_item(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, const Nodes& nodes,
+                  TranBuf* cdb) {
   uint32_t len = e.support.min_length_of_support(h->support);
   const uint32_t first_len = len;
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
@@ -508,7 +513,8 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
-  Status s = create_freqitemlist(&e.items, &e.pool, cdb, floor, e.setup().nitems, &e.stats, &nfreq, &list);
+  Status s =
+      create_freqitemlist(&e.items, &e.pool, cdb, floor, e.setup().nitems, &e.stats, &nfreq, &list);
   if (!s.ok()) {
     e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", sites::kConditionalItems.module,
                   sites::kConditionalItems.line);
@@ -524,14 +530,16 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
   s = create_fptree(e, cdb, nfreq, list, &tree);
   free_buf(&e.pool, cdb);
   if (!s.ok()) {
-    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module, sites::kConditionalTree.line);
+    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
+                  sites::kConditionalTree.line);
     free_fptree(&tree);
     return s;
   }
   ++e.counters.conditional_trees;
   s = gen_freqpattern(e, &tree, q, depth + 1);
   if (!s.ok()) {
-    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module, sites::kConditionalMine.line);
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
+                  sites::kConditionalMine.line);
   }
   return s;
 }
@@ -619,14 +627,16 @@ struct ShallowNodes {
 // listed) when they are not few, so that walking the chains costs as much.
 bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNodes* out) {
   std::vector<uint32_t>& index = e.tree.rank;  // all zero between builds: item -> header index + 1
-  for (int32_t p = 0; p < tree.nheader; ++p) index[tree.header[p].item] = static_cast<uint32_t>(p + 1);
+  for (int32_t p = 0; p < tree.nheader; ++p)
+    index[tree.header[p].item] = static_cast<uint32_t>(p + 1);
   out->start.assign(static_cast<size_t>(tree.nheader) + 1, 0);
   size_t total = 0;
   size_t listed = 0;
   auto each_node = [&](auto&& visit) {
     for (const FPNodeBlock* b = tree.first_block; b != nullptr; b = b->next) {
       const uint32_t used = b == tree.cur_block ? tree.nodes_used : kNodesPerBlock;
-      for (uint32_t k = b == tree.first_block ? 1 : 0; k < used; ++k) visit(const_cast<FPNode*>(&b->node[k]));
+      for (uint32_t k = b == tree.first_block ? 1 : 0; k < used; ++k)
+        visit(const_cast<FPNode*>(&b->node[k]));
     }
   };
   each_node([&](FPNode* v) {
@@ -665,8 +675,9 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
 // Prunes top item h (header index i) and hands its pruned chain to the run's
 // split, which collects and mines its conditional database.
 Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const ShallowNodes* listed) {
-  const Pruned pruned = listed != nullptr ? prune_item(e, h, 0, floor, listed->of(i), nullptr)
-                                          : prune_item(e, h, 0, floor, ChainNodes{h->head}, nullptr);
+  const Pruned pruned = listed != nullptr
+                            ? prune_item(e, h, 0, floor, listed->of(i), nullptr)
+                            : prune_item(e, h, 0, floor, ChainNodes{h->head}, nullptr);
   if (pruned == Pruned::kBelowFloor) return Status();
   return e.split()->conditional(e, h->item, h->support, h->head);
 }
@@ -676,7 +687,8 @@ Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const Sha
 Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t depth) {
   TranBuf cdb;
   if (Status s = init_buf(&e.pool, &cdb); !s.ok()) {
-    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module, sites::kCollectInitBuf.line);
+    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module,
+                  sites::kCollectInitBuf.line);
     return s;
   }
   const Pruned pruned = prune_item(e, h, q.length - 1, floor, ChainNodes{h->head}, &cdb);
@@ -716,7 +728,9 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const ShallowNodes* listed = nullptr;
   if (split != nullptr) {
     split->take_tree(*tree);
-    if (e.setup().wanted == nullptr && list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow)) listed = &shallow;
+    if (e.setup().wanted == nullptr &&
+        list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow))
+      listed = &shallow;
   }
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
@@ -724,7 +738,8 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const int32_t lowest = top ? lowest_wanted_index(e, *tree) : 0;
   for (int32_t i = tree->nheader - 1; i >= 0 && i >= lowest; --i) {
     HeaderEntry* h = &tree->header[i];
-    if (top && e.setup().progress != nullptr) e.setup().progress->top_items(tree->nheader - i, tree->nheader);
+    if (top && e.setup().progress != nullptr)
+      e.setup().progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
     if (top && e.setup().wanted != nullptr && !(*e.setup().wanted)[h->item]) {
       prune_item(e, h, k, floor, ChainNodes{h->head}, nullptr);
@@ -736,7 +751,8 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     q.items[k] = h->item;
     q.support = h->support;
     if (at_least(q.support, need)) emit(e, q);
-    Status s = split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, q, floor, depth);
+    Status s =
+        split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, q, floor, depth);
     if (!s.ok()) return s;
   }
   if (split != nullptr) {
@@ -751,7 +767,8 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
 
 Status collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb) {
   if (Status s = init_buf(&e.pool, cdb); !s.ok()) {
-    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module, sites::kCollectInitBuf.line);
+    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module,
+                  sites::kCollectInitBuf.line);
     return s;
   }
   Status s = collect_conditional(e, chain, 0, e.support.min_length_of_support(support), cdb);
@@ -800,7 +817,9 @@ Status mine_fptree(Engine& e, FPTree* tree) {
   // it, and pruning may have cut that item from every record.
   const Pattern empty = {0, tree->top_support, e.tree.items.data()};
   Status s = gen_freqpattern(e, tree, empty, 1);
-  if (!s.ok()) e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module, sites::kRecursionMine.line);
+  if (!s.ok())
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module,
+                  sites::kRecursionMine.line);
   return s;
 }
 

@@ -11,11 +11,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/status.h"
+#include "engine/frequent_items.h"
 #include "engine/pattern_sink.h"
 #include "engine/prune_tables.h"
-#include "engine/frequent_items.h"
 #include "engine/transaction_store.h"
-#include "base/status.h"
 
 namespace quarlo::detail {
 

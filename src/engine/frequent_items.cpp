@@ -17,7 +17,8 @@ Status size_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
     t->support.assign(n, 0);
     t->touched.resize(n);
   } catch (const std::bad_alloc&) {
-    return malloc_failure(rep, sites::kItemTable, (n + 1) * sizeof(ItemEntry) + 3 * n * sizeof(uint32_t));
+    return malloc_failure(rep, sites::kItemTable,
+                          (n + 1) * sizeof(ItemEntry) + 3 * n * sizeof(uint32_t));
   }
   for (uint32_t i = 0; i < nitems; ++i) t->numbers[i] = i;
   return Status();
@@ -76,8 +77,8 @@ Status create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_
   return Status();
 }
 
-Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
-                          int32_t* nfreq, ItemEntry** list, Reporter* rep) {
+Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor,
+                          uint32_t nitems, int32_t* nfreq, ItemEntry** list, Reporter* rep) {
   if (Status s = size_item_table(table, nitems, rep); !s.ok()) return s;
   uint32_t touched = 0;
   for (uint32_t item = 0; item < nitems; ++item) {

@@ -43,13 +43,13 @@ struct ItemTable {
 // the last listed one has support -1. The list stays valid until the next
 // call. Out of memory after a trace when the table cannot be allocated.
 Status create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
-                        uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list);
+                           uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list);
 
 // Lists the items whose given support reaches `floor`, ordered as
 // create_freqitemlist orders them, from supports counted elsewhere (one per
 // item number). Same result conventions.
-Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor, uint32_t nitems,
-                       int32_t* nfreq, ItemEntry** list, Reporter* rep);
+Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor,
+                          uint32_t nitems, int32_t* nfreq, ItemEntry** list, Reporter* rep);
 
 }  // namespace quarlo::detail
 

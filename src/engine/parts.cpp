@@ -10,7 +10,7 @@ namespace quarlo::detail {
 namespace {
 
 constexpr uint32_t kPartMagic = 0x31505251;  // "QRP1"
-constexpr uint32_t kMostItems = 1u << 28;     // more distinct items than any part holds
+constexpr uint32_t kMostItems = 1u << 28;    // more distinct items than any part holds
 
 class WordSink : public PatternSink {
  public:
@@ -22,7 +22,8 @@ class WordSink : public PatternSink {
 class WordReader {
  public:
   explicit WordReader(const std::string& bytes)
-      : at_(reinterpret_cast<const unsigned char*>(bytes.data())), left_(bytes.size() / 4),
+      : at_(reinterpret_cast<const unsigned char*>(bytes.data())),
+        left_(bytes.size() / 4),
         ok_(bytes.size() % 4 == 0) {}
   bool ok() const { return ok_; }
   size_t left() const { return left_; }
@@ -65,7 +66,8 @@ bool prepare_engine(WordReader* in, Engine* e) {
   setup.max_size = in->next();
   e->configure(setup);
   const uint32_t n = in->next();
-  if (in->ok() && n == 0 && e->setup().nitems == 0) return in->left() == 0;  // a run with nothing below its top
+  if (in->ok() && n == 0 && e->setup().nitems == 0)
+    return in->left() == 0;  // a run with nothing below its top
   if (!in->ok() || e->setup().nitems > kMostItems) return false;
   std::vector<uint32_t> table(in->ok() && n <= in->left() ? n : 0);
   if (!in->take(n, table.data()) || !e->support.restore(table.data(), n) ||
@@ -84,7 +86,8 @@ bool well_formed(const int32_t* w, uint32_t n, uint32_t nitems, int32_t support,
                  std::vector<char>* seen) {
   size_t i = 0;
   bool ok = support > 0;
-  int64_t weight = 0;  // the records are some of the item's nodes: their counts add up to at most its support
+  int64_t weight =
+      0;  // the records are some of the item's nodes: their counts add up to at most its support
   while (ok && i < n && w[i] != 0) {
     size_t count = static_cast<uint32_t>(w[i]);
     size_t first = i + 1;
@@ -147,7 +150,8 @@ Status Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPN
   if (Status s = collect_top_item(e, support, chain, &cdb); !s.ok()) return s;
   const size_t n = cdb.position / 4 + 1;  // the records and the end word
   try {
-    const uint32_t g = static_cast<uint32_t>(std::min_element(work_.begin(), work_.end()) - work_.begin());
+    const uint32_t g =
+        static_cast<uint32_t>(std::min_element(work_.begin(), work_.end()) - work_.begin());
     const uint32_t k = static_cast<uint32_t>(owner_.size());
     const uint32_t words[] = {k, item, static_cast<uint32_t>(support), static_cast<uint32_t>(n)};
     append_words(&parts_[g], words, 4);
@@ -242,8 +246,9 @@ size_t owners_of(const std::vector<uint32_t>& record) {
 
 }  // namespace
 
-bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
-                  uint32_t nitems, PatternSink* sink, std::string* error) {
+bool replay_parts(const std::vector<uint32_t>& record,
+                  const std::vector<std::vector<uint32_t>>& mined, uint32_t nitems,
+                  PatternSink* sink, std::string* error) {
   *error = "the parts' results do not fit the plan";
   const size_t owners = owners_of(record);
   if (owners == 0) return false;
@@ -251,7 +256,8 @@ bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::ve
   for (size_t i = 0; i + 1 < owners;) {
     if (record[i] == 0) {
       const size_t end = i + 3 + record[i + 1];
-      if (end >= owners || !replay_patterns(record.data() + i + 1, end - i - 1, nitems, sink)) return false;
+      if (end >= owners || !replay_patterns(record.data() + i + 1, end - i - 1, nitems, sink))
+        return false;
       i = end;
       continue;
     }

@@ -58,8 +58,9 @@ Status mine_part_words(const std::string& part, std::vector<uint32_t>* out);
 // patterns from the mined parts (in the order of the parts written), into
 // `sink` in the order of a whole run. False, with *error set, when the parts
 // do not fit the record or name an item from `nitems` on.
-bool replay_parts(const std::vector<uint32_t>& record, const std::vector<std::vector<uint32_t>>& mined,
-                  uint32_t nitems, PatternSink* sink, std::string* error);
+bool replay_parts(const std::vector<uint32_t>& record,
+                  const std::vector<std::vector<uint32_t>>& mined, uint32_t nitems,
+                  PatternSink* sink, std::string* error);
 
 }  // namespace quarlo::detail
 

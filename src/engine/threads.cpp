@@ -293,7 +293,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   }
 
   Engine& run_;
-  const size_t limit_;       // items begun but not handed over before the walk waits
+  const size_t limit_;  // items begun but not handed over before the walk waits
   SharedSink shared_;
   FPTree tree_ = {};  // the top-level tree, read by the workers until they stop
   std::deque<std::unique_ptr<ItemOutput>> outputs_;  // run's thread only
@@ -324,7 +324,8 @@ Status mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads) {
   e.set_threads_split(nullptr);
   if (!mined.ok()) return mined;
   if (!finished.ok()) {
-    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module, sites::kRecursionMine.line);
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module,
+                  sites::kRecursionMine.line);
   }
   return finished;
 }

@@ -78,8 +78,8 @@ Status make_room(TranPool* pool, TranBuf* buf, uint64_t bytes, const Site& site)
 // for w == 0) and keeps the buffer terminated. Out of memory after a trace
 // when the buffer cannot grow. Inline: collecting conditional databases calls
 // it once per node, and on success the status costs nothing.
-inline Status insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items,
-                                    uint32_t n, uint32_t w) {
+inline Status insert_tran_to_trandb(TranPool* pool, TranBuf* buf, const uint32_t* items, uint32_t n,
+                                    uint32_t w) {
   if (w == 0) return Status();
   const uint32_t head_words = (w == 1) ? 1 : 2;
   const uint64_t bytes = 4 * (uint64_t{n} + head_words);
