@@ -398,7 +398,7 @@ TEST(Differential, SinglePathAfterTopItemWasCutEverywhere) {
 // itemsets and counts by length, whatever the split.
 TEST(Differential, ShardsCombinedGiveOneRunInCanonicalOrder) {
   std::mt19937 rng(20261125);
-  for (int round = 0; round < 800 && !testing::Test::HasFailure(); ++round) {
+  for (int round = 0; round < 800 / kRoundShare && !testing::Test::HasFailure(); ++round) {
     const Case c = random_case(rng);
     if (c.trans.empty()) continue;
     const std::vector<quarlo::Result> shards = mine_shards(c, rng);
