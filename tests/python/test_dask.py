@@ -7,6 +7,7 @@ parents and any number of groups; when a worker is killed on the way; and
 with one clear error for a bad line."""
 
 import errno
+import gc
 import os
 import random
 import re
@@ -68,8 +69,10 @@ def split_file(path, pieces, directory):
 
 def nothing_left(client):
     """Whether the scheduler and the workers have forgotten every task
-    (within 15 s: a worker that was killed may take that long to be let go)."""
-    for _ in range(300):
+    (within 60 s: a worker that was killed may take long to be let go on a
+    loaded machine)."""
+    gc.collect()  # futures a finished run's frames still name
+    for _ in range(1200):
         tasks = client.run_on_scheduler(lambda dask_scheduler: len(dask_scheduler.tasks))
         held = sum(client.run(lambda dask_worker: len(dask_worker.data)).values())
         if tasks == held == 0:
