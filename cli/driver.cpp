@@ -22,6 +22,7 @@
 #include "base/sites.h"
 #include "cli/binary_file.h"
 #include "cli/label_files.h"
+#include "cli/labelled_patterns.h"
 #include "cli/maximal_file.h"
 #include "cli/pattern_file.h"
 #include "cli/pc_list.h"
@@ -104,12 +105,16 @@ class MiningProgress : public ProgressHook {
 };
 
 // The engine's side of the program: the input and option blocks once the
-// input is counted, and the numbered pattern file as the sink.
+// input is counted (unless quiet: a second run over the same input), and the
+// pattern sink: the labelled sections when it is given them and they can be
+// had, otherwise the numbered pattern file.
 class ReportingClient : public EngineClient {
  public:
-  ReportingClient(const Options& options, const LabelTable& labels, Console* console)
-      : options_(options), labels_(labels), console_(console) {}
+  ReportingClient(const Options& options, const LabelTable& labels, Console* console,
+                  LabelledPatternWriter* labelled, bool quiet)
+      : options_(options), labels_(labels), console_(console), labelled_(labelled), quiet_(quiet) {}
   void counted(const Engine& e, uint32_t ntrans) override {
+    if (quiet_) return;
     Console& c = *console_;
     c.printf("Transaction File Information ---------------------------------------------------");
     c.printf("  Transaction File Name:                        %s", options_.input_file.c_str());
@@ -121,6 +126,10 @@ class ReportingClient : public EngineClient {
     print_options(options_, console_);
   }
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
+    if (labelled_ != nullptr && labelled_->open(labels_.labels(), ntrans, folder_of(options_.names.fp))) {
+      labelled_open_ = true;
+      return labelled_;
+    }
     if (!writer_.open(sink_name(), ntrans, e->setup().nitems, e->rep).ok()) return nullptr;
     std::vector<uint32_t> label_bytes(std::min<uint32_t>(e->setup().nitems, labels_.label_count()));
     for (uint32_t i = 0; i < label_bytes.size(); ++i) {
@@ -131,6 +140,7 @@ class ReportingClient : public EngineClient {
     return &writer_;
   }
   Status close_sink(Engine* e, bool complete) override {
+    if (labelled_open_) return Status();
     if (!complete) {
       writer_.abandon();
       return Status();
@@ -141,7 +151,11 @@ class ReportingClient : public EngineClient {
     return closed;
   }
   const char* sink_name() const override { return options_.names.fp_conv.c_str(); }
-  uint32_t written() const { return writer_.count(); }
+  // True when the patterns went to the labelled sections.
+  bool labelled() const { return labelled_open_; }
+  uint32_t written() const {
+    return labelled_open_ ? static_cast<uint32_t>(labelled_->count()) : writer_.count();
+  }
   void sections(std::vector<uint32_t>* counts, std::vector<uint64_t>* bytes) const {
     if (!measured_) return;
     *counts = writer_.counts();
@@ -149,9 +163,19 @@ class ReportingClient : public EngineClient {
   }
 
  private:
+  // The folder a file name is in.
+  static std::string folder_of(const std::string& file) {
+    const size_t slash = file.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : file.substr(0, slash);
+  }
+
   const Options& options_;
   const LabelTable& labels_;
   Console* console_;
+  LabelledPatternWriter* labelled_;
+  bool quiet_;
+  bool labelled_open_ = false;
   PatternFileWriter writer_;
   bool measured_ = false;
 };
@@ -323,8 +347,20 @@ int Driver::transform_input(LabelTable* labels, uint32_t* nitems) {
   return kStatusOk;
 }
 
-// The mining stage, from FILE.qr to FILE.fp_conv. Returns 0 or the exit status.
-int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written) {
+// Mines FILE.qr again into the numbered pattern file, quietly.
+Status Driver::mine_numbered(const LabelTable& labels, WrittenSections* written) {
+  bool labelled_used = false;
+  uint32_t count = 0;
+  *written = {};
+  return mine_once(nitems_, labels, nullptr, true, &labelled_used, &count, written);
+}
+
+// One mining run over FILE.qr into the labelled sections (when `labelled`
+// is given) or FILE.fp_conv. *labelled_used tells which; *count and
+// *written get what the sink counted.
+Status Driver::mine_once(uint32_t nitems, const LabelTable& labels, LabelledPatternWriter* labelled,
+                         bool quiet, bool* labelled_used, uint32_t* count,
+                         WrittenSections* written) {
   LogReporter rep(&console_);
   MiningProgress progress(&console_);
   EngineSetup setup;
@@ -335,9 +371,38 @@ int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* wri
   setup.progress = &progress;
   Engine engine(&rep);
   engine.configure(setup);
-  ReportingClient client(options_, labels, &console_);
+  ReportingClient client(options_, labels, &console_, labelled, quiet);
   const Status status =
       find_frequent_patterns(&engine, options_.names.qr.c_str(), support_of(options_), &client);
+  *labelled_used = client.labelled();
+  *count = client.written();
+  client.sections(&written->counts, &written->bytes);
+  return status;
+}
+
+// The mining stage, from FILE.qr to FILE.fp_conv, or for a run without -p
+// and -x straight to FILE.fp's text under its temporary name. When the
+// labelled text cannot be kept or written whole, mining runs again into the
+// numbered file, which then decides what the run reports and leaves, as if
+// it had been the only way. Returns 0 or the exit status.
+int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written) {
+  std::unique_ptr<LabelledPatternWriter> labelled;
+  if (!options_.pc_list && !options_.maximal) labelled = std::make_unique<LabelledPatternWriter>();
+  bool labelled_used = false;
+  uint32_t count = 0;
+  Status status = mine_once(nitems, labels, labelled.get(), false, &labelled_used, &count, written);
+  if (status.ok() && labelled_used) {
+    if (!labelled->failed() && labelled->write_to(fp_tmp_).ok()) {
+      sections_ = labelled->counts();
+      sections_written_ = true;
+    } else {
+      unlink(fp_tmp_.c_str());
+      labelled.reset();
+      *written = {};
+      status = mine_once(nitems, labels, nullptr, true, &labelled_used, &count, written);
+    }
+  }
+  labelled.reset();
   if (!status.ok()) return fail(Stage::kMine, status);
   console_.printf(
       "Solution -----------------------------------------------------------------------");
@@ -346,8 +411,7 @@ int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* wri
     console_.printf("  PC List File:                                 %s",
                     options_.names.pc.c_str());
   }
-  console_.printf("  Number of Frequent Patterns:                  %u", client.written());
-  client.sections(&written->counts, &written->bytes);
+  console_.printf("  Number of Frequent Patterns:                  %u", count);
   return kStatusOk;
 }
 
@@ -392,6 +456,26 @@ int Driver::post_process() {
   return kStatusOk;
 }
 
+// FILE.fp from the labelled text mining wrote: moved into place. Where that
+// fails, the numbered pattern file is made after all (mining again, a slow
+// path only a failure takes) and left grouped by length, as the numbered
+// path leaves it. FILE.qr stays until then. Returns 0 or the exit status; *numbered tells whether
+// FILE.fp_conv was made.
+int Driver::place_sections(const LabelTable& labels, WrittenSections* written, bool* numbered) {
+  print_length_counts(sections_, &console_);
+  const bool placed = put_in_place(fp_tmp_, options_.names.fp);
+  if (!placed) {
+    *numbered = true;
+    // A failure in mining leaves FILE.qr, as it does on the numbered path.
+    if (Status again = mine_numbered(labels, written); !again.ok()) return fail(Stage::kMine, again);
+  }
+  remove_file(options_.names.qr, sites::kRemoveQr);
+  if (placed) return kStatusOk;
+  std::vector<LengthCount> by_length;
+  sort_by_length(options_.names.fp_conv.c_str(), &by_length);
+  return fail(Stage::kBackConvert, Status());
+}
+
 // FILE.fp from FILE.fp_conv: grouped by length and in the user's labels.
 int Driver::back_convert(const LabelTable& labels, const WrittenSections& written) {
   const FileNames& n = options_.names;
@@ -420,23 +504,35 @@ int Driver::back_convert(const LabelTable& labels, const WrittenSections& writte
   return kStatusOk;
 }
 
+// The output stages after mining: FILE.pc and maximal pruning when asked
+// for, then FILE.fp. Returns 0 or the exit status; *numbered tells whether
+// FILE.fp_conv was made.
+int Driver::write_outputs(const LabelTable& labels, WrittenSections* written, bool* numbered) {
+  if (sections_written_) {
+    enter_stage(Stage::kBackConvert);
+    return place_sections(labels, written, numbered);
+  }
+  *numbered = true;
+  remove_file(options_.names.qr, sites::kRemoveQr);
+  const int status = post_process();
+  if (status != kStatusOk) return status;
+  return back_convert(labels, *written);
+}
+
 // Every stage after the banner; `labels` lives for the whole run.
 int Driver::run_stages(LabelTable* labels) {
-  uint32_t nitems = 0;
-  int status = transform_input(labels, &nitems);
+  int status = transform_input(labels, &nitems_);
   if (status != kStatusOk) return status;
   enter_stage(Stage::kMine);
   timings_.patterns = -wall_seconds();
   WrittenSections written;
-  status = mine(nitems, *labels, &written);
+  status = mine(nitems_, *labels, &written);
   if (status != kStatusOk) return status;
   timings_.patterns += wall_seconds();
-  remove_file(options_.names.qr, sites::kRemoveQr);
-  status = post_process();
+  bool numbered = false;
+  status = write_outputs(*labels, &written, &numbered);
   if (status != kStatusOk) return status;
-  status = back_convert(*labels, written);
-  if (status != kStatusOk) return status;
-  remove_file(options_.names.fp_conv, sites::kRemoveFpConv);
+  if (numbered) remove_file(options_.names.fp_conv, sites::kRemoveFpConv);
   remove_file(options_.names.conv, sites::kRemoveConv);
   print_timing();
   return kStatusOk;

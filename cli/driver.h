@@ -7,11 +7,13 @@
 #define QUARLO_CLI_DRIVER_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "base/sites.h"
 #include "base/status.h"
+#include "cli/labelled_patterns.h"
 #include "cli/log.h"
 #include "cli/options.h"
 #include "convert/label_table.h"
@@ -77,7 +79,12 @@ class Driver {
   int fail(Stage stage, const Status& status);
   int run_stages(LabelTable* labels);
   int transform_input(LabelTable* labels, uint32_t* nitems);
+  Status mine_once(uint32_t nitems, const LabelTable& labels, LabelledPatternWriter* labelled,
+                   bool quiet, bool* labelled_used, uint32_t* count, WrittenSections* written);
+  Status mine_numbered(const LabelTable& labels, WrittenSections* written);
   int mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written);
+  int write_outputs(const LabelTable& labels, WrittenSections* written, bool* numbered);
+  int place_sections(const LabelTable& labels, WrittenSections* written, bool* numbered);
   int post_process();
   int prune_unmaximal();
   int back_convert(const LabelTable& labels, const WrittenSections& written);
@@ -90,6 +97,11 @@ class Driver {
   Console console_;
   Stage stage_ = Stage::kConvert;
   Timings timings_;
+  uint32_t nitems_ = 0;  // distinct items of the input
+  // Set when mining wrote FILE.fp's text under its temporary name (a run
+  // without -p and -x); its patterns per length (index L - 1).
+  bool sections_written_ = false;
+  std::vector<uint32_t> sections_;
   // Temporary names of the outputs and of the rewritten pattern files, and
   // every name a run of its own may leave half-made, for the cleanups.
   std::string fp_tmp_, pc_tmp_, fp_conv_tmp_, tid_tmp_;

@@ -1,0 +1,300 @@
+#include "cli/labelled_patterns.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "base/io.h"
+
+namespace quarlo::cli {
+
+namespace {
+
+// Section buffers start small (a run may have patterns of hundreds of
+// lengths, most of them few) and double up to the largest chunk.
+constexpr size_t kFirstChunk = size_t{4} << 10;
+constexpr size_t kLargestChunk = size_t{1} << 20;
+// Entries of the support-text cache (a power of two).
+constexpr size_t kCountTexts = 4096;
+// Room for "L-N " and the support text, with margin.
+constexpr size_t kHeadRoom = 64;
+// Labels up to this long (with their blank) are copied as one fixed-size
+// block, which the compiler inlines; the table is padded to allow it.
+constexpr size_t kShortLabel = 16;
+
+bool write_all(int fd, const char* text, size_t n) {
+  while (n > 0) {
+    const ssize_t w = write(fd, text, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      if (w == 0) errno = EIO;
+      return false;
+    }
+    text += w;
+    n -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+bool pwrite_all(int fd, const char* text, size_t n, uint64_t at) {
+  while (n > 0) {
+    const ssize_t w = pwrite(fd, text, n, static_cast<off_t>(at));
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      if (w == 0) errno = EIO;
+      return false;
+    }
+    text += w;
+    at += static_cast<uint64_t>(w);
+    n -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+// Appends `n` bytes of `from` at `offset` to `to`: in the kernel where it can,
+// through a buffer where it cannot.
+bool copy_range(int from, uint64_t offset, int to, size_t n) {
+  loff_t at = static_cast<loff_t>(offset);
+  while (n > 0) {
+    const ssize_t c = copy_file_range(from, &at, to, nullptr, n, 0);
+    if (c > 0) {
+      n -= static_cast<size_t>(c);
+      continue;
+    }
+    if (c < 0 && errno == EINTR) continue;
+    if (c == 0 || (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP)) {
+      if (c == 0) errno = EIO;
+      return false;
+    }
+    break;
+  }
+  if (n == 0) return true;
+  std::unique_ptr<char[]> buf(new (std::nothrow) char[kLargestChunk]);
+  if (buf == nullptr) {
+    errno = ENOMEM;
+    return false;
+  }
+  while (n > 0) {
+    const ssize_t r = pread(from, buf.get(), std::min(n, kLargestChunk), at);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) {
+      if (r == 0) errno = EIO;
+      return false;
+    }
+    if (!write_all(to, buf.get(), static_cast<size_t>(r))) return false;
+    at += r;
+    n -= static_cast<size_t>(r);
+  }
+  return true;
+}
+
+}  // namespace
+
+LabelledPatternWriter::~LabelledPatternWriter() { release(); }
+
+bool LabelledPatternWriter::open(const std::vector<std::string>& labels, uint32_t ntrans,
+                                 const std::string& dir, size_t budget) {
+  release();
+  labels_ = &labels;
+  ntrans_ = ntrans;
+  dir_ = dir;
+  budget_ = budget;
+  try {
+    texts_.clear();
+    starts_.clear();
+    starts_.reserve(labels.size() + 1);
+    longest_ = 0;
+    for (const std::string& label : labels) {
+      starts_.push_back(texts_.size());
+      texts_ += label;
+      texts_ += ' ';
+      longest_ = std::max(longest_, label.size() + 1);
+    }
+    starts_.push_back(texts_.size());
+    texts_.append(kShortLabel, '\0');
+    scratch_.assign(labels.size() + 1, 0);
+    count_texts_.assign(kCountTexts, CountText{-1, 0, {}});
+    sections_.clear();
+    counts_.clear();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  total_ = 0;
+  failed_ = false;
+  return true;
+}
+
+// "support percent " for `support`: the percentage as "%.3f" of its share
+// of the transactions, cached by support.
+char* LabelledPatternWriter::put_counts(char* out, int32_t support) {
+  CountText& c = count_texts_[static_cast<uint32_t>(support) & (kCountTexts - 1)];
+  if (c.support != support) {
+    char text[64];
+    char* end = put_decimal(text, static_cast<uint32_t>(support));
+    *end++ = ' ';
+    const int n = snprintf(end, sizeof text - (end - text) - 1, "%.3f",
+                           support * 100.0 / ntrans_);
+    end += n;
+    *end++ = ' ';
+    const size_t size = static_cast<size_t>(end - text);
+    if (size > sizeof c.text) {  // a share too large for a slot: never cached
+      memcpy(out, text, size);
+      return out + size;
+    }
+    c.support = support;
+    c.size = static_cast<uint8_t>(size);
+    memcpy(c.text, text, size);
+  }
+  memcpy(out, c.text, sizeof c.text);
+  return out + c.size;
+}
+
+// Moves the filled part of `s` to its full chunks. Over the memory budget
+// the chunk goes to the spill file at once.
+bool LabelledPatternWriter::retire(Section* s) {
+  if (s->buf == nullptr) return true;
+  if (s->used == 0) {
+    free(s->buf);
+    in_memory_ -= s->cap;
+    s->buf = nullptr;
+    s->cap = 0;
+    return true;
+  }
+  try {
+    s->full.push_back({s->buf, 0, s->used, s->cap});
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  s->buf = nullptr;
+  s->used = 0;
+  return in_memory_ <= budget_ || spill(&s->full.back());
+}
+
+bool LabelledPatternWriter::spill(Chunk* c) {
+  if (spill_fd_ < 0) {
+    spill_fd_ = ::open(dir_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (spill_fd_ < 0) return false;
+  }
+  if (!pwrite_all(spill_fd_, c->text, c->size, spill_end_)) return false;
+  if (spare_ == nullptr && c->cap == kLargestChunk) {
+    spare_ = c->text;  // the next largest chunk reuses it, its pages already mapped
+  } else {
+    free(c->text);
+    in_memory_ -= c->cap;
+  }
+  c->text = nullptr;
+  c->offset = spill_end_;
+  spill_end_ += c->size;
+  return true;
+}
+
+// At least `need` free bytes at the end of the section of length `len`.
+char* LabelledPatternWriter::room(uint32_t len, size_t need) {
+  if (len > sections_.size()) {
+    try {
+      sections_.resize(len);
+      counts_.resize(len, 0);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+  }
+  Section& s = sections_[len - 1];
+  if (s.cap - s.used >= need) return s.buf + s.used;
+  const size_t cap = std::max(need, std::min(s.cap == 0 ? kFirstChunk : 2 * s.cap, kLargestChunk));
+  if (!retire(&s)) return nullptr;
+  if (cap == kLargestChunk && spare_ != nullptr) {
+    s.buf = spare_;
+    spare_ = nullptr;
+  } else {
+    s.buf = static_cast<char*>(malloc(cap));
+    if (s.buf == nullptr) return nullptr;
+    in_memory_ += cap;
+  }
+  s.cap = cap;
+  return s.buf;
+}
+
+void LabelledPatternWriter::put(const Pattern& p) {
+  if (failed_) return;
+  const uint32_t len = p.length;
+  uint32_t* items = scratch_.data();
+  memcpy(items, p.items, sizeof(uint32_t) * len);
+  sort_items(items, len);
+  if (len == 0 || items[len - 1] >= labels_->size()) {
+    failed_ = true;
+    return;
+  }
+  const bool short_labels = longest_ <= kShortLabel;
+  char* const start = room(len, kHeadRoom + len * std::max(longest_, kShortLabel) + 1);
+  if (start == nullptr) {
+    failed_ = true;
+    return;
+  }
+  char* out = put_decimal(start, len - 1);
+  *out++ = '-';
+  out = put_decimal(out, counts_[len - 1]++);
+  *out++ = ' ';
+  out = put_counts(out, p.support);
+  const char* texts = texts_.data();
+  const size_t* starts = starts_.data();
+  for (uint32_t i = 0; i < len; ++i) {
+    const size_t n = starts[items[i] + 1] - starts[items[i]];
+    if (short_labels) {
+      memcpy(out, texts + starts[items[i]], kShortLabel);
+    } else {
+      memcpy(out, texts + starts[items[i]], n);
+    }
+    out += n;
+  }
+  *out++ = '\n';
+  sections_[len - 1].used += static_cast<size_t>(out - start);
+  ++total_;
+}
+
+bool LabelledPatternWriter::write_sections(int fd) {
+  for (const Section& s : sections_) {
+    for (const Chunk& c : s.full) {
+      const bool ok = c.text != nullptr ? write_all(fd, c.text, c.size)
+                                        : copy_range(spill_fd_, c.offset, fd, c.size);
+      if (!ok) return false;
+    }
+    if (s.used > 0 && !write_all(fd, s.buf, s.used)) return false;
+  }
+  return true;
+}
+
+Status LabelledPatternWriter::write_to(const std::string& path) {
+  const int fd = create_fresh(path.c_str(), 0664);
+  if (fd < 0) return Status::io(errno, path);
+  bool ok = write_sections(fd);
+  int err = errno;
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    err = errno;
+  }
+  return ok ? Status() : Status::io(err, path);
+}
+
+void LabelledPatternWriter::release() {
+  for (Section& s : sections_) {
+    for (Chunk& c : s.full) free(c.text);
+    free(s.buf);
+  }
+  sections_.clear();
+  free(spare_);
+  spare_ = nullptr;
+  in_memory_ = 0;
+  if (spill_fd_ >= 0) ::close(spill_fd_);
+  spill_fd_ = -1;
+  spill_end_ = 0;
+}
+
+}  // namespace quarlo::cli
