@@ -121,6 +121,15 @@ bool LabelledPatternWriter::open(const std::vector<std::string>& labels, uint32_
     starts_.push_back(texts_.size());
     texts_.append(kShortLabel, '\0');
     scratch_.assign(labels.size() + 1, 0);
+    level_size_.clear();
+    depth_ = 0;
+    if (longest_ <= kLevelLabel) {
+      const size_t cells = size_t{kLevels} * (kLevels + 1) / 2;
+      raw_.assign(kLevels, 0);
+      level_items_.assign(cells, 0);
+      level_text_.assign(longest_ * cells, 0);
+      level_size_.assign(kLevels + 1, 0);
+    }
     count_texts_.assign(kCountTexts, CountText{-1, 0, {}});
     sections_.clear();
     counts_.clear();
@@ -222,29 +231,61 @@ char* LabelledPatternWriter::room(uint32_t len, size_t need) {
   return s.buf;
 }
 
-void LabelledPatternWriter::put(const Pattern& p) {
-  if (failed_) return;
+// Level d + 1 of the kept prefixes from level d and the raw item `x`: x
+// inserted into level d's sorted items, its label into their text.
+bool LabelledPatternWriter::extend_level(uint32_t d, uint32_t x) {
+  if (x >= labels_->size()) return false;
+  const size_t* starts = starts_.data();
+  const uint32_t* from = level_items_.data() + size_t{d} * (d - 1) / 2;
+  uint32_t* to = level_items_.data() + size_t{d + 1} * d / 2;
+  const char* from_text = level_text_.data() + longest_ * d * (d - 1) / 2;
+  char* to_text = level_text_.data() + longest_ * (d + 1) * d / 2;
+  uint32_t j = 0;
+  size_t split = 0;
+  for (; j < d && from[j] < x; ++j) {
+    split += starts[from[j] + 1] - starts[from[j]];
+    to[j] = from[j];
+  }
+  to[j] = x;
+  for (uint32_t k = j; k < d; ++k) to[k + 1] = from[k];
+  const size_t n = starts[x + 1] - starts[x];
+  memcpy(to_text, from_text, split);
+  memcpy(to_text + split, texts_.data() + starts[x], n);
+  memcpy(to_text + split + n, from_text + split, level_size_[d] - split);
+  level_size_[d + 1] = level_size_[d] + n;
+  raw_[d] = x;
+  return true;
+}
+
+// The labels of `p`'s items, ascending by item number, each with its blank,
+// written at `out`; returns the end, or null for an item without a label.
+// Patterns come depth first, most of them one item longer than the one
+// before or sharing all but its last item: the levels keep the sorted items
+// and text of every prefix of the last pattern, so only the levels past the
+// prefix it shares are made again.
+char* LabelledPatternWriter::put_labels(char* out, const Pattern& p) {
   const uint32_t len = p.length;
+  if (len <= kLevels && !level_size_.empty()) {
+    uint32_t d = 0;
+    while (d < depth_ && d < len && raw_[d] == p.items[d]) ++d;
+    for (; d < len; ++d) {
+      if (!extend_level(d, p.items[d])) {
+        depth_ = d;
+        return nullptr;
+      }
+    }
+    depth_ = len;
+    const size_t size = level_size_[len];
+    memcpy(out, level_text_.data() + longest_ * len * (len - 1) / 2, size);
+    return out + size;
+  }
   uint32_t* items = scratch_.data();
   memcpy(items, p.items, sizeof(uint32_t) * len);
   sort_items(items, len);
-  if (len == 0 || items[len - 1] >= labels_->size()) {
-    failed_ = true;
-    return;
-  }
-  const bool short_labels = longest_ <= kShortLabel;
-  char* const start = room(len, kHeadRoom + len * std::max(longest_, kShortLabel) + 1);
-  if (start == nullptr) {
-    failed_ = true;
-    return;
-  }
-  char* out = put_decimal(start, len - 1);
-  *out++ = '-';
-  out = put_decimal(out, counts_[len - 1]++);
-  *out++ = ' ';
-  out = put_counts(out, p.support);
+  if (items[len - 1] >= labels_->size()) return nullptr;
   const char* texts = texts_.data();
   const size_t* starts = starts_.data();
+  const bool short_labels = longest_ <= kShortLabel;
   for (uint32_t i = 0; i < len; ++i) {
     const size_t n = starts[items[i] + 1] - starts[items[i]];
     if (short_labels) {
@@ -254,7 +295,30 @@ void LabelledPatternWriter::put(const Pattern& p) {
     }
     out += n;
   }
+  return out;
+}
+
+void LabelledPatternWriter::put(const Pattern& p) {
+  if (failed_) return;
+  const uint32_t len = p.length;
+  char* const start =
+      len == 0 ? nullptr : room(len, kHeadRoom + len * std::max(longest_, kShortLabel) + 1);
+  if (start == nullptr) {
+    failed_ = true;
+    return;
+  }
+  char* out = put_decimal(start, len - 1);
+  *out++ = '-';
+  out = put_decimal(out, counts_[len - 1]);
+  *out++ = ' ';
+  out = put_counts(out, p.support);
+  out = put_labels(out, p);
+  if (out == nullptr) {
+    failed_ = true;
+    return;
+  }
   *out++ = '\n';
+  ++counts_[len - 1];
   sections_[len - 1].used += static_cast<size_t>(out - start);
   ++total_;
 }

@@ -73,6 +73,8 @@ class LabelledPatternWriter : public PatternSink {
   bool retire(Section* s);
   bool spill(Chunk* c);
   char* put_counts(char* out, int32_t support);
+  char* put_labels(char* out, const Pattern& p);
+  bool extend_level(uint32_t d, uint32_t x);
   bool write_sections(int fd);
   void release();
 
@@ -83,6 +85,18 @@ class LabelledPatternWriter : public PatternSink {
   std::vector<size_t> starts_;      // where each label's text starts in texts_, and the end
   size_t longest_ = 0;              // longest label text
   std::vector<uint32_t> scratch_;   // the items of one pattern, sorted
+  // The kept prefixes of the last pattern: level d holds its first d items
+  // as found (raw_), sorted by number, and their labels' text. Levels are
+  // laid out one after another (level d at d(d-1)/2 items, longest_ times
+  // that in bytes). Patterns longer than kLevels, or runs with labels
+  // longer than kLevelLabel, sort each pattern instead.
+  static constexpr uint32_t kLevels = 64;
+  static constexpr size_t kLevelLabel = 32;
+  std::vector<uint32_t> raw_;
+  std::vector<uint32_t> level_items_;
+  std::vector<char> level_text_;
+  std::vector<size_t> level_size_;  // empty: no levels
+  uint32_t depth_ = 0;              // levels valid
   // "support percent " by support, in a small direct-mapped cache.
   struct CountText {
     int32_t support;

@@ -35,17 +35,31 @@ class LabelledPatterns : public quarlo_test::TempDirTest {
  protected:
   // Random patterns over `labels`, their expected file text (grouped by
   // length, found order within a length) and a writer fed with them.
+  // Most patterns, as in a depth-first search, extend the one before by an
+  // item or replace its last items; the others are drawn afresh.
   std::string feed(LabelledPatternWriter* w, const std::vector<std::string>& labels,
                    uint32_t ntrans, int npatterns, unsigned seed) {
     std::mt19937 rng(seed);
     std::vector<std::string> by_length(labels.size() + 1);
     std::vector<uint32_t> ordinal(labels.size() + 1, 0);
+    std::vector<uint32_t> pool(labels.size());
+    for (uint32_t i = 0; i < pool.size(); ++i) pool[i] = i;
+    std::vector<uint32_t> items;
     for (int k = 0; k < npatterns; ++k) {
-      const uint32_t len = 1 + rng() % static_cast<uint32_t>(labels.size());
-      std::vector<uint32_t> pool(labels.size());
-      for (uint32_t i = 0; i < pool.size(); ++i) pool[i] = i;
-      std::shuffle(pool.begin(), pool.end(), rng);
-      std::vector<uint32_t> items(pool.begin(), pool.begin() + len);
+      const uint32_t step = rng() % 4;
+      if (step == 0 || items.empty() || items.size() == labels.size()) {
+        std::shuffle(pool.begin(), pool.end(), rng);
+        items.assign(pool.begin(), pool.begin() + 1 + rng() % pool.size());
+      } else {
+        if (step == 1) items.resize(1 + rng() % items.size());  // back up, then one more
+        std::vector<uint32_t> rest;
+        for (uint32_t i : pool) {
+          if (std::find(items.begin(), items.end(), i) == items.end()) rest.push_back(i);
+        }
+        if (rest.empty()) continue;
+        items.push_back(rest[rng() % rest.size()]);
+      }
+      const uint32_t len = static_cast<uint32_t>(items.size());
       const int32_t support = static_cast<int32_t>(rng() % (ntrans + 1));
       w->put({len, support, items.data()});
       by_length[len] += expected_line(ordinal[len]++, support, ntrans, items, labels);
@@ -62,8 +76,12 @@ TEST_F(LabelledPatterns, SectionsComeOutInLengthOrderFromMemoryOrSpill) {
   const std::vector<std::vector<std::string>> label_sets = {
       {"a", "bb", "c", "dd", "e", "ff", "g"},
       {std::string(40, 'x'), "y", std::string(17, 'z'), "w", std::string(15, 'v')},
+      {},  // 80 labels: patterns beyond the kept prefixes' depth as well
   };
-  for (const auto& labels : label_sets) {
+  for (auto labels : label_sets) {
+    if (labels.empty()) {
+      for (int i = 0; i < 80; ++i) labels.push_back(std::to_string(i).insert(0, 1, 'i'));
+    }
     for (size_t budget : {size_t{0}, size_t{1} << 12, LabelledPatternWriter::kDefaultBudget}) {
       LabelledPatternWriter w;
       ASSERT_TRUE(w.open(labels, 9000, dir(), budget));
