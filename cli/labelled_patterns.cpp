@@ -141,6 +141,30 @@ bool LabelledPatternWriter::open(const std::vector<std::string>& labels, uint32_
   return true;
 }
 
+// The id text "L-N " of the next pattern of section `s` (length `len`),
+// then N counted up by one in the text.
+char* LabelledPatternWriter::put_id(char* out, uint32_t len, Section* s) {
+  if (s->id_size == 0) {
+    char* end = put_decimal(s->id, len - 1);
+    *end++ = '-';
+    *end++ = '0';
+    *end++ = ' ';
+    s->id_size = static_cast<uint8_t>(end - s->id);
+  }
+  memcpy(out, s->id, sizeof s->id);
+  out += s->id_size;
+  char* digit = s->id + s->id_size - 2;
+  while (*digit == '9') *digit-- = '0';
+  if (*digit == '-') {  // 99...9 + 1: one more digit
+    memmove(digit + 2, digit + 1, static_cast<size_t>(s->id + s->id_size - digit - 1));
+    digit[1] = '1';
+    ++s->id_size;
+  } else {
+    ++*digit;
+  }
+  return out;
+}
+
 // "support percent " for `support`: the percentage as "%.3f" of its share
 // of the transactions, cached by support.
 char* LabelledPatternWriter::put_counts(char* out, int32_t support) {
@@ -307,10 +331,7 @@ void LabelledPatternWriter::put(const Pattern& p) {
     failed_ = true;
     return;
   }
-  char* out = put_decimal(start, len - 1);
-  *out++ = '-';
-  out = put_decimal(out, counts_[len - 1]);
-  *out++ = ' ';
+  char* out = put_id(start, len, &sections_[len - 1]);
   out = put_counts(out, p.support);
   out = put_labels(out, p);
   if (out == nullptr) {

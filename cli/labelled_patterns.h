@@ -61,18 +61,22 @@ class LabelledPatternWriter : public PatternSink {
     size_t size;      // bytes of text
     size_t cap;       // bytes allocated while in memory
   };
-  // A section: its full chunks and the chunk being filled.
+  // A section: its full chunks, the chunk being filled, and the id text
+  // "L-N " of its next pattern, counted up in place.
   struct Section {
     std::vector<Chunk> full;
     char* buf = nullptr;
     size_t used = 0;
     size_t cap = 0;
+    char id[32];
+    uint8_t id_size = 0;  // 0 until the first pattern
   };
 
   char* room(uint32_t len, size_t need);
   bool retire(Section* s);
   bool spill(Chunk* c);
   char* put_counts(char* out, int32_t support);
+  static char* put_id(char* out, uint32_t len, Section* s);
   char* put_labels(char* out, const Pattern& p);
   bool extend_level(uint32_t d, uint32_t x);
   bool write_sections(int fd);
