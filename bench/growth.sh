@@ -2,7 +2,8 @@
 # Growth with the input: Quest files of 100K, 1M, 10M and 30M transactions
 # (../shared/tools/gen_quest.py -T 10 -I 4 -L 2000 -N 1000, seed 1; generated
 # once into DIR, never committed), mined at -s 0.05, side by side with
-# Borgelt's fpgrowth at the same count (ceil(n x 0.05 %)), alternating runs.
+# Borgelt's fpgrowth at the count quarlo takes from -s 0.05 (the ceiling of
+# n x 0.05 / 100 in extended precision, 501 for 1M).
 # Prints per size: both pattern counts (which must agree), wall time and
 # peak resident size of each, quarlo's mining time, quarlo's time against the
 # previous size and against fpgrowth.
@@ -39,7 +40,11 @@ for n in $sizes; do
   ratio="-" pwall="-" pmib="-" ppats="-" vs="-"
   [ -n "$prev" ] && ratio=$(awk -v a="$wall" -v b="$prev" 'BEGIN { printf "%.1f", a / b }')
   if [ -n "$peer" ]; then
-    count=$(( (n * 5 + 9999) / 10000 ))
+    count=$(/usr/bin/python3 -c "
+import numpy as np  # x86 long double: the precision quarlo turns a percentage into a count with
+n, f, hundred = np.longdouble($n), np.longdouble(0.05), np.longdouble(100)
+q = np.trunc((n * f) / hundred)
+print(int(q + 1 if q < n * (f / hundred) else q))")
     read -r pwall pkb < <(timed "$dir" "q$n.peer" "$peer" -ts -S101 "-s-$count" '-v %a' "q$n.txt" "q$n.fpg")
     ppats=$(grep -c '' "$dir/q$n.fpg" || true)
     pmib=$(( pkb / 1024 ))
