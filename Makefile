@@ -18,9 +18,11 @@ FUZZ_DIR := build/fuzz
 FUZZ_TARGETS := transactions support_table binary patterns parents parts
 
 # The Python module is built for Debian's interpreter, whatever python3 comes
-# first on PATH; CMake works in build/py-cmake, the package lands in build/python.
+# first on PATH. It is a target of the optimised build tree (one compile of
+# the library serves the program, the tests and the module); the package
+# lands in build/python.
 PYTHON := /usr/bin/python3
-PY_BUILD := build/py-cmake
+PY_BUILD := build/release
 PY_PACKAGE_DIR := build/python
 
 .PHONY: all release demo test fuzz python install build-deps test-deps fuzz-deps python-deps clean
@@ -55,11 +57,11 @@ test: test-deps
 	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON
 	cmake --build build/asan -j $(JOBS)
 	cd build/asan && ctest --output-on-failure -j $(JOBS)
+	$(MAKE) --no-print-directory python
 	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DQUARLO_TESTS=ON
 	cmake --build build/release -j $(JOBS)
 	cd build/release && ctest --output-on-failure -j $(JOBS)
 	sh tools/check-embed.sh
-	$(MAKE) --no-print-directory python
 	QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q tests/python
 	sh tools/check-pip.sh
 

@@ -10,7 +10,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 /usr/bin/python3 -m venv --system-site-packages "$work/venv"
 python="$work/venv/bin/python"
-(cd "$top" && "$work/venv/bin/pip" install -q --no-build-isolation --no-index .)
+# The module comes from the optimised tree when make has built it there
+# (setup.py builds it anew otherwise).
+(cd "$top" && QUARLO_CMAKE_BUILD_DIR="$top/build/release" \
+  "$work/venv/bin/pip" install -q --no-build-isolation --no-index .)
 cd "$work"
 site=$("$python" -c 'import sysconfig; print(sysconfig.get_paths()["purelib"])')
 version=$(env -u PYTHONPATH "$python" -c '

@@ -20,8 +20,7 @@ except ImportError:
 @pytest.fixture(scope="session")
 def program() -> Path:
     """The quarlo program: $QUARLO_BINARY, else the one make builds."""
-    for candidate in (os.environ.get("QUARLO_BINARY"), ROOT / "build/release/quarlo",
-                      ROOT / "build/py-cmake/quarlo"):
+    for candidate in (os.environ.get("QUARLO_BINARY"), ROOT / "build/release/quarlo"):
         if candidate and Path(candidate).is_file():
             return Path(candidate)
     pytest.fail("no quarlo program: run make first, or set QUARLO_BINARY")
