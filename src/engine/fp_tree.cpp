@@ -354,14 +354,33 @@ HeaderEntry* TreeArena::take_headers(size_t n) {
   return blocks_[next].entry;
 }
 
-Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
-  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
-  const uint32_t nrefs = reduce_records(e, db);
-  for (int32_t p = 0; p < nfreq; ++p) {
-    const HeaderEntry& h = tree->header[p];
+namespace {
+
+// Gives every header item of `tree` its shortest valid length and its current
+// support, against which path pruning cuts.
+void start_item_tables(Engine& e, const FPTree& tree) {
+  for (int32_t p = 0; p < tree.nheader; ++p) {
+    const HeaderEntry& h = tree.header[p];
     e.prune.item_min_length[h.item] = e.support.min_length_of_support(h.support);
     e.prune.item_cur_support[h.item] = h.support;
   }
+}
+
+// Takes the header supports net of path pruning and clears the ranks.
+void finish_tree(Engine& e, FPTree* tree) {
+  for (int32_t p = 0; p < tree->nheader; ++p) {
+    HeaderEntry& h = tree->header[p];
+    h.support = e.prune.item_cur_support[h.item];
+    e.tree.rank[h.item] = 0;
+  }
+}
+
+}  // namespace
+
+Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
+  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
+  const uint32_t nrefs = reduce_records(e, db);
+  start_item_tables(e, *tree);
   order_insertions(e, nrefs, static_cast<uint32_t>(nfreq));
   CurTran* tran = nullptr;
   const TranRef* refs = e.prune.tran_refs.data();
@@ -371,11 +390,7 @@ Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* lis
     e.prune.cur_tran_length = refs[r].count;
     inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
   }
-  for (int32_t p = 0; p < nfreq; ++p) {
-    HeaderEntry& h = tree->header[p];
-    h.support = e.prune.item_cur_support[h.item];
-    e.tree.rank[h.item] = 0;
-  }
+  finish_tree(e, tree);
   return inserted ? Status() : Status::out_of_tree_nodes();  // no node block to be had
 }
 
@@ -469,7 +484,7 @@ struct ChainNodes {
   Iterator end() const { return {nd, kNoNode}; }
 };
 
-enum class Pruned { kBelowFloor, kKept, kFailed };
+enum class Pruned { kBelowFloor, kKept };
 
 // h's support fell below `floor` when leaf `from` went: the pass ends along
 // the chain (every later leaf still there and too shallow goes), and h is
@@ -483,19 +498,16 @@ Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t 
   return Pruned::kBelowFloor;
 }
 
-// Node pruning of h for a pattern of k items plus h, and h's conditional
-// database in `cdb` (made by init_buf; null to prune only). A pass removes
-// every leaf too shallow for the shortest valid length, which each removal
-// raises; passes repeat while one raised it, and only the leaves the first
-// pass kept can go in later ones (removing a leaf of h never makes another
-// node of h a leaf). The first pass visits `nodes`, in chain order: h's whole
-// chain, or at the top level the listed nodes that can go while the support
-// stays at the floor. It also collects the records: when it leaves the length
-// as it found it those are exactly the records of a walk after the pruning;
-// otherwise they are dropped and collected again.
+// Node pruning of h for a pattern of k items plus h. A pass removes every
+// leaf too shallow for the shortest valid length, which each removal raises;
+// passes repeat while one raised it, and only the leaves the first pass kept
+// can go in later ones (removing a leaf of h never makes another node of h a
+// leaf). The first pass visits `nodes`, in chain order: h's whole chain, or
+// at the top level the listed nodes that can go while the support stays at
+// the floor. Afterwards h's shortest valid length is that of its support.
 template <class Nodes>
 Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t floor,
-                  const Nodes& nodes, TranBuf* cdb) {
+                  const Nodes& nodes) {
   uint32_t len = e.support.min_length_of_support(h->support);
   const uint32_t first_len = len;
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
@@ -512,10 +524,6 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
       }
       leaves.push_back(v);
     }
-    if (cdb != nullptr && contributes(nd[v], k, first_len) && !append_path(e, nd, v, cdb).ok()) {
-      unlink_removed(e, nd);
-      return Pruned::kFailed;
-    }
   }
   for (uint32_t before = first_len; len != before;) {
     before = len;
@@ -526,10 +534,7 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
     }
   }
   unlink_removed(e, nd);
-  if (cdb == nullptr || (prunes && len == first_len)) return Pruned::kKept;
-  cdb->position = 0;
-  cdb->data[0] = 0;
-  return collect_conditional(e, nd, h->head, k, len, cdb).ok() ? Pruned::kKept : Pruned::kFailed;
+  return Pruned::kKept;
 }
 
 }  // namespace
@@ -571,6 +576,148 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
   FPTree tree = {};
   s = create_fptree(e, cdb, nfreq, list, &tree);
   free_buf(&e.pool, cdb);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
+                  sites::kConditionalTree.line);
+    free_fptree(&tree);
+    return s;
+  }
+  ++e.counters.conditional_trees;
+  s = gen_freqpattern(e, &tree, q, depth + 1);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
+                  sites::kConditionalMine.line);
+  }
+  return s;
+}
+
+// Counts the conditional database of the chain from `chain` (nodes of the
+// tree on top of the arena) as collect_conditional would write it under
+// `len` for a pattern of k items plus the chain's item: every node with a
+// count that contributes adds it to each ancestor's item in e.items and is
+// listed in record_nodes. Returns the number of items met; *total gets the
+// number of ancestors, the room their records take.
+uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* total) {
+  const FPNode* nd = e.tree.arena.nodes();
+  int32_t* support = e.items.support.data();
+  uint32_t* touched = e.items.touched.data();
+  std::vector<NodeId>& listed = e.tree.record_nodes;
+  listed.clear();
+  uint32_t met = 0;
+  size_t ancestors = 0;
+  for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
+    const FPNode& node = nd[v];
+    if (node.count == 0 || !contributes(node, k, len)) continue;
+    listed.push_back(v);
+    ancestors += node.depth() - 1;
+    const int32_t w = node.count;
+    for (NodeId a = node.parent; nd[a].parent != kNoNode; a = nd[a].parent) {
+      const uint32_t item = nd[a].item;
+      if (support[item] == 0) touched[met++] = item;
+      support[item] += w;
+    }
+  }
+  *total = ancestors;
+  return met;
+}
+
+bool by_rank(const TranSlot& a, const TranSlot& b) { return a.aux < b.aux; }
+
+// Orders records[0, n) into `ordered` longest first, records of equal length
+// in chain order (a stable counting sort by length, as order_insertions).
+void order_records(TreeScratch& t, uint32_t n, uint32_t max_length) {
+  const CondRecord* recs = t.records.data();
+  t.length_start.assign(max_length + 2, 0);
+  for (uint32_t r = 0; r < n; ++r) ++t.length_start[max_length - recs[r].n + 1];
+  for (uint32_t k = 1; k < t.length_start.size(); ++k) t.length_start[k] += t.length_start[k - 1];
+  for (uint32_t r = 0; r < n; ++r) t.ordered[t.length_start[max_length - recs[r].n]++] = recs[r];
+}
+
+// Builds `tree` from the records of the listed nodes (record_nodes, in the
+// tree below it on the arena) and the frequent-item list of their items:
+// each record keeps its frequent items, least frequent first, and the
+// records go in longest first, ties in chain order, with path pruning, as
+// create_fptree builds the tree of the same records written to a buffer.
+// `total` bounds the records' items. Out of memory or of tree nodes after a
+// trace.
+Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t total,
+                        FPTree* tree) {
+  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
+  TreeScratch& t = e.tree;
+  const size_t nodes = t.record_nodes.size();
+  try {
+    if (total > UINT32_MAX) throw std::bad_alloc();
+    if (t.record_items.size() < total) t.record_items.resize(total);
+    if (t.records.size() < nodes) {
+      t.records.resize(nodes);
+      t.ordered.resize(nodes);
+    }
+  } catch (const std::bad_alloc&) {
+    finish_tree(e, tree);
+    e.rep->trace_errno("malloc");
+    return Status::out_of_memory();
+  }
+  const FPNode* nd = t.arena.nodes();  // start_tree may have moved them
+  const uint32_t* rank = t.rank.data();
+  TranSlot* items = t.record_items.data();
+  CondRecord* recs = t.records.data();
+  uint32_t nrecs = 0;
+  uint32_t at = 0;
+  for (NodeId v : t.record_nodes) {
+    const uint32_t start = at;
+    for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
+      const uint32_t r = rank[nd[a].item];
+      if (r != 0) items[at++] = {nd[a].item, r};
+    }
+    const uint32_t n = at - start;
+    if (n == 0) continue;
+    // Ancestors come least frequent first in the parent's order, which the
+    // new ranks mostly keep.
+    TranSlot* s = items + start;
+    if (!std::is_sorted(s, s + n, by_rank)) sort_short(s, n, by_rank);
+    recs[nrecs++] = {start, n, nd[v].count};
+  }
+  start_item_tables(e, *tree);
+  order_records(t, nrecs, static_cast<uint32_t>(nfreq));
+  bool inserted = true;
+  for (uint32_t r = 0; r < nrecs && inserted; ++r) {
+    const CondRecord& c = t.ordered[r];
+    const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
+    e.prune.cur_tran_length = c.n;
+    inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
+  }
+  finish_tree(e, tree);
+  return inserted ? Status() : Status::out_of_tree_nodes();  // no node to be had
+}
+
+// Builds the conditional tree of pattern `q` (k + 1 items, the last being
+// the chain's) from the nodes of `chain` that contribute under `len`, taken
+// straight from the tree on top of the arena, and mines it.
+Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint32_t depth) {
+  Status s = size_item_table(&e.items, e.setup().nitems, e.rep);
+  size_t total = 0;
+  uint32_t met = 0;
+  if (s.ok()) {
+    try {
+      met = count_chain(e, chain, q.length - 1, len, &total);
+    } catch (const std::bad_alloc&) {  // the node list could not grow
+      for (uint32_t i = 0; i < e.setup().nitems; ++i) e.items.support[i] = 0;
+      e.rep->trace_errno("malloc");
+      s = Status::out_of_memory();
+    }
+  }
+  if (!s.ok()) {
+    e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", sites::kConditionalItems.module,
+                  sites::kConditionalItems.line);
+    return s;
+  }
+  int32_t nfreq = 0;
+  ItemEntry* list = nullptr;
+  list_touched_items(&e.items, met, static_cast<int32_t>(e.support.lowest_minsup()), &nfreq, &list);
+  if (nfreq <= 0) return s;
+  e.prune.cur_pattern_length = q.length;
+  FPTree tree = {};
+  s = build_from_chain(e, nfreq, list, total, &tree);
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
                   sites::kConditionalTree.line);
@@ -719,29 +866,21 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
 Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const ShallowNodes* listed) {
   FPNode* nd = e.tree.arena.nodes();
   const Pruned pruned = listed != nullptr
-                            ? prune_item(e, nd, h, 0, floor, listed->of(i), nullptr)
-                            : prune_item(e, nd, h, 0, floor, ChainNodes{nd, h->head}, nullptr);
+                            ? prune_item(e, nd, h, 0, floor, listed->of(i))
+                            : prune_item(e, nd, h, 0, floor, ChainNodes{nd, h->head});
   if (pruned == Pruned::kBelowFloor) return Status();
   return e.split()->conditional(e, h->item, h->support, h->head);
 }
 
-// Prunes h, collects its conditional database and mines it below `q`, the
-// pattern that ends with h's item.
+// Prunes h and mines its conditional tree below `q`, the pattern that ends
+// with h's item.
 Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t depth) {
-  TranBuf cdb;
-  if (Status s = init_buf(&e.pool, &cdb); !s.ok()) {
-    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module,
-                  sites::kCollectInitBuf.line);
-    return s;
-  }
   FPNode* nd = e.tree.arena.nodes();
-  const Pruned pruned = prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head}, &cdb);
-  if (pruned != Pruned::kKept) {
-    free_buf(&e.pool, &cdb);
-    return pruned == Pruned::kFailed ? Status::out_of_memory() : Status();
+  if (prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head}) != Pruned::kKept) {
+    return Status();
   }
   q.support = h->support;
-  return mine_conditional(e, q, &cdb, depth);
+  return mine_chain(e, q, h->head, e.support.min_length_of_support(h->support), depth);
 }
 
 // In a restricted run, the lowest header index whose item the run must
@@ -787,7 +926,7 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     if (h->support < floor) continue;
     if (top && e.setup().wanted != nullptr && !(*e.setup().wanted)[h->item]) {
       FPNode* nd = tree->arena->nodes();
-      prune_item(e, nd, h, k, floor, ChainNodes{nd, h->head}, nullptr);
+      prune_item(e, nd, h, k, floor, ChainNodes{nd, h->head});
       continue;
     }
     if (split != nullptr) {

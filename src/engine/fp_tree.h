@@ -141,6 +141,14 @@ struct ChildSlot {
   uint32_t gen;
 };
 
+// A record of a conditional database taken straight from its parent tree:
+// its frequent items lie in TreeScratch::record_items from `start` on.
+struct CondRecord {
+  uint32_t start;
+  uint32_t n;  // its number of frequent items
+  int32_t w;   // its weight: the count of the node it was taken for
+};
+
 // Scratch of the tree builder and the recursion, reused by every tree of a run.
 struct TreeScratch {
   TreeArena arena;  // the nodes and header tables of the run's trees
@@ -163,6 +171,13 @@ struct TreeScratch {
   // Records per length and the ordered refs of the insertion ordering.
   std::vector<uint32_t> length_start;
   std::vector<TranRef> ordered_refs;
+  // A conditional database taken from its parent tree: the nodes of the
+  // item's chain that give a record, the records' frequent items (ranked,
+  // least frequent first), the records in chain order and in insertion order.
+  std::vector<NodeId> record_nodes;
+  std::vector<TranSlot> record_items;
+  std::vector<CondRecord> records;
+  std::vector<CondRecord> ordered;
   // The items of the pattern being extended (each level writes its own slot)
   // and the ancestor items of one node.
   std::vector<uint32_t> items;
