@@ -111,6 +111,60 @@ TEST_F(Support, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
   EXPECT_EQ(counts(), (U{50, 50, 20, 20}));
 }
 
+// The searched answer from 100 on: the shortest length from 2 on whose
+// running minimum is at most `support`, or the last length when none is.
+uint32_t searched_length(const SupportTable& t, int32_t support) {
+  const uint32_t n = t.lengths();
+  if (n <= 2) return n;
+  for (uint32_t len = 2; len < n; ++len) {
+    if (static_cast<int64_t>(t.bound_of_length(len)) <= support) return len;
+  }
+  return n;
+}
+
+TEST_F(Support, LookupAgreesWithTheSearchOnBothSidesOfItsTables) {
+  // Steps below, across and far above the directly looked-up supports: a
+  // count of 2^20 + 5 puts the step of length 3 beyond the direct table.
+  const uint32_t big = SupportTable::kMostDirect + 5;
+  const struct {
+    LengthCounts pairs;
+    uint32_t ntrans, nitems;
+  } cases[] = {
+      {{{1, 5000}, {3, 700}, {5, 120}, {8, 30}}, 10000, 9},
+      {{{1, 3 * big}, {3, big}, {4, 1000}, {6, 101}}, 4 * big, 7},
+      {{{1, 50}, {2, 40}}, 100, 3},
+      {{{1, 500}}, 1000, 2},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(table_.set_pairs(c.pairs, "pairs", c.ntrans, c.nitems, 1, &rep_).ok());
+    std::vector<int32_t> probes = {100, 101, INT32_MAX};
+    for (uint32_t len = 1; len <= c.nitems; ++len) {
+      const int32_t b = static_cast<int32_t>(table_.bound_of_length(len));
+      for (int32_t d = -2; d <= 2; ++d) {
+        if (b + d >= 100) probes.push_back(b + d);
+      }
+    }
+    probes.push_back(static_cast<int32_t>(SupportTable::kMostDirect) - 1);
+    probes.push_back(static_cast<int32_t>(SupportTable::kMostDirect));
+    for (int32_t s : probes) {
+      EXPECT_EQ(table_.min_length_of_support(s), searched_length(table_, s))
+          << c.nitems << " lengths, count " << s;
+    }
+    // A restored table answers as the one it was saved from.
+    SupportTable copy;
+    const std::vector<uint32_t> words = table_.save();
+    ASSERT_TRUE(copy.restore(words.data(), words.size()));
+    for (int32_t s : probes) EXPECT_EQ(copy.min_length_of_support(s), table_.min_length_of_support(s));
+  }
+  // A constant table keeps its stored answers below 100 (the minimum size
+  // whatever the count) and searches above.
+  table_.set_constant(300, 1000, 6, 3);
+  EXPECT_EQ(table_.min_length_of_support(10), 3u);
+  EXPECT_EQ(table_.min_length_of_support(299), 6u);
+  EXPECT_EQ(table_.min_length_of_support(300), 3u);
+  EXPECT_EQ(table_.min_length_of_support(1001), 2u);
+}
+
 TEST_F(Support, BadTablesFailWithTheirMessage) {
   const std::string tbl = path("tbl");
   const std::string no_length_one =

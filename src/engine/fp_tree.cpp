@@ -18,8 +18,15 @@ namespace {
 // of sparse data can have thousands) has all of them, and its last child under
 // the key kLastChild, in the child index keyed by (parent, item); other nodes
 // are searched by walking their child list.
-constexpr uint32_t kScanChildren = 8;
 constexpr uint32_t kLastChild = 0xffffffffu;
+constexpr uint32_t kWide = 0x80000000u;  // depth_wide: more than kScanChildren children
+
+// Nodes the arena holds at first, and the most it may hold: depths stay below
+// the wide bit, since a path has fewer nodes than the arena.
+constexpr NodeId kFirstNodes = 4096;
+constexpr NodeId kMostNodes = 0x7fffffffu;
+// Header entries of the arena's first block.
+constexpr size_t kFirstHeaders = 4096;
 
 // Orders tran_refs[0, n) longest record first, records of equal length in
 // database order. reduce_records lists them in database order, so a stable
@@ -47,8 +54,8 @@ bool ensure_rank(TreeScratch& t, uint32_t nitems) {
   return true;
 }
 
-size_t slot_of(const TreeScratch& t, const FPNode* parent, uint32_t item) {
-  uint64_t h = reinterpret_cast<uintptr_t>(parent) * 0x9e3779b97f4a7c15ull;
+size_t slot_of(const TreeScratch& t, NodeId parent, uint32_t item) {
+  uint64_t h = parent * 0x9e3779b97f4a7c15ull;
   h ^= (item + 0x632be59bd9b4e019ull) * 0xc2b2ae3d27d4eb4full;
   return static_cast<size_t>(h ^ (h >> 29)) & t.slot_mask;
 }
@@ -62,7 +69,7 @@ void start_child_index(TreeScratch& t) {
   t.index_ok = true;
 }
 
-void put_slot(TreeScratch& t, const FPNode* parent, uint32_t item, FPNode* child) {
+void put_slot(TreeScratch& t, NodeId parent, uint32_t item, NodeId child) {
   ChildSlot* slots = t.slots;
   size_t i = slot_of(t, parent, item);
   while (slots[i].gen == t.gen && (slots[i].parent != parent || slots[i].item != item)) {
@@ -89,7 +96,7 @@ bool grow_child_index(TreeScratch& t) {
   return true;
 }
 
-void index_child(TreeScratch& t, const FPNode* parent, uint32_t item, FPNode* child) {
+void index_child(TreeScratch& t, NodeId parent, uint32_t item, NodeId child) {
   if (!t.index_ok) return;
   if (2 * (t.slots_used + 1) > (t.slots == nullptr ? 0 : t.slot_mask + 1) && !grow_child_index(t)) {
     t.index_ok = false;
@@ -98,29 +105,29 @@ void index_child(TreeScratch& t, const FPNode* parent, uint32_t item, FPNode* ch
   put_slot(t, parent, item, child);
 }
 
-FPNode* indexed_child(const TreeScratch& t, const FPNode* parent, uint32_t item) {
+NodeId indexed_child(const TreeScratch& t, NodeId parent, uint32_t item) {
   for (size_t i = slot_of(t, parent, item);; i = (i + 1) & t.slot_mask) {
     const ChildSlot& s = t.slots[i];
-    if (s.gen != t.gen) return nullptr;
+    if (s.gen != t.gen) return kNoNode;
     if (s.parent == parent && s.item == item) return s.child;
   }
 }
 
-bool is_indexed(const TreeScratch& t, const FPNode* node) {
-  return t.index_ok && node->nchild > kScanChildren;
-}
-
-// Registers the new child `node` of `parent`; a parent that has just become
-// wide gets all its children registered.
-void note_child(TreeScratch& t, FPNode* parent, FPNode* node) {
-  ++parent->nchild;
-  if (parent->nchild < kScanChildren + 1) return;
-  if (parent->nchild == kScanChildren + 1) {
-    for (FPNode* c = parent->first_child; c != nullptr; c = c->next_sibling) {
-      index_child(t, parent, c->item, c);
+// Registers the new child `node` of `parent`, which had `before` children
+// (counted only while the parent is not wide); a parent that has just become
+// wide gets all its children registered. Once the index has failed in a
+// build, no lookup reads it again.
+void note_child(TreeScratch& t, FPNode* nd, NodeId parent, NodeId node, uint32_t before) {
+  FPNode& p = nd[parent];
+  if ((p.depth_wide & kWide) != 0) {
+    index_child(t, parent, nd[node].item, node);
+  } else if (before == kScanChildren) {
+    p.depth_wide |= kWide;
+    for (NodeId c = p.first_child; c != kNoNode; c = nd[c].next_sibling) {
+      index_child(t, parent, nd[c].item, c);
     }
   } else {
-    index_child(t, parent, node->item, node);
+    return;
   }
   index_child(t, parent, kLastChild, node);
 }
@@ -137,12 +144,12 @@ Status header_failure(Engine& e, size_t bytes) {
 
 // Header table in list order.
 Status make_header(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
-  const size_t bytes = sizeof(HeaderEntry) * static_cast<size_t>(nfreq > 0 ? nfreq : 1);
-  tree->header = static_cast<HeaderEntry*>(malloc(bytes));
-  if (tree->header == nullptr) return header_failure(e, bytes);
+  const size_t n = static_cast<size_t>(nfreq > 0 ? nfreq : 1);
+  tree->header = tree->arena->take_headers(n);
+  if (tree->header == nullptr) return header_failure(e, sizeof(HeaderEntry) * n);
   uint32_t* rank = e.tree.rank.data();
   for (int32_t p = 0; p < nfreq; ++p) {
-    tree->header[p] = {*list[p].items, list[p].support, nullptr};
+    tree->header[p] = {*list[p].items, list[p].support, kNoNode};
     rank[*list[p].items] = static_cast<uint32_t>(nfreq - p);
   }
   tree->nheader = nfreq;
@@ -187,58 +194,55 @@ uint32_t reduce_records(Engine& e, TranBuf* db) {
   return nrefs;
 }
 
-// The next free node, or null after a trace when no block can be had.
-FPNode* take_node(Engine& e, FPTree* tree) {
-  if (tree->nodes_used == kNodesPerBlock) {
-    FPNodeBlock* block = static_cast<FPNodeBlock*>(calloc(1, sizeof(FPNodeBlock)));
-    if (block == nullptr) {
-      (void)malloc_failure(e.rep, sites::kNodeBlock, sizeof(FPNodeBlock));
-      return nullptr;
-    }
-    tree->cur_block->next = block;
-    tree->cur_block = block;
-    tree->nodes_used = 0;
-  }
-  return &tree->cur_block->node[tree->nodes_used++];
+// A new node of the tree's arena, or kNoNode after a trace when the arena
+// cannot grow.
+NodeId take_node(Engine& e, FPTree* tree, const Site& site) {
+  size_t bytes = 0;
+  const NodeId id = tree->arena->take_node(&bytes);
+  if (id == kNoNode) (void)malloc_failure(e.rep, site, bytes);
+  return id;
 }
 
 // Makes a child of `parent` for `item` behind `last` (its current last child,
-// or null) and pushes it on the item's header chain. Null when no node is left.
-FPNode* add_child(Engine& e, FPTree* tree, FPNode* parent, FPNode* last, uint32_t item, int32_t w,
-                  HeaderEntry* header) {
-  FPNode* node = take_node(e, tree);
-  if (node == nullptr) return nullptr;
-  node->item = item;
-  node->count = w;
-  node->parent = parent;
-  node->depth = parent->depth + 1;
-  if (last == nullptr) {
-    parent->first_child = node;
-  } else {
-    last->next_sibling = node;
-  }
-  note_child(e.tree, parent, node);
+// or kNoNode; `before` children in all) and pushes it on the item's header
+// chain. kNoNode when no node is left.
+NodeId add_child(Engine& e, FPTree* tree, NodeId parent, NodeId last, uint32_t before,
+                 uint32_t item, int32_t w) {
+  const NodeId id = take_node(e, tree, sites::kNodeBlock);
+  if (id == kNoNode) return kNoNode;
+  FPNode* nd = tree->arena->nodes();
   const uint32_t rank = e.tree.rank[item];
-  HeaderEntry* h = &header[tree->nheader - static_cast<int32_t>(rank)];
-  node->next_link = h->head;
-  h->head = node;
-  return node;
+  HeaderEntry* h = &tree->header[tree->nheader - static_cast<int32_t>(rank)];
+  nd[id] = {item, w, parent, kNoNode, kNoNode, h->head, nd[parent].depth() + 1};
+  h->head = id;
+  if (last == kNoNode) {
+    nd[parent].first_child = id;
+  } else {
+    nd[last].next_sibling = id;
+  }
+  note_child(e.tree, nd, parent, id, before);
+  return id;
 }
 
-// Child of `node` with `item`, or null; *last then gets the last child.
-FPNode* find_child(const TreeScratch& t, FPNode* node, uint32_t item, FPNode** last) {
-  if (is_indexed(t, node)) {
-    FPNode* child = indexed_child(t, node, item);
-    if (child == nullptr) *last = indexed_child(t, node, kLastChild);
+// Child of `node` with `item`, or kNoNode; *last then gets the last child
+// and, when the node is not looked up in the index, *before the number of
+// its children.
+NodeId find_child(const TreeScratch& t, const FPNode* nd, NodeId node, uint32_t item, NodeId* last,
+                  uint32_t* before) {
+  if (t.index_ok && (nd[node].depth_wide & kWide) != 0) {
+    const NodeId child = indexed_child(t, node, item);
+    if (child == kNoNode) *last = indexed_child(t, node, kLastChild);
     return child;
   }
-  FPNode* prev = nullptr;
-  for (FPNode* c = node->first_child; c != nullptr; c = c->next_sibling) {
-    if (c->item == item) return c;
+  NodeId prev = kNoNode;
+  uint32_t k = 0;
+  for (NodeId c = nd[node].first_child; c != kNoNode; c = nd[c].next_sibling, ++k) {
+    if (nd[c].item == item) return c;
     prev = c;
   }
   *last = prev;
-  return nullptr;
+  *before = k;
+  return kNoNode;
 }
 
 // Cuts `item` from a record of weight `w`: its support drops by w and, while
@@ -256,17 +260,18 @@ void cut_item(Engine& e, uint32_t item, int32_t w) {
 // Inserts the current transaction (items by rank ascending, the most frequent
 // last) of weight `w` below `node`, cutting items by path pruning where a new
 // branch would start. False after a trace when no node block can be had.
-bool insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran* tran, int32_t w) {
+bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* tran, int32_t w) {
   const TranSlot* s = tran->slot;
   const uint32_t reach = e.prune.cur_pattern_length + e.prune.cur_tran_length;
   const uint32_t* min_length = e.prune.item_min_length.data();
   int32_t n = tran->n;
   while (n > 0) {
     uint32_t x = s[n - 1].item;
-    FPNode* last = nullptr;
-    FPNode* child = find_child(e.tree, node, x, &last);
-    if (child != nullptr) {
-      child->count += w;
+    NodeId last = kNoNode;
+    uint32_t before = 0;
+    NodeId child = find_child(e.tree, tree->arena->nodes(), node, x, &last, &before);
+    if (child != kNoNode) {
+      tree->arena->nodes()[child].count += w;
     } else {
       bool cut = false;
       while (min_length[x] > reach) {
@@ -276,8 +281,8 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran*
         cut = true;
       }
       if (cut) continue;
-      child = add_child(e, tree, node, last, x, w, tree->header);
-      if (child == nullptr) return false;
+      child = add_child(e, tree, node, last, before, x, w);
+      if (child == kNoNode) return false;
     }
     if (n < 2) return true;
     --n;
@@ -286,21 +291,18 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, FPNode* node, const CurTran*
   return true;
 }
 
-// Starts `tree` with its header, its first block and the root.
+// Starts `tree` on the run's arena with its header and the root.
 Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
+  tree->arena = &e.tree.arena;
+  tree->start = tree->arena->mark();
   if (!ensure_rank(e.tree, e.setup().nitems)) {
     return header_failure(e, 4 * (static_cast<size_t>(e.setup().nitems) + 1));
   }
   if (Status s = make_header(e, nfreq, list, tree); !s.ok()) return s;
   start_child_index(e.tree);
-  tree->first_block = static_cast<FPNodeBlock*>(calloc(1, sizeof(FPNodeBlock)));
-  if (tree->first_block == nullptr) {
-    (void)malloc_failure(e.rep, sites::kFirstBlock, sizeof(FPNodeBlock));
-    return Status::out_of_tree_nodes();
-  }
-  tree->cur_block = tree->first_block;
-  tree->root = &tree->first_block->node[0];
-  tree->nodes_used = 1;
+  tree->root = take_node(e, tree, sites::kFirstBlock);
+  if (tree->root == kNoNode) return Status::out_of_tree_nodes();
+  tree->arena->nodes()[tree->root] = {0, 0, kNoNode, kNoNode, kNoNode, kNoNode, 0};
   return Status();
 }
 
@@ -308,14 +310,77 @@ Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree)
 
 TreeScratch::~TreeScratch() { free(slots); }
 
-Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
-  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
-  const uint32_t nrefs = reduce_records(e, db);
-  for (int32_t p = 0; p < nfreq; ++p) {
-    const HeaderEntry& h = tree->header[p];
+TreeArena::~TreeArena() {
+  free(node_);
+  for (const Block& b : blocks_) free(b.entry);
+}
+
+bool TreeArena::grow(size_t* bytes) {
+  const NodeId cap = cap_ == 0 ? kFirstNodes : (cap_ > kMostNodes / 2 ? kMostNodes : 2 * cap_);
+  *bytes = sizeof(FPNode) * static_cast<size_t>(cap);
+  if (cap <= cap_) return false;
+  FPNode* moved = static_cast<FPNode*>(realloc(node_, *bytes));
+  if (moved == nullptr) return false;
+  node_ = moved;
+  cap_ = cap;
+  return true;
+}
+
+HeaderEntry* TreeArena::take_headers(size_t n) {
+  if (block_ < blocks_.size() && blocks_[block_].cap - headers_used_ >= n) {
+    HeaderEntry* at = blocks_[block_].entry + headers_used_;
+    headers_used_ += n;
+    return at;
+  }
+  // The next block, made (or remade, when too small: nothing lies in a block
+  // above the current one) to hold n entries.
+  const uint32_t next = blocks_.empty() ? 0 : block_ + 1;
+  if (next == blocks_.size() || blocks_[next].cap < n) {
+    const size_t last_cap = blocks_.empty() ? kFirstHeaders / 2 : blocks_.back().cap;
+    const size_t cap = std::max(n, 2 * last_cap);
+    HeaderEntry* entry = static_cast<HeaderEntry*>(malloc(sizeof(HeaderEntry) * cap));
+    if (entry == nullptr) return nullptr;
+    try {
+      if (next == blocks_.size()) blocks_.push_back({nullptr, 0});
+    } catch (const std::bad_alloc&) {
+      free(entry);
+      return nullptr;
+    }
+    free(blocks_[next].entry);
+    blocks_[next] = {entry, cap};
+  }
+  block_ = next;
+  headers_used_ = n;
+  return blocks_[next].entry;
+}
+
+namespace {
+
+// Gives every header item of `tree` its shortest valid length and its current
+// support, against which path pruning cuts.
+void start_item_tables(Engine& e, const FPTree& tree) {
+  for (int32_t p = 0; p < tree.nheader; ++p) {
+    const HeaderEntry& h = tree.header[p];
     e.prune.item_min_length[h.item] = e.support.min_length_of_support(h.support);
     e.prune.item_cur_support[h.item] = h.support;
   }
+}
+
+// Takes the header supports net of path pruning and clears the ranks.
+void finish_tree(Engine& e, FPTree* tree) {
+  for (int32_t p = 0; p < tree->nheader; ++p) {
+    HeaderEntry& h = tree->header[p];
+    h.support = e.prune.item_cur_support[h.item];
+    e.tree.rank[h.item] = 0;
+  }
+}
+
+}  // namespace
+
+Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
+  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
+  const uint32_t nrefs = reduce_records(e, db);
+  start_item_tables(e, *tree);
   order_insertions(e, nrefs, static_cast<uint32_t>(nfreq));
   CurTran* tran = nullptr;
   const TranRef* refs = e.prune.tran_refs.data();
@@ -325,36 +390,24 @@ Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* lis
     e.prune.cur_tran_length = refs[r].count;
     inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
   }
-  for (int32_t p = 0; p < nfreq; ++p) {
-    HeaderEntry& h = tree->header[p];
-    h.support = e.prune.item_cur_support[h.item];
-    e.tree.rank[h.item] = 0;
-  }
+  finish_tree(e, tree);
   return inserted ? Status() : Status::out_of_tree_nodes();  // no node block to be had
 }
 
 void free_fptree(FPTree* tree) {
-  for (FPNodeBlock* b = tree->first_block; b != nullptr;) {
-    FPNodeBlock* next = b->next;
-    free(b);
-    b = next;
-  }
-  free(tree->header);
-  tree->first_block = tree->cur_block = nullptr;
-  tree->header = nullptr;
-  tree->root = nullptr;
-  tree->nheader = 0;
+  if (tree->arena != nullptr) tree->arena->release(tree->start);
+  *tree = {};
 }
 
 namespace {
 
 // Appends the record of node `v` to `cdb`: its ancestors below the root,
 // least frequent first, weighted by v's count (nothing for a removed node).
-Status append_path(Engine& e, const FPNode* v, TranBuf* cdb) {
+Status append_path(Engine& e, const FPNode* nd, NodeId v, TranBuf* cdb) {
   uint32_t* path = e.tree.path.data();
   uint32_t n = 0;
-  for (const FPNode* a = v->parent; a->parent != nullptr; a = a->parent) path[n++] = a->item;
-  Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(v->count));
+  for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) path[n++] = nd[a].item;
+  Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(nd[v].count));
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module,
                   sites::kCollectInsert.line);
@@ -364,130 +417,124 @@ Status append_path(Engine& e, const FPNode* v, TranBuf* cdb) {
 
 // True when node v of a pattern of k items plus v's item is deep enough to
 // give a pattern of `len` items (nodes below the root alone give nothing).
-bool contributes(const FPNode* v, uint32_t k, uint32_t len) {
-  return v->depth > 1 && static_cast<int64_t>(v->depth) + k >= static_cast<int64_t>(len);
+bool contributes(const FPNode& v, uint32_t k, uint32_t len) {
+  const uint32_t depth = v.depth();
+  return depth > 1 && static_cast<int64_t>(depth) + k >= static_cast<int64_t>(len);
 }
 
 // Fills `cdb` with the record of every node of `chain` (linked by
 // next_link) that contributes under `len`.
-Status collect_conditional(Engine& e, const FPNode* chain, uint32_t k, uint32_t len, TranBuf* cdb) {
-  for (const FPNode* v = chain; v != nullptr; v = v->next_link) {
-    if (!contributes(v, k, len)) continue;
-    if (Status s = append_path(e, v, cdb); !s.ok()) return s;
+Status collect_conditional(Engine& e, const FPNode* nd, NodeId chain, uint32_t k, uint32_t len,
+                           TranBuf* cdb) {
+  for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
+    if (!contributes(nd[v], k, len)) continue;
+    if (Status s = append_path(e, nd, v, cdb); !s.ok()) return s;
   }
   return Status();
 }
 
 // True when leaf v of a pattern of k items plus v's item is too shallow to
 // give a pattern of the shortest valid length `len`.
-bool too_shallow(const FPNode* v, uint32_t k, uint32_t len) {
-  return static_cast<int64_t>(v->depth) + k < static_cast<int64_t>(len);
+bool too_shallow(const FPNode& v, uint32_t k, uint32_t len) {
+  return static_cast<int64_t>(v.depth()) + k < static_cast<int64_t>(len);
 }
 
 // Removes leaf `v` of h: its count leaves h's support, `*len` follows, and
 // v keeps its place in h's chain with a zero count (so no record is ever
 // collected from it) until it leaves its parent's children with the others.
-void remove_leaf(Engine& e, HeaderEntry* h, FPNode* v, uint32_t* len) {
-  h->support -= v->count;
+void remove_leaf(Engine& e, HeaderEntry* h, FPNode* nd, NodeId v, uint32_t* len) {
+  h->support -= nd[v].count;
   *len = e.support.min_length_of_support(h->support);
   ++e.counters.pruned_nodes;
-  v->count = 0;
+  nd[v].count = 0;
   e.tree.gone.push_back(v);
 }
 
 // Takes node `v` out of its parent's child list; the other children keep
 // their order.
-void unlink_from_parent(FPNode* v) {
-  FPNode** at = &v->parent->first_child;
-  while (*at != v) at = &(*at)->next_sibling;
-  *at = v->next_sibling;
+void unlink_from_parent(FPNode* nd, NodeId v) {
+  NodeId* at = &nd[nd[v].parent].first_child;
+  while (*at != v) at = &nd[*at].next_sibling;
+  *at = nd[v].next_sibling;
 }
 
 // Takes the removed leaves out of their parents' children. Leaves of an item
 // are never parents of nodes of the same item, so unlinking them after the
 // pruning decides exactly as unlinking each one at once.
-void unlink_removed(Engine& e) {
-  for (FPNode* v : e.tree.gone) unlink_from_parent(v);
+void unlink_removed(Engine& e, FPNode* nd) {
+  for (NodeId v : e.tree.gone) unlink_from_parent(nd, v);
   e.tree.gone.clear();
 }
 
 // The nodes of an item's chain, for a range-for.
 struct ChainNodes {
   struct Iterator {
-    FPNode* v;
-    FPNode* operator*() const { return v; }
+    const FPNode* nd;
+    NodeId v;
+    NodeId operator*() const { return v; }
     Iterator& operator++() {
-      v = v->next_link;
+      v = nd[v].next_link;
       return *this;
     }
     bool operator!=(const Iterator& o) const { return v != o.v; }
   };
-  FPNode* head;
-  Iterator begin() const { return {head}; }
-  Iterator end() const { return {nullptr}; }
+  const FPNode* nd;
+  NodeId head;
+  Iterator begin() const { return {nd, head}; }
+  Iterator end() const { return {nd, kNoNode}; }
 };
 
-enum class Pruned { kBelowFloor, kKept, kFailed };
+enum class Pruned { kBelowFloor, kKept };
 
 // h's support fell below `floor` when leaf `from` went: the pass ends along
 // the chain (every later leaf still there and too shallow goes), and h is
 // not extended.
-Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* from, uint32_t k, uint32_t* len) {
-  for (FPNode* v = from->next_link; v != nullptr; v = v->next_link) {
-    if (v->first_child == nullptr && v->count != 0 && too_shallow(v, k, *len))
-      remove_leaf(e, h, v, len);
+Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t k, uint32_t* len) {
+  for (NodeId v = nd[from].next_link; v != kNoNode; v = nd[v].next_link) {
+    if (nd[v].first_child == kNoNode && nd[v].count != 0 && too_shallow(nd[v], k, *len))
+      remove_leaf(e, h, nd, v, len);
   }
-  unlink_removed(e);
+  unlink_removed(e, nd);
   return Pruned::kBelowFloor;
 }
 
-// Node pruning of h for a pattern of k items plus h, and h's conditional
-// database in `cdb` (made by init_buf; null to prune only). A pass removes
-// every leaf too shallow for the shortest valid length, which each removal
-// raises; passes repeat while one raised it, and only the leaves the first
-// pass kept can go in later ones (removing a leaf of h never makes another
-// node of h a leaf). The first pass visits `nodes`, in chain order: h's whole
-// chain, or at the top level the listed nodes that can go while the support
-// stays at the floor. It also collects the records: when it leaves the length
-// as it found it those are exactly the records of a walk after the pruning;
-// otherwise they are dropped and collected again.
+// Node pruning of h for a pattern of k items plus h. A pass removes every
+// leaf too shallow for the shortest valid length, which each removal raises;
+// passes repeat while one raised it, and only the leaves the first pass kept
+// can go in later ones (removing a leaf of h never makes another node of h a
+// leaf). The first pass visits `nodes`, in chain order: h's whole chain, or
+// at the top level the listed nodes that can go while the support stays at
+// the floor. Afterwards h's shortest valid length is that of its support.
 template <class Nodes>
-Pruned prune_item(Engine& e, HeaderEntry* h, uint32_t k, int32_t floor, const Nodes& nodes,
-                  TranBuf* cdb) {
+Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t floor,
+                  const Nodes& nodes) {
   uint32_t len = e.support.min_length_of_support(h->support);
   const uint32_t first_len = len;
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
   const bool prunes = static_cast<int64_t>(k) + 1 < static_cast<int64_t>(len);
-  std::vector<FPNode*>& leaves = e.tree.leaves;
+  std::vector<NodeId>& leaves = e.tree.leaves;
   leaves.clear();
-  for (FPNode* v : nodes) {
+  for (NodeId v : nodes) {
     if (!prunes) break;
-    if (v->first_child == nullptr) {
-      if (too_shallow(v, k, len)) {
-        remove_leaf(e, h, v, &len);
-        if (h->support < floor) return below_floor(e, h, v, k, &len);
+    if (nd[v].first_child == kNoNode) {
+      if (too_shallow(nd[v], k, len)) {
+        remove_leaf(e, h, nd, v, &len);
+        if (h->support < floor) return below_floor(e, h, nd, v, k, &len);
         continue;
       }
       leaves.push_back(v);
     }
-    if (cdb != nullptr && contributes(v, k, first_len) && !append_path(e, v, cdb).ok()) {
-      unlink_removed(e);
-      return Pruned::kFailed;
-    }
   }
   for (uint32_t before = first_len; len != before;) {
     before = len;
-    for (FPNode* v : leaves) {
-      if (v->count == 0 || !too_shallow(v, k, len)) continue;
-      remove_leaf(e, h, v, &len);
-      if (h->support < floor) return below_floor(e, h, v, k, &len);
+    for (NodeId v : leaves) {
+      if (nd[v].count == 0 || !too_shallow(nd[v], k, len)) continue;
+      remove_leaf(e, h, nd, v, &len);
+      if (h->support < floor) return below_floor(e, h, nd, v, k, &len);
     }
   }
-  unlink_removed(e);
-  if (cdb == nullptr || (prunes && len == first_len)) return Pruned::kKept;
-  cdb->position = 0;
-  cdb->data[0] = 0;
-  return collect_conditional(e, h->head, k, len, cdb).ok() ? Pruned::kKept : Pruned::kFailed;
+  unlink_removed(e, nd);
+  return Pruned::kKept;
 }
 
 }  // namespace
@@ -544,9 +591,152 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
   return s;
 }
 
+// Counts the conditional database of the chain from `chain` (nodes of the
+// tree on top of the arena) as collect_conditional would write it under
+// `len` for a pattern of k items plus the chain's item: every node with a
+// count that contributes adds it to each ancestor's item in e.items and is
+// listed in record_nodes. Returns the number of items met; *total gets the
+// number of ancestors, the room their records take.
+uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* total) {
+  const FPNode* nd = e.tree.arena.nodes();
+  int32_t* support = e.items.support.data();
+  uint32_t* touched = e.items.touched.data();
+  std::vector<NodeId>& listed = e.tree.record_nodes;
+  listed.clear();
+  uint32_t met = 0;
+  size_t ancestors = 0;
+  for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
+    const FPNode& node = nd[v];
+    if (node.count == 0 || !contributes(node, k, len)) continue;
+    listed.push_back(v);
+    ancestors += node.depth() - 1;
+    const int32_t w = node.count;
+    for (NodeId a = node.parent; nd[a].parent != kNoNode; a = nd[a].parent) {
+      const uint32_t item = nd[a].item;
+      if (support[item] == 0) touched[met++] = item;
+      support[item] += w;
+    }
+  }
+  *total = ancestors;
+  return met;
+}
+
+bool by_rank(const TranSlot& a, const TranSlot& b) { return a.aux < b.aux; }
+
+// Orders records[0, n) into `ordered` longest first, records of equal length
+// in chain order (a stable counting sort by length, as order_insertions).
+void order_records(TreeScratch& t, uint32_t n, uint32_t max_length) {
+  const CondRecord* recs = t.records.data();
+  t.length_start.assign(max_length + 2, 0);
+  for (uint32_t r = 0; r < n; ++r) ++t.length_start[max_length - recs[r].n + 1];
+  for (uint32_t k = 1; k < t.length_start.size(); ++k) t.length_start[k] += t.length_start[k - 1];
+  for (uint32_t r = 0; r < n; ++r) t.ordered[t.length_start[max_length - recs[r].n]++] = recs[r];
+}
+
+// Builds `tree` from the records of the listed nodes (record_nodes, in the
+// tree below it on the arena) and the frequent-item list of their items:
+// each record keeps its frequent items, least frequent first, and the
+// records go in longest first, ties in chain order, with path pruning, as
+// create_fptree builds the tree of the same records written to a buffer.
+// `total` bounds the records' items. Out of memory or of tree nodes after a
+// trace.
+Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t total,
+                        FPTree* tree) {
+  if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
+  TreeScratch& t = e.tree;
+  const size_t nodes = t.record_nodes.size();
+  try {
+    if (total > UINT32_MAX) throw std::bad_alloc();
+    if (t.record_items.size() < total) t.record_items.resize(total);
+    if (t.records.size() < nodes) {
+      t.records.resize(nodes);
+      t.ordered.resize(nodes);
+    }
+  } catch (const std::bad_alloc&) {
+    finish_tree(e, tree);
+    e.rep->trace_errno("malloc");
+    return Status::out_of_memory();
+  }
+  const FPNode* nd = t.arena.nodes();  // start_tree may have moved them
+  const uint32_t* rank = t.rank.data();
+  TranSlot* items = t.record_items.data();
+  CondRecord* recs = t.records.data();
+  uint32_t nrecs = 0;
+  uint32_t at = 0;
+  for (NodeId v : t.record_nodes) {
+    const uint32_t start = at;
+    for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
+      const uint32_t r = rank[nd[a].item];
+      if (r != 0) items[at++] = {nd[a].item, r};
+    }
+    const uint32_t n = at - start;
+    if (n == 0) continue;
+    // Ancestors come least frequent first in the parent's order, which the
+    // new ranks mostly keep.
+    TranSlot* s = items + start;
+    if (!std::is_sorted(s, s + n, by_rank)) sort_short(s, n, by_rank);
+    recs[nrecs++] = {start, n, nd[v].count};
+  }
+  start_item_tables(e, *tree);
+  order_records(t, nrecs, static_cast<uint32_t>(nfreq));
+  bool inserted = true;
+  for (uint32_t r = 0; r < nrecs && inserted; ++r) {
+    const CondRecord& c = t.ordered[r];
+    const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
+    e.prune.cur_tran_length = c.n;
+    inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
+  }
+  finish_tree(e, tree);
+  return inserted ? Status() : Status::out_of_tree_nodes();  // no node to be had
+}
+
+// Builds the conditional tree of pattern `q` (k + 1 items, the last being
+// the chain's) from the nodes of `chain` that contribute under `len`, taken
+// straight from the tree on top of the arena, and mines it.
+Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint32_t depth) {
+  Status s = size_item_table(&e.items, e.setup().nitems, e.rep);
+  size_t total = 0;
+  uint32_t met = 0;
+  if (s.ok()) {
+    try {
+      met = count_chain(e, chain, q.length - 1, len, &total);
+    } catch (const std::bad_alloc&) {  // the node list could not grow
+      for (uint32_t i = 0; i < e.setup().nitems; ++i) e.items.support[i] = 0;
+      e.rep->trace_errno("malloc");
+      s = Status::out_of_memory();
+    }
+  }
+  if (!s.ok()) {
+    e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", sites::kConditionalItems.module,
+                  sites::kConditionalItems.line);
+    return s;
+  }
+  int32_t nfreq = 0;
+  ItemEntry* list = nullptr;
+  list_touched_items(&e.items, met, static_cast<int32_t>(e.support.lowest_minsup()), &nfreq, &list);
+  if (nfreq <= 0) return s;
+  e.prune.cur_pattern_length = q.length;
+  FPTree tree = {};
+  s = build_from_chain(e, nfreq, list, total, &tree);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
+                  sites::kConditionalTree.line);
+    free_fptree(&tree);
+    return s;
+  }
+  ++e.counters.conditional_trees;
+  s = gen_freqpattern(e, &tree, q, depth + 1);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
+                  sites::kConditionalMine.line);
+  }
+  return s;
+}
+
 bool is_single_path(const FPTree* tree) {
-  for (const FPNode* v = tree->root; v != nullptr; v = v->first_child) {
-    if (v->next_sibling != nullptr) return false;
+  const FPNode* nd = tree->nodes();
+  for (NodeId v = tree->root; v != kNoNode; v = nd[v].first_child) {
+    if (nd[v].next_sibling != kNoNode) return false;
   }
   return true;
 }
@@ -569,13 +759,13 @@ void emit(Engine& e, const Pattern& q) {
 
 // The nodes of the single path below `u` that cannot extend a pattern of k
 // items to any valid length get their counts negated.
-void mark_rare_nodes(Engine& e, FPNode* u, uint32_t k) {
-  const FPNode* end = u;
-  while (end->first_child != nullptr) end = end->first_child;
-  const uint32_t need_max = e.support.bound_of_length(k + end->depth - u->depth);
-  for (FPNode* v = u->first_child; v != nullptr; v = v->first_child) {
-    if (v->count > 0 && !at_least(v->count, need_max)) {
-      v->count = -v->count;
+void mark_rare_nodes(Engine& e, FPNode* nd, NodeId u, uint32_t k) {
+  NodeId end = u;
+  while (nd[end].first_child != kNoNode) end = nd[end].first_child;
+  const uint32_t need_max = e.support.bound_of_length(k + nd[end].depth() - nd[u].depth());
+  for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
+    if (nd[v].count > 0 && !at_least(nd[v].count, need_max)) {
+      nd[v].count = -nd[v].count;
       ++e.counters.marked_nodes;
     }
   }
@@ -583,21 +773,21 @@ void mark_rare_nodes(Engine& e, FPNode* u, uint32_t k) {
 
 // Hands every frequent extension of `p` by nodes of the single path below `u`
 // to the run's sink.
-void mine_path_below(Engine& e, const Pattern& p, FPNode* u) {
+void mine_path_below(Engine& e, const Pattern& p, FPNode* nd, NodeId u) {
   const uint32_t k = p.length;
-  if (k >= e.setup().max_size || u->first_child == nullptr) return;
-  mark_rare_nodes(e, u, k);
+  if (k >= e.setup().max_size || nd[u].first_child == kNoNode) return;
+  mark_rare_nodes(e, nd, u, k);
   Pattern q = {k + 1, p.support, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
-  for (FPNode* v = u->first_child; v != nullptr; v = v->first_child) {
-    if (v->count < 0) continue;
-    q.items[k] = v->item;
-    if (q.support > v->count) q.support = v->count;
+  for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
+    if (nd[v].count < 0) continue;
+    q.items[k] = nd[v].item;
+    if (q.support > nd[v].count) q.support = nd[v].count;
     if (at_least(q.support, need)) emit(e, q);
-    if (v->first_child != nullptr) mine_path_below(e, q, v);
+    if (nd[v].first_child != kNoNode) mine_path_below(e, q, nd, v);
   }
-  for (FPNode* v = u->first_child; v != nullptr; v = v->first_child) {
-    if (v->count < 0) v->count = -v->count;
+  for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
+    if (nd[v].count < 0) nd[v].count = -nd[v].count;
   }
 }
 
@@ -606,7 +796,7 @@ void mine_path_below(Engine& e, const Pattern& p, FPNode* u) {
 void mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   ++e.counters.single_paths;
   e.top_single_path = depth == 1;
-  mine_path_below(e, p, tree->root);
+  mine_path_below(e, p, tree->arena->nodes(), tree->root);
   e.top_single_path = false;
   free_fptree(tree);
 }
@@ -616,15 +806,16 @@ void mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth)
 // the shortest length of the floor. By header index, in chain order.
 struct ShallowNodes {
   std::vector<size_t> start;  // nheader + 1 entries
-  std::vector<FPNode*> nodes;
+  std::vector<NodeId> nodes;
 
-  std::span<FPNode* const> of(int32_t p) const {
+  std::span<const NodeId> of(int32_t p) const {
     return {nodes.data() + start[p], start[p + 1] - start[p]};
   }
 };
 
-// Lists them by one sequential scan of the node blocks; false (nothing
-// listed) when they are not few, so that walking the chains costs as much.
+// Lists them by one sequential scan of the tree's nodes (the last on the
+// arena); false (nothing listed) when they are not few, so that walking the
+// chains costs as much.
 bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNodes* out) {
   std::vector<uint32_t>& index = e.tree.rank;  // all zero between builds: item -> header index + 1
   for (int32_t p = 0; p < tree.nheader; ++p)
@@ -632,17 +823,15 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
   out->start.assign(static_cast<size_t>(tree.nheader) + 1, 0);
   size_t total = 0;
   size_t listed = 0;
+  const FPNode* nd = tree.nodes();
+  const NodeId end = tree.arena->end();
   auto each_node = [&](auto&& visit) {
-    for (const FPNodeBlock* b = tree.first_block; b != nullptr; b = b->next) {
-      const uint32_t used = b == tree.cur_block ? tree.nodes_used : kNodesPerBlock;
-      for (uint32_t k = b == tree.first_block ? 1 : 0; k < used; ++k)
-        visit(const_cast<FPNode*>(&b->node[k]));
-    }
+    for (NodeId v = tree.root + 1; v < end; ++v) visit(v);
   };
-  each_node([&](FPNode* v) {
+  each_node([&](NodeId v) {
     ++total;
-    if (v->depth < bound) {
-      ++out->start[index[v->item]];
+    if (nd[v].depth() < bound) {
+      ++out->start[index[nd[v].item]];
       ++listed;
     }
   });
@@ -653,8 +842,8 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
     out->nodes.resize(listed);
     // Chains run from the newest node to the oldest: fill each range from its end.
     std::vector<size_t> fill(out->start.begin() + 1, out->start.end());
-    each_node([&](FPNode* v) {
-      if (v->depth < bound) out->nodes[--fill[index[v->item] - 1]] = v;
+    each_node([&](NodeId v) {
+      if (nd[v].depth() < bound) out->nodes[--fill[index[nd[v].item] - 1]] = v;
     });
   }
   for (int32_t p = 0; p < tree.nheader; ++p) index[tree.header[p].item] = 0;
@@ -675,29 +864,23 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
 // Prunes top item h (header index i) and hands its pruned chain to the run's
 // split, which collects and mines its conditional database.
 Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const ShallowNodes* listed) {
+  FPNode* nd = e.tree.arena.nodes();
   const Pruned pruned = listed != nullptr
-                            ? prune_item(e, h, 0, floor, listed->of(i), nullptr)
-                            : prune_item(e, h, 0, floor, ChainNodes{h->head}, nullptr);
+                            ? prune_item(e, nd, h, 0, floor, listed->of(i))
+                            : prune_item(e, nd, h, 0, floor, ChainNodes{nd, h->head});
   if (pruned == Pruned::kBelowFloor) return Status();
   return e.split()->conditional(e, h->item, h->support, h->head);
 }
 
-// Prunes h, collects its conditional database and mines it below `q`, the
-// pattern that ends with h's item.
+// Prunes h and mines its conditional tree below `q`, the pattern that ends
+// with h's item.
 Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t depth) {
-  TranBuf cdb;
-  if (Status s = init_buf(&e.pool, &cdb); !s.ok()) {
-    e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module,
-                  sites::kCollectInitBuf.line);
-    return s;
-  }
-  const Pruned pruned = prune_item(e, h, q.length - 1, floor, ChainNodes{h->head}, &cdb);
-  if (pruned != Pruned::kKept) {
-    free_buf(&e.pool, &cdb);
-    return pruned == Pruned::kFailed ? Status::out_of_memory() : Status();
+  FPNode* nd = e.tree.arena.nodes();
+  if (prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head}) != Pruned::kKept) {
+    return Status();
   }
   q.support = h->support;
-  return mine_conditional(e, q, &cdb, depth);
+  return mine_chain(e, q, h->head, e.support.min_length_of_support(h->support), depth);
 }
 
 // In a restricted run, the lowest header index whose item the run must
@@ -742,7 +925,8 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
       e.setup().progress->top_items(tree->nheader - i, tree->nheader);
     if (h->support < floor) continue;
     if (top && e.setup().wanted != nullptr && !(*e.setup().wanted)[h->item]) {
-      prune_item(e, h, k, floor, ChainNodes{h->head}, nullptr);
+      FPNode* nd = tree->arena->nodes();
+      prune_item(e, nd, h, k, floor, ChainNodes{nd, h->head});
       continue;
     }
     if (split != nullptr) {
@@ -756,7 +940,7 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     if (!s.ok()) return s;
   }
   if (split != nullptr) {
-    *tree = {};  // the split releases it
+    *tree = {};  // the split holds it from here
   } else {
     free_fptree(tree);
   }
@@ -765,13 +949,14 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
 
 }  // namespace
 
-Status collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb) {
+Status collect_top_item(Engine& e, const FPTree& top, int32_t support, NodeId chain, TranBuf* cdb) {
   if (Status s = init_buf(&e.pool, cdb); !s.ok()) {
     e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module,
                   sites::kCollectInitBuf.line);
     return s;
   }
-  Status s = collect_conditional(e, chain, 0, e.support.min_length_of_support(support), cdb);
+  Status s = collect_conditional(e, top.nodes(), chain, 0, e.support.min_length_of_support(support),
+                                 cdb);
   if (!s.ok()) free_buf(&e.pool, cdb);
   return s;
 }
@@ -797,9 +982,9 @@ Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb
   return mine_conditional(e, q, cdb, 1);
 }
 
-Status mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+Status mine_top_item(Engine& e, const FPTree& top, uint32_t item, int32_t support, NodeId chain) {
   TranBuf cdb;
-  if (Status s = collect_top_item(e, support, chain, &cdb); !s.ok()) return s;
+  if (Status s = collect_top_item(e, top, support, chain, &cdb); !s.ok()) return s;
   return mine_top_database(e, item, support, &cdb);
 }
 

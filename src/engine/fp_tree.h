@@ -2,12 +2,13 @@
 // it: trees are built with path pruning by the length-decreasing support,
 // mined with node pruning, conditional trees and a single-path shortcut, and
 // every frequent pattern goes to the run's pattern sink. The run's
-// TreeScratch holds the item-rank index, the child index and the
-// insertion-order scratch used while a tree is built, and the pattern scratch
-// of the recursion.
+// TreeScratch holds the arena of every tree's nodes and header table, the
+// item-rank index, the child index and the insertion-order scratch used
+// while a tree is built, and the pattern scratch of the recursion.
 #ifndef QUARLO_ENGINE_FP_TREE_H_
 #define QUARLO_ENGINE_FP_TREE_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -21,43 +22,105 @@ namespace quarlo::detail {
 
 class Engine;
 
+// Index of a node in the run's node arena; 0 stands for no node.
+using NodeId = uint32_t;
+constexpr NodeId kNoNode = 0;
+
 // A tree node. `count` is the weighted number of records through the node;
 // the single-path enumeration negates it for a while to mark the node.
+// Links are arena indices: seven words, where the pointer form took twelve.
+// The child count only decides when a node's children go into the child
+// index, so it is not kept: the top bit of `depth_wide` says a node has more
+// than kScanChildren children, the other bits are its depth.
 struct FPNode {
   uint32_t item;
   int32_t count;
-  FPNode* parent;       // null for the root
-  FPNode* first_child;  // children in the order they were made
-  FPNode* next_sibling;
-  FPNode* next_link;  // next node of the same item (header chain)
-  uint32_t depth;     // edges from the root (root 0)
-  uint32_t nchild;    // children made while the tree was built
-};
-static_assert(sizeof(FPNode) == 48, "FPNode should stay six words");
+  NodeId parent;       // kNoNode for the root
+  NodeId first_child;  // children in the order they were made
+  NodeId next_sibling;
+  NodeId next_link;     // next node of the same item (header chain)
+  uint32_t depth_wide;  // edges from the root (root 0), and the wide bit
 
-// Nodes come from zero-filled blocks of this many; blocks are never split.
-constexpr uint32_t kNodesPerBlock = 100;
-
-struct FPNodeBlock {
-  FPNodeBlock* next;  // null for the last block
-  FPNode node[kNodesPerBlock];
+  uint32_t depth() const { return depth_wide & 0x7fffffffu; }
 };
+static_assert(sizeof(FPNode) == 28, "FPNode should stay seven words");
+
+// A node has children in the child index from this many on.
+constexpr uint32_t kScanChildren = 8;
 
 // One frequent item of a tree, in the order of the frequent-item list.
 struct HeaderEntry {
   uint32_t item;
   int32_t support;  // support in this tree, net of path and node pruning
-  FPNode* head;     // most recently made node of the item; the chain ends with the first
+  NodeId head;      // most recently made node of the item; the chain ends with the first
+};
+
+// The nodes and header tables of every tree of a run, taken and given back
+// as a stack: a tree takes its nodes and its header on top of its parent's
+// and gives them back when it is mined, so the trees of one recursion level
+// reuse the same memory and nothing is allocated once the arena is big
+// enough. Nodes lie in one array (they are reached by index, so the array
+// may move when it grows); header tables lie in blocks that never move,
+// since a level keeps pointers into its own while deeper levels take theirs.
+class TreeArena {
+ public:
+  TreeArena() = default;
+  TreeArena(const TreeArena&) = delete;
+  TreeArena& operator=(const TreeArena&) = delete;
+  ~TreeArena();
+
+  // Where the arena stood: what a tree gives back when it is released.
+  struct Mark {
+    NodeId nodes;
+    uint32_t block;
+    size_t headers;
+  };
+  Mark mark() const { return {used_, block_, headers_used_}; }
+  void release(const Mark& m) {
+    used_ = m.nodes;
+    block_ = m.block;
+    headers_used_ = m.headers;
+  }
+
+  // The node array, valid until the next take_node.
+  FPNode* nodes() { return node_; }
+  const FPNode* nodes() const { return node_; }
+  NodeId end() const { return used_; }
+
+  // A new node (its fields unset), or kNoNode when the array cannot grow;
+  // *bytes then says how much was asked for.
+  NodeId take_node(size_t* bytes) {
+    if (used_ >= cap_ && !grow(bytes)) return kNoNode;
+    return used_++;
+  }
+
+  // Room for n header entries, or null when no block can be had.
+  HeaderEntry* take_headers(size_t n);
+
+ private:
+  bool grow(size_t* bytes);
+
+  FPNode* node_ = nullptr;
+  NodeId used_ = 1;  // node 0 is never handed out
+  NodeId cap_ = 0;
+  struct Block {
+    HeaderEntry* entry;
+    size_t cap;
+  };
+  std::vector<Block> blocks_;
+  uint32_t block_ = 0;      // the block headers are taken from
+  size_t headers_used_ = 0;  // entries taken from it
 };
 
 struct FPTree {
-  FPNode* root;
+  TreeArena* arena;  // null for no tree
+  NodeId root;
   int32_t nheader;
   HeaderEntry* header;
-  FPNodeBlock* first_block;
-  FPNodeBlock* cur_block;
-  uint32_t nodes_used;  // nodes taken from cur_block
-  int32_t top_support;  // support of the most frequent item before any pruning
+  TreeArena::Mark start;  // the arena before the tree: given back on release
+  int32_t top_support;    // support of the most frequent item before any pruning
+
+  const FPNode* nodes() const { return arena->nodes(); }
 };
 
 // How often the recursion took each shortcut in a run.
@@ -72,14 +135,23 @@ struct MiningCounters {
 // One entry of the child index: the child of `parent` with `item`, valid
 // while `gen` is the index's current generation.
 struct ChildSlot {
-  const FPNode* parent;
-  FPNode* child;
+  NodeId parent;
+  NodeId child;
   uint32_t item;
   uint32_t gen;
 };
 
+// A record of a conditional database taken straight from its parent tree:
+// its frequent items lie in TreeScratch::record_items from `start` on.
+struct CondRecord {
+  uint32_t start;
+  uint32_t n;  // its number of frequent items
+  int32_t w;   // its weight: the count of the node it was taken for
+};
+
 // Scratch of the tree builder and the recursion, reused by every tree of a run.
 struct TreeScratch {
+  TreeArena arena;  // the nodes and header tables of the run's trees
   TreeScratch() = default;
   TreeScratch(const TreeScratch&) = delete;
   TreeScratch& operator=(const TreeScratch&) = delete;
@@ -99,14 +171,21 @@ struct TreeScratch {
   // Records per length and the ordered refs of the insertion ordering.
   std::vector<uint32_t> length_start;
   std::vector<TranRef> ordered_refs;
+  // A conditional database taken from its parent tree: the nodes of the
+  // item's chain that give a record, the records' frequent items (ranked,
+  // least frequent first), the records in chain order and in insertion order.
+  std::vector<NodeId> record_nodes;
+  std::vector<TranSlot> record_items;
+  std::vector<CondRecord> records;
+  std::vector<CondRecord> ordered;
   // The items of the pattern being extended (each level writes its own slot)
   // and the ancestor items of one node.
   std::vector<uint32_t> items;
   std::vector<uint32_t> path;
   // The leaves of one header chain that node pruning's first pass kept, and
   // the nodes it marked for removal.
-  std::vector<FPNode*> leaves;
-  std::vector<FPNode*> gone;
+  std::vector<NodeId> leaves;
+  std::vector<NodeId> gone;
   // By item: set while a record from outside is checked for repeats.
   std::vector<char> seen;
 };
@@ -118,7 +197,8 @@ struct TreeScratch {
 // trace.
 Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree);
 
-// Releases every node block and the header table of `tree`.
+// Gives the nodes and the header table of `tree` back to its arena (with
+// everything taken after them); nothing for a tree that is not there.
 void free_fptree(FPTree* tree);
 
 // Sizes the pattern scratch of the recursion for e.setup().nitems items (kept when
@@ -140,23 +220,25 @@ Status gen_freqpattern(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth
 class TopLevelSplit {
  public:
   virtual ~TopLevelSplit() = default;
-  // The tree about to be walked; the split releases it (free_fptree) once
-  // nothing reads its nodes any more.
+  // The tree about to be walked. Its nodes lie on the run's arena, which
+  // holds them until the run's engine goes; a split may give them back
+  // (free_fptree) before, once nothing reads them any more.
   virtual void take_tree(const FPTree& tree) = 0;
   // `item` comes next; its one-item pattern, when it is frequent, follows on
   // the run's sink. A failure after a report.
   virtual Status begin_item(Engine& e, uint32_t item) = 0;
-  // The nodes of `item` left by node pruning (linked by next_link) and its
-  // support. The walk never again writes what mine_top_item reads of them
-  // (their parents, items, counts, depths and this chain), so another thread
-  // may mine them while the walk goes on. A failure after a report.
-  virtual Status conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) = 0;
+  // The nodes of `item` left by node pruning (linked by next_link, in the
+  // tree given to take_tree) and its support. The walk never again writes
+  // what mine_top_item reads of them (their parents, items, counts, depths
+  // and this chain), and takes no more nodes, so another thread may mine
+  // them while the walk goes on. A failure after a report.
+  virtual Status conditional(Engine& e, uint32_t item, int32_t support, NodeId chain) = 0;
 };
 
 // Collects the conditional database of an item with `support` from its
-// pruned `chain` in the top-level tree into `cdb` (made here on e's pool), as
-// a whole run does. Out of memory after a trace.
-Status collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf* cdb);
+// pruned `chain` in the top-level tree `top` into `cdb` (made here on e's
+// pool), as a whole run does. Out of memory after a trace.
+Status collect_top_item(Engine& e, const FPTree& top, int32_t support, NodeId chain, TranBuf* cdb);
 
 // Mines `cdb` (released here), the conditional database of {item} with
 // `support`, into e's sink exactly as a whole run mines it below its top
@@ -165,7 +247,7 @@ Status collect_top_item(Engine& e, int32_t support, const FPNode* chain, TranBuf
 Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb);
 
 // collect_top_item, then mine_top_database.
-Status mine_top_item(Engine& e, uint32_t item, int32_t support, const FPNode* chain);
+Status mine_top_item(Engine& e, const FPTree& top, uint32_t item, int32_t support, NodeId chain);
 
 }  // namespace quarlo::detail
 

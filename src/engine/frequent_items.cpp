@@ -5,8 +5,6 @@
 
 namespace quarlo::detail {
 
-namespace {
-
 // Sizes the tables for `nitems` items unless they are big enough already.
 Status size_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
   if (t->numbers.size() >= nitems && !t->entries.empty()) return Status();
@@ -23,6 +21,8 @@ Status size_item_table(ItemTable* t, uint32_t nitems, Reporter* rep) {
   for (uint32_t i = 0; i < nitems; ++i) t->numbers[i] = i;
   return Status();
 }
+
+namespace {
 
 // Adds every record's weight to its items' supports and updates the input
 // statistics; returns the number of distinct items met.
@@ -75,6 +75,12 @@ Status create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_
   *nfreq = list_items(table, touched, floor);
   *list = (touched == 0) ? nullptr : table->entries.data();
   return Status();
+}
+
+void list_touched_items(ItemTable* table, uint32_t touched, int32_t floor, int32_t* nfreq,
+                        ItemEntry** list) {
+  *nfreq = list_items(table, touched, floor);
+  *list = (touched == 0) ? nullptr : table->entries.data();
 }
 
 Status list_counted_items(ItemTable* table, const uint32_t* supports, int32_t floor,

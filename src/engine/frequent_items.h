@@ -45,6 +45,17 @@ struct ItemTable {
 Status create_freqitemlist(ItemTable* table, TranPool* pool, TranBuf* db, int32_t floor,
                            uint32_t nitems, InputStats* stats, int32_t* nfreq, ItemEntry** list);
 
+// Sizes `table` for `nitems` items (kept when big enough), so that a caller
+// may count supports into table->support itself, noting each item it meets
+// first in table->touched. Out of memory after a trace.
+Status size_item_table(ItemTable* table, uint32_t nitems, Reporter* rep);
+
+// Lists the first `touched` items of table->touched whose support counted in
+// table->support reaches `floor`, ordered as create_freqitemlist orders them,
+// and clears their supports. Same result conventions.
+void list_touched_items(ItemTable* table, uint32_t touched, int32_t floor, int32_t* nfreq,
+                        ItemEntry** list);
+
 // Lists the items whose given support reaches `floor`, ordered as
 // create_freqitemlist orders them, from supports counted elsewhere (one per
 // item number). Same result conventions.

@@ -145,9 +145,9 @@ void Planner::put(const Pattern& p) {
   append_pattern(&record_, p);
 }
 
-Status Planner::conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) {
+Status Planner::conditional(Engine& e, uint32_t item, int32_t support, NodeId chain) {
   TranBuf cdb;
-  if (Status s = collect_top_item(e, support, chain, &cdb); !s.ok()) return s;
+  if (Status s = collect_top_item(e, tree_, support, chain, &cdb); !s.ok()) return s;
   const size_t n = cdb.position / 4 + 1;  // the records and the end word
   try {
     const uint32_t g =
@@ -194,7 +194,6 @@ Status Planner::begin_item(Engine& e, uint32_t) {
 
 void Planner::finish(std::vector<std::string>* parts, std::vector<uint64_t>* work,
                      std::vector<uint32_t>* record) {
-  free_fptree(&tree_);
   if (!started_) start_parts({0, 0, 0, 0});
   *parts = std::move(parts_);
   *work = std::move(work_);

@@ -20,14 +20,13 @@ class Planner : public TopLevelSplit, public PatternSink {
   // Deals the items into `groups` parts as they come, each to the part with
   // the least work so far (the words of the conditional databases).
   explicit Planner(uint32_t groups) : parts_(groups), work_(groups, 0) {}
-  ~Planner() override { free_fptree(&tree_); }
-
+  // The walked tree is only read: its nodes go with the run's arena.
   void take_tree(const FPTree& tree) override { tree_ = tree; }
   Status begin_item(Engine& e, uint32_t) override;
   // Patterns the walk finds itself (one-item patterns; every pattern of a
   // tree that is one path) go to the record.
   void put(const Pattern& p) override;
-  Status conditional(Engine& e, uint32_t item, int32_t support, const FPNode* chain) override;
+  Status conditional(Engine& e, uint32_t item, int32_t support, NodeId chain) override;
 
   // Hands over the parts (each with the run's support table and limits),
   // their work and the run's record. Throws std::bad_alloc.

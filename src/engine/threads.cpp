@@ -123,7 +123,7 @@ struct Task {
   ItemOutput* out;
   uint32_t item;
   int32_t support;
-  const FPNode* chain;
+  NodeId chain;
 };
 
 struct Worker {
@@ -173,7 +173,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
     append_pattern(&outputs_.back()->words, p);
   }
 
-  Status conditional(Engine&, uint32_t item, int32_t support, const FPNode* chain) override {
+  Status conditional(Engine&, uint32_t item, int32_t support, NodeId chain) override {
     {
       std::unique_lock<std::mutex> lock(m_);
       outputs_.back()->done = false;
@@ -245,7 +245,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
     w->sink.start(t->out);
     Status status;
     try {
-      status = mine_top_item(w->e, t->item, t->support, t->chain);
+      status = mine_top_item(w->e, tree_, t->item, t->support, t->chain);
     } catch (const std::bad_alloc&) {  // an item's output buffer could not grow
       w->rep.trace_errno("malloc");
       status = Status::out_of_memory();

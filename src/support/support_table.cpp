@@ -140,6 +140,7 @@ Status SupportTable::set_pairs(const LengthCounts& pairs, const char* name, uint
   make_bound();
   lowest_ = bound_[nitems > 0 ? nitems - 1 : 0];
   for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = search_length(s);
+  make_direct();
   return Status();
 }
 
@@ -151,11 +152,28 @@ void SupportTable::set_constant(uint32_t count, uint32_t ntrans, uint32_t nitems
   for (int32_t s = 0; s < kCacheSize; ++s) shortest_[s] = min_size == 0 ? 1 : min_size;
   block_short_lengths(ntrans, min_size);
   make_bound();
+  make_direct();
 }
 
 void SupportTable::make_bound() {
   bound_ = minsup_;
   for (size_t i = 1; i < bound_.size(); ++i) bound_[i] = std::min(bound_[i], bound_[i - 1]);
+}
+
+// The search compares the support with bound_[1 .. n-2] as signed counts: a
+// support at or above all of them always moves down and ends at length 2
+// (with two lengths or fewer it never compares and answers n). Below that
+// point, and below kMostDirect, every answer is stored.
+void SupportTable::make_direct() {
+  const int64_t n = nlengths_;
+  int32_t top = 0;
+  for (int64_t i = 1; i <= n - 2; ++i) top = std::max(top, static_cast<int32_t>(bound_[i]));
+  same_from_ = top;
+  same_length_ = search_length(top);
+  const uint32_t size = std::max<uint32_t>(kCacheSize, std::min<uint32_t>(top, kMostDirect));
+  direct_.resize(size);
+  std::copy(shortest_, shortest_ + kCacheSize, direct_.begin());
+  for (uint32_t s = kCacheSize; s < size; ++s) direct_[s] = search_length(static_cast<int32_t>(s));
 }
 
 std::vector<uint32_t> SupportTable::save() const {
@@ -180,6 +198,7 @@ bool SupportTable::restore(const uint32_t* words, size_t n) {
   const uint32_t* table = words + 3 + kCacheSize;
   minsup_.assign(table, table + size);
   bound_.assign(table + size, table + 2 * size);
+  make_direct();
   return true;
 }
 

@@ -48,12 +48,21 @@ class SupportTable {
   // length len or shorter with a lower support is ever frequent.
   uint32_t bound_of_length(uint32_t len) const { return bound_[len - 1]; }
 
-  // Supports below this have their shortest length cached.
+  // Supports below this have their shortest length stored with the table
+  // (and saved with it).
   static constexpr int32_t kCacheSize = 100;
 
-  // Shortest length whose minimum support is at most `support` (cached below kCacheSize).
+  // Most supports the direct lookup table covers: beyond it (and below the
+  // supports that all answer the same) the table is searched.
+  static constexpr uint32_t kMostDirect = uint32_t{1} << 20;
+
+  // Shortest length whose minimum support is at most `support`: the stored
+  // lengths below kCacheSize, then the binary search over the table. Every
+  // support up to the point where the search answers a constant is looked up
+  // directly.
   uint32_t min_length_of_support(int32_t support) const {
-    if (support >= 0 && support < kCacheSize) return shortest_[support];
+    if (static_cast<uint32_t>(support) < direct_.size()) return direct_[support];
+    if (support >= same_from_) return same_length_;
     return search_length(support);
   }
 
@@ -71,12 +80,19 @@ class SupportTable {
   uint32_t search_length(int32_t support) const;
   void block_short_lengths(uint32_t ntrans, uint32_t min_size);
   void make_bound();
+  void make_direct();
 
   std::vector<uint32_t> minsup_;  // entry L-1: minimum support count of length L
   std::vector<uint32_t> bound_;   // entry L-1: the least of minsup_[0 .. L-1]
   uint32_t nlengths_ = 0;         // lengths in the table (the number of items)
   uint32_t shortest_[kCacheSize] = {};
   uint32_t lowest_ = 0;
+  // min_length_of_support of every support below direct_.size(), and the
+  // answer of every support from same_from_ on (the search's comparisons all
+  // go one way there).
+  std::vector<uint32_t> direct_;
+  int32_t same_from_ = 0;
+  uint32_t same_length_ = 0;
 };
 
 }  // namespace quarlo::detail
