@@ -20,8 +20,8 @@ using namespace quarlo::detail;
 class LabelledPatternWriter : public PatternSink {
  public:
   // Bytes of section text kept in memory before full chunks go to the
-  // unnamed file.
-  static constexpr size_t kDefaultBudget = size_t{16} << 20;
+  // unnamed file: small outputs never touch it.
+  static constexpr size_t kDefaultBudget = size_t{1} << 20;
 
   LabelledPatternWriter() = default;
   LabelledPatternWriter(const LabelledPatternWriter&) = delete;
