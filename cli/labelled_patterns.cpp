@@ -34,6 +34,13 @@ constexpr size_t kHeadRoom = 64;
 // block, which the compiler inlines; the table is padded to allow it.
 constexpr size_t kShortLabel = 16;
 
+// Copies n bytes in 16-byte blocks, so up to 15 bytes past the end of both
+// sides may be read and written: for the short texts of a line, where a
+// library call per copy costs more than the copy. Callers keep the slack.
+inline void copy_short(char* to, const char* from, size_t n) {
+  for (size_t i = 0; i < n; i += 16) memcpy(to + i, from + i, 16);
+}
+
 bool write_all(int fd, const char* text, size_t n) {
   while (n > 0) {
     const ssize_t w = write(fd, text, n);
@@ -131,7 +138,7 @@ bool LabelledPatternWriter::open(const std::vector<std::string>& labels, uint32_
       const size_t cells = size_t{kLevels} * (kLevels + 1) / 2;
       raw_.assign(kLevels, 0);
       level_items_.assign(cells, 0);
-      level_text_.assign(longest_ * cells, 0);
+      level_text_.assign(longest_ * cells + 16, 0);  // slack for copy_short
       level_size_.assign(kLevels + 1, 0);
     }
     count_texts_.assign(kCountTexts, CountText{-1, 0, {}});
@@ -277,9 +284,10 @@ bool LabelledPatternWriter::extend_level(uint32_t d, uint32_t x) {
   to[j] = x;
   for (uint32_t k = j; k < d; ++k) to[k + 1] = from[k];
   const size_t n = starts[x + 1] - starts[x];
-  memcpy(to_text, from_text, split);
-  memcpy(to_text + split, texts_.data() + starts[x], n);
-  memcpy(to_text + split + n, from_text + split, level_size_[d] - split);
+  // In this order each copy overwrites the slack the one before wrote.
+  copy_short(to_text, from_text, split);
+  copy_short(to_text + split, texts_.data() + starts[x], n);
+  copy_short(to_text + split + n, from_text + split, level_size_[d] - split);
   level_size_[d + 1] = level_size_[d] + n;
   raw_[d] = x;
   return true;
@@ -304,7 +312,7 @@ char* LabelledPatternWriter::put_labels(char* out, const Pattern& p) {
     }
     depth_ = len;
     const size_t size = level_size_[len];
-    memcpy(out, level_text_.data() + longest_ * len * (len - 1) / 2, size);
+    copy_short(out, level_text_.data() + longest_ * len * (len - 1) / 2, size);
     return out + size;
   }
   uint32_t* items = scratch_.data();
