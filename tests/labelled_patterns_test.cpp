@@ -85,14 +85,14 @@ TEST_F(LabelledPatterns, SectionsComeOutInLengthOrderFromMemoryOrSpill) {
     for (size_t budget : {size_t{0}, size_t{1} << 12, LabelledPatternWriter::kDefaultBudget}) {
       LabelledPatternWriter w;
       ASSERT_TRUE(w.open(labels, 9000, dir(), budget));
-      const std::string want = feed(&w, labels, 9000, 20000, 7);
+      const std::string want = feed(&w, labels, 9000, 6000, 7);
       ASSERT_FALSE(w.failed());
-      EXPECT_EQ(w.count(), 20000u);
+      EXPECT_EQ(w.count(), 6000u);
       ASSERT_TRUE(w.write_to(path("out.fp")).ok());
       EXPECT_EQ(read_file(path("out.fp")), want) << "budget " << budget;
       uint64_t sum = 0;
       for (uint32_t c : w.counts()) sum += c;
-      EXPECT_EQ(sum, 20000u);
+      EXPECT_EQ(sum, 6000u);
     }
   }
 }
