@@ -20,10 +20,10 @@
 
 namespace {
 
-// The sanitizer build checks memory and undefined behaviour on a fifth of the
+// The sanitizer build checks memory and undefined behaviour on a tenth of the
 // rounds; the optimised build runs them all.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr int kRoundShare = 5;
+constexpr int kRoundShare = 10;
 #else
 constexpr int kRoundShare = 1;
 #endif
