@@ -322,6 +322,11 @@ class SubsetMemo {
            sizeof(Node) * nodes_.size();
   }
 
+  // Starts loading the home slot of the itemset of length len with hash `hash`.
+  void prefetch(uint64_t hash, uint32_t len) const {
+    if (!slots_.empty()) __builtin_prefetch(&slots_[slot_hash(hash, len) & (slots_.size() - 1)]);
+  }
+
   // The id of q[0..len] without position `skip` (length len, hash `hash`),
   // added when new.
   uint32_t id_of(const uint32_t* q, uint32_t skip, uint32_t len, uint64_t hash) {
@@ -461,8 +466,16 @@ class MemoSearch {
     parents_.clear();
     subsets_.clear();
     const PatternGroup* group = table_->group(j - 1);
+    // The subsets' home slots in both tables first, so that their cache
+    // misses overlap instead of coming one lookup after the other.
+    uint64_t* const subs = sub_hashes_.room(j);
     for (uint32_t t = 0; t < j; ++t) {
-      const uint64_t sub = h - table_->hashes.of(q[t]);
+      subs[t] = h - table_->hashes.of(q[t]);
+      if (group != nullptr) group->prefetch_slot(subs[t]);
+      memo_.prefetch(subs[t], j - 1);
+    }
+    for (uint32_t t = 0; t < j; ++t) {
+      const uint64_t sub = subs[t];
       const uint32_t n = group != nullptr ? group->find(q, t, sub) : kNone;
       if (n != kNone) {
         parents_.push_back(n);
@@ -556,6 +569,7 @@ class MemoSearch {
   PodArray<uint32_t> found_;       // parents written from the level being expanded
   PodArray<uint32_t> parents_;     // expand's results
   PodArray<uint32_t> subsets_;
+  PodArray<uint64_t> sub_hashes_;  // expand's subset hashes
   std::vector<uint32_t> item_copy_;
 };
 
