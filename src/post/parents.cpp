@@ -55,17 +55,23 @@ class ItemHashes {
   std::vector<uint64_t> known_;
 };
 
+// True when a[0..n) equals b[0..n), compared two items at a time.
+bool equal_items(const uint32_t* a, const uint32_t* b, uint32_t n) {
+  uint32_t i = 0;
+  for (; i + 2 <= n; i += 2) {
+    uint64_t x, y;
+    std::memcpy(&x, a + i, 8);
+    std::memcpy(&y, b + i, 8);
+    if (x != y) return false;
+  }
+  return i == n || a[i] == b[i];
+}
+
 // True when a[0..len) equals q[0..len] with q's position `skip` left out;
 // a `skip` of len or more compares q[0..len) directly.
 bool equal_skipping(const uint32_t* a, const uint32_t* q, uint32_t len, uint32_t skip) {
   const uint32_t head = std::min(skip, len);
-  for (uint32_t i = 0; i < head; ++i) {
-    if (a[i] != q[i]) return false;
-  }
-  for (uint32_t i = head; i < len; ++i) {
-    if (a[i] != q[i + 1]) return false;
-  }
-  return true;
+  return equal_items(a, q, head) && equal_items(a + head, q + head + 1, len - head);
 }
 
 // Slots for `count` patterns: a power of two, at most three quarters full.
