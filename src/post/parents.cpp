@@ -297,34 +297,44 @@ class PodArray {
 };
 
 // Every non-frequent itemset the searches meet, with its expansion once it
-// has been made: the ordinals of its frequent subsets one item shorter (its
-// parents) and the ids of its non-frequent ones (the itemsets to search
-// further), each list in the order of the dropped item. Long patterns share
-// most of their non-frequent subsets, so each search replays these lists
-// instead of looking every subset up again. The two lists are kept apart:
-// parents and further itemsets are taken in two separate orders, so nothing
-// is lost by not interleaving them.
+// has been made: one entry per subset one item shorter, in the order of the
+// dropped item, each the ordinal of a frequent subset (a parent) or the id of
+// a non-frequent one (to search further), told apart by the low bit. Long
+// patterns share most of their non-frequent subsets, so each search replays
+// these lists instead of looking every subset up again. The same expansion
+// is also kept as two plain lists, parents then non-frequent ids, each in
+// the order of the dropped item: a replay takes the two kinds in two
+// separate orders, and loops over them without a branch on the kind.
 class SubsetMemo {
  public:
-  // An itemset: where its items and its expansion lie, its length and how
-  // many of its subsets are frequent. Offsets are 32-bit: a memo that would
-  // outgrow them (16 GiB) fails as memory running short.
+  static uint32_t parent_entry(uint32_t ordinal) { return ordinal << 1 | 1u; }
+  static uint32_t memo_entry(uint32_t id) { return id << 1; }
+
+  // An itemset: where its items and its expansion lie, its length, and the
+  // itemset whose expansion first met it (a memo id, or kRoot for the pattern
+  // being searched) with the position of the item dropped from it. Offsets
+  // are 32-bit: a memo that would outgrow them (16 GiB) fails as memory
+  // running short.
   struct Node {
     uint32_t items_at;     // first item in items_
-    uint32_t children_at;  // first child in children_; kNotExpanded before expansion
+    uint32_t children_at;  // first entry in entries_ and in split_; kNotExpanded before expansion
     uint32_t len;
-    uint32_t parents;  // children_at holds `parents` ordinals, then len - parents ids
+    uint32_t parents;  // split_ holds `parents` ordinals, then len - parents ids
+    uint32_t from;
+    uint32_t dropped;
   };
   static constexpr uint32_t kNotExpanded = ~uint32_t{0};
+  static constexpr uint32_t kRoot = ~uint32_t{0};
 
   explicit SubsetMemo(const ItemHashes& hashes) : hashes_(hashes) {}
 
   uint32_t size() const { return static_cast<uint32_t>(nodes_.size()); }
   const Node& node(uint32_t id) const { return nodes_[id]; }
   const uint32_t* items(const Node& n) const { return items_.data() + n.items_at; }
-  const uint32_t* children(const Node& n) const { return children_.data() + n.children_at; }
+  const uint32_t* entries(const Node& n) const { return entries_.data() + n.children_at; }
+  const uint32_t* split(const Node& n) const { return split_.data() + n.children_at; }
   size_t bytes() const {
-    return 4 * (items_.size() + children_.size()) + 8 * slots_.size() +
+    return 4 * (items_.size() + entries_.size() + split_.size()) + 8 * slots_.size() +
            sizeof(Node) * nodes_.size();
   }
 
@@ -334,8 +344,8 @@ class SubsetMemo {
   }
 
   // The id of q[0..len] without position `skip` (length len, hash `hash`),
-  // added when new.
-  uint32_t id_of(const uint32_t* q, uint32_t skip, uint32_t len, uint64_t hash) {
+  // added when new as met by the expansion of `from`.
+  uint32_t id_of(const uint32_t* q, uint32_t skip, uint32_t len, uint64_t hash, uint32_t from) {
     if (nodes_.size() + nodes_.size() / 3 + 1 > slots_.size()) grow();
     const size_t mask = slots_.size() - 1;
     const uint64_t key = slot_hash(hash, len);
@@ -349,12 +359,13 @@ class SubsetMemo {
       const Node& n = nodes_[id];
       if (n.len == len && equal_skipping(items(n), q, len, skip)) return id;
     }
-    if (items_.size() + len >= kNotExpanded || nodes_.size() + 1 >= kNotExpanded) {
+    // Ids stay below 2^31 so that they fit an entry.
+    if (items_.size() + len >= kNotExpanded || nodes_.size() + 1 >= (uint32_t{1} << 31)) {
       throw std::bad_alloc();
     }
     const uint32_t id = size();
     slots_[i] = tag | (uint64_t{id} + 1);
-    nodes_.push_back(Node{static_cast<uint32_t>(items_.size()), kNotExpanded, len, 0});
+    nodes_.push_back(Node{static_cast<uint32_t>(items_.size()), kNotExpanded, len, 0, from, skip});
     uint32_t* to = items_.room(len);
     std::memcpy(to, q, size_t{skip} * 4);
     std::memcpy(to + skip, q + skip + 1, size_t{len - skip} * 4);
@@ -362,25 +373,26 @@ class SubsetMemo {
     return id;
   }
 
-  // Stores the expansion of `id`: the ordinals of its parents, then the ids of
-  // its non-frequent subsets.
-  void set_children(uint32_t id, const PodArray<uint32_t>& parents,
-                    const PodArray<uint32_t>& subsets) {
-    const size_t count = parents.size() + subsets.size();
-    if (children_.size() + count >= kNotExpanded) throw std::bad_alloc();
+  // Stores the expansion of `id`: its entries in the order of the dropped
+  // item, and the same split (`parents` ordinals, then the other ids).
+  void set_children(uint32_t id, const PodArray<uint32_t>& entries,
+                    const PodArray<uint32_t>& split, uint32_t parents) {
+    const size_t count = entries.size();
+    if (entries_.size() + count >= kNotExpanded) throw std::bad_alloc();
     Node& n = nodes_[id];
-    n.children_at = static_cast<uint32_t>(children_.size());
-    n.parents = static_cast<uint32_t>(parents.size());
-    uint32_t* to = children_.room(count);
-    std::memcpy(to, parents.data(), parents.size() * 4);
-    std::memcpy(to + parents.size(), subsets.data(), subsets.size() * 4);
-    children_.set_size(children_.size() + count);
+    n.children_at = static_cast<uint32_t>(entries_.size());
+    n.parents = parents;
+    std::memcpy(entries_.room(count), entries.data(), count * 4);
+    entries_.set_size(entries_.size() + count);
+    std::memcpy(split_.room(count), split.data(), count * 4);
+    split_.set_size(split_.size() + count);
   }
 
   void clear() {
     nodes_.release();
     items_.release();
-    children_.release();
+    entries_.release();
+    split_.release();
     slots_.release();
   }
 
@@ -410,7 +422,8 @@ class SubsetMemo {
   const ItemHashes& hashes_;
   PodArray<Node> nodes_;
   PodArray<uint32_t> items_;
-  PodArray<uint32_t> children_;
+  PodArray<uint32_t> entries_;
+  PodArray<uint32_t> split_;
   PodArray<uint64_t> slots_;  // tag (high bits of the slot hash) | id + 1; 0 is empty
 };
 
@@ -421,6 +434,13 @@ class SubsetMemo {
 // length, so "once per level" is "once per search": both are marked with the
 // search's stamp, parents by their place among all patterns, non-frequent
 // itemsets by their memo id.
+//
+// Every itemset is expanded in the search that first meets it, one level
+// below the itemset W whose expansion met it (W without its item at d). Its
+// subset without the item at t is then W's subset without the item at t
+// (a sibling on the same level) without the item W had at d: when that
+// sibling is non-frequent and already expanded, the entry is read from the
+// sibling's expansion instead of being looked up by hash.
 class MemoSearch {
  public:
   MemoSearch(PatternTable* table, ParentSink* out)
@@ -440,11 +460,12 @@ class MemoSearch {
     next_stamp();
     out_.id(len - 1, ordinal);
     const uint32_t* p = table_->groups[len].items(ordinal);
-    expand(p, len, table_->hashes.of(p, len));
+    expand(p, len, SubsetMemo::kRoot, 0, nullptr);
+    root_.swap(entries_);
     next_.clear();
     found_.clear();
-    take(parents_.data(), static_cast<uint32_t>(parents_.size()), len - 1);
-    queue(subsets_.data(), static_cast<uint32_t>(subsets_.size()));
+    take(split_.data(), parents_, len - 1);
+    queue(split_.data() + parents_, len - parents_);
     if (!found_.empty()) out_.parents(len - 2, found_.data(), found_.size());
     for (uint32_t j = len - 1; j > 0 && !next_.empty(); --j) {
       current_.swap(next_);
@@ -465,29 +486,62 @@ class MemoSearch {
     }
   }
 
-  // Splits the subsets of the itemset q of length j with hash h into
-  // parents_ (ordinals of frequent ones) and subsets_ (memo ids of the
-  // others), each in the order of the dropped item.
-  void expand(const uint32_t* q, uint32_t j, uint64_t h) {
-    parents_.clear();
-    subsets_.clear();
-    const PatternGroup* group = table_->group(j - 1);
-    // The subsets' home slots in both tables first, so that their cache
-    // misses overlap instead of coming one lookup after the other.
-    uint64_t* const subs = sub_hashes_.room(j);
+  // The entries of the subsets of the itemset q of length j (memo id `id`,
+  // or kRoot) into entries_, in the order of the dropped item. `from` holds
+  // the entries of the itemset whose expansion met q (q is it without its
+  // item at `dropped`); nullptr for the pattern itself.
+  void expand(const uint32_t* q, uint32_t j, uint32_t id, uint32_t dropped,
+              const uint32_t* from) {
+    entries_.clear();
+    split_.clear();
+    uint32_t* const out = entries_.room(j);
+    entries_.set_size(j);
+    missing_.clear();
     for (uint32_t t = 0; t < j; ++t) {
-      subs[t] = h - table_->hashes.of(q[t]);
-      if (group != nullptr) group->prefetch_slot(subs[t]);
-      memo_.prefetch(subs[t], j - 1);
-    }
-    for (uint32_t t = 0; t < j; ++t) {
-      const uint64_t sub = subs[t];
-      const uint32_t n = group != nullptr ? group->find(q, t, sub) : kNone;
-      if (n != kNone) {
-        parents_.push_back(n);
-      } else {
-        subsets_.push_back(memo_.id_of(q, t, j - 1, sub));
+      if (from != nullptr) {
+        const uint32_t w = from[t + (t >= dropped ? 1 : 0)];  // the sibling without q[t]
+        if ((w & 1u) == 0) {
+          const SubsetMemo::Node& s = memo_.node(w >> 1);
+          if (s.children_at != SubsetMemo::kNotExpanded) {
+            const uint32_t at = dropped - (dropped > t ? 1 : 0);  // where q's dropped item sits
+            out[t] = memo_.entries(s)[at];
+            continue;
+          }
+        }
       }
+      missing_.push_back(t);
+    }
+    if (!missing_.empty()) look_up(q, j, id);
+    // The same entries split by kind.
+    uint32_t* const split = split_.room(j);
+    uint32_t parents = 0;
+    for (uint32_t t = 0; t < j; ++t) parents += entries_[t] & 1u;
+    for (uint32_t t = 0, p = 0, o = parents; t < j; ++t) {
+      const uint32_t e = entries_[t];
+      split[(e & 1u) != 0 ? p++ : o++] = e >> 1;
+    }
+    split_.set_size(j);
+    parents_ = parents;
+  }
+
+  // Fills the entries of the positions in missing_ by looking their subsets
+  // up by hash.
+  void look_up(const uint32_t* q, uint32_t j, uint32_t id) {
+    // Their home slots in both tables first, so that the cache misses
+    // overlap instead of coming one lookup after the other.
+    const PatternGroup* group = table_->group(j - 1);
+    const uint64_t h = table_->hashes.of(q, j);
+    uint64_t* const subs = sub_hashes_.room(missing_.size());
+    for (size_t k = 0; k < missing_.size(); ++k) {
+      subs[k] = h - table_->hashes.of(q[missing_[k]]);
+      if (group != nullptr) group->prefetch_slot(subs[k]);
+      memo_.prefetch(subs[k], j - 1);
+    }
+    for (size_t k = 0; k < missing_.size(); ++k) {
+      const uint32_t t = missing_[k];
+      const uint32_t n = group != nullptr ? group->find(q, t, subs[k]) : kNone;
+      entries_[t] = n != kNone ? SubsetMemo::parent_entry(n)
+                               : SubsetMemo::memo_entry(memo_.id_of(q, t, j - 1, subs[k], id));
     }
     if (seen_.size() < memo_.size()) seen_.grow_zeroed(memo_.size() + memo_.size() / 2 + 64);
   }
@@ -537,15 +591,17 @@ class MemoSearch {
       if (memo_.node(id).children_at == SubsetMemo::kNotExpanded) {
         next_.set_size(static_cast<size_t>(next - next_.data()));
         const SubsetMemo::Node& n = memo_.node(id);
+        const uint32_t* from =
+            n.from == SubsetMemo::kRoot ? root_.data() : memo_.entries(memo_.node(n.from));
         item_copy_.assign(memo_.items(n), memo_.items(n) + j);
-        expand(item_copy_.data(), j, table_->hashes.of(item_copy_.data(), j));
-        memo_.set_children(id, parents_, subsets_);
+        expand(item_copy_.data(), j, id, n.dropped, from);
+        memo_.set_children(id, entries_, split_, parents_);
         next_.room(memo_.size() - next_.size());
         next = next_.data() + next_.size();
         seen = seen_.data();
       }
       const SubsetMemo::Node& n = memo_.node(id);
-      const uint32_t* c = memo_.children(n);
+      const uint32_t* c = memo_.split(n);
       for (uint32_t i = 0; i < n.parents; ++i) {
         const uint32_t v = c[i];
         *found = v;
@@ -570,12 +626,15 @@ class MemoSearch {
   PodArray<uint32_t> written_;     // by place among all patterns: stamp of the search that wrote it
   PodArray<uint32_t> seen_;        // by memo id: stamp of the search that queued it
   uint32_t stamp_ = 0;
+  PodArray<uint32_t> root_;        // the entries of the pattern being searched
   PodArray<uint32_t> current_;     // memo ids of the level being expanded
   PodArray<uint32_t> next_;        // memo ids of the level below, in the order met
   PodArray<uint32_t> found_;       // parents written from the level being expanded
-  PodArray<uint32_t> parents_;     // expand's results
-  PodArray<uint32_t> subsets_;
-  PodArray<uint64_t> sub_hashes_;  // expand's subset hashes
+  PodArray<uint32_t> entries_;     // expand's result
+  PodArray<uint32_t> split_;       // and the same split by kind
+  uint32_t parents_ = 0;           // how many of them are parents
+  PodArray<uint32_t> missing_;     // expand's positions left to look up
+  PodArray<uint64_t> sub_hashes_;  // and their subsets' hashes
   std::vector<uint32_t> item_copy_;
 };
 
