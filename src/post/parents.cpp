@@ -233,10 +233,10 @@ class PodArray {
     if (size_ == cap_) reserve(size_ + 1);
     data_[size_++] = v;
   }
-  // Room for n more values past the end; the caller writes them and sets the
-  // new size.
+  // Room for n more values past the end (never a null pointer, even for
+  // none); the caller writes them and sets the new size.
   T* room(size_t n) {
-    if (n > cap_ - size_) reserve(size_ + n);
+    if (n > cap_ - size_ || data_ == nullptr) reserve(size_ + n);
     return data_ + size_;
   }
   void set_size(size_t n) { size_ = n; }
