@@ -338,13 +338,6 @@ class SubsetMemo {
            sizeof(Node) * nodes_.size();
   }
 
-  // Start loading the node of `id`, and the split expansion of an expanded one.
-  void prefetch_node(uint32_t id) const { __builtin_prefetch(&nodes_[id]); }
-  void prefetch_lists(uint32_t id) const {
-    const Node& n = nodes_[id];
-    if (n.children_at != kNotExpanded) __builtin_prefetch(split_.data() + n.children_at);
-  }
-
   // Starts loading the home slot of the itemset of length len with hash `hash`.
   void prefetch(uint64_t hash, uint32_t len) const {
     if (!slots_.empty()) __builtin_prefetch(&slots_[slot_hash(hash, len) & (slots_.size() - 1)]);
@@ -484,7 +477,6 @@ class MemoSearch {
 
  private:
   static constexpr size_t kMemoBudget = size_t{512} << 20;
-  static constexpr size_t kAhead = 4;  // itemsets between loading a node and replaying it
 
   void next_stamp() {
     if (++stamp_ == 0) {
@@ -594,15 +586,8 @@ class MemoSearch {
     uint32_t* found = found_.data();
     uint32_t* next = next_.data();
     uint32_t* seen = seen_.data();
-    // The itemsets of a level lie all over the memo: each one's node and its
-    // lists are loaded some itemsets ahead, so that their misses overlap.
-    const size_t count = current_.size();
-    const uint32_t* const ids = current_.data();
-    for (size_t k = 0; k < std::min<size_t>(count, kAhead); ++k) memo_.prefetch_node(ids[k]);
-    for (size_t k = 0; k < count; ++k) {
-      if (k + 2 * kAhead < count) memo_.prefetch_node(ids[k + 2 * kAhead]);
-      if (k + kAhead < count) memo_.prefetch_lists(ids[k + kAhead]);
-      const uint32_t id = ids[k];
+    for (size_t k = 0; k < current_.size(); ++k) {
+      const uint32_t id = current_[k];
       if (memo_.node(id).children_at == SubsetMemo::kNotExpanded) {
         next_.set_size(static_cast<size_t>(next - next_.data()));
         const SubsetMemo::Node& n = memo_.node(id);
