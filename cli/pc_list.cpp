@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -80,7 +81,10 @@ Status open_files(const char* pattern_file, const char* pc_file, LatticeFiles* f
   return status;
 }
 
-// Formats the PC lines into the list's output buffer, digits in place.
+// Formats the PC lines into the list's output buffer. A line's parents come
+// a length at a time, so the " L-" before their ordinals is made once per
+// length; ordinals are copied from a table of their texts, filled as far as
+// the largest ordinal met so far.
 class LineWriter : public ParentSink {
  public:
   explicit LineWriter(OutBuffer* out) : out_(out) {}
@@ -91,16 +95,47 @@ class LineWriter : public ParentSink {
     *p++ = '-';
     out_->commit(put_decimal(p, ordinal));
   }
-  void parent(uint32_t len_minus_one, uint32_t ordinal) override {
-    out_->put_char(' ');
-    id(len_minus_one, ordinal);
+  void parents(uint32_t len_minus_one, const uint32_t* ordinals, size_t count) override {
+    Text prefix{};
+    prefix.chars[0] = ' ';
+    char* end = put_decimal(prefix.chars + 1, len_minus_one);
+    *end++ = '-';
+    const size_t prefix_len = static_cast<size_t>(end - prefix.chars);
+    for (size_t i = 0; i < count; ++i) {
+      const uint32_t n = ordinals[i];
+      if (n >= texts_.size()) extend(n);
+      const Text& t = texts_[n];
+      char* p = out_->reserve(2 * sizeof(Text));
+      memcpy(p, prefix.chars, sizeof(Text));
+      p += prefix_len;
+      memcpy(p, t.chars, sizeof(Text));
+      out_->commit(p + t.chars[sizeof(Text) - 1]);
+    }
   }
   void end() override { out_->put_char('\n'); }
 
  private:
   static constexpr size_t kMaxId = 21;  // two 10-digit numbers and a dash
 
+  // Up to 10 digits (or, as a line's prefix, " L-"), then padding; as an
+  // ordinal's text, the last byte holds its length.
+  struct Text {
+    char chars[16];
+  };
+
+  // Adds the texts of the ordinals up to n and a quarter beyond.
+  void extend(uint32_t n) {
+    const size_t size = size_t{n} + 1 + n / 4;
+    for (size_t v = texts_.size(); v < size; ++v) {
+      Text t{};
+      t.chars[sizeof(Text) - 1] =
+          static_cast<char>(put_decimal(t.chars, static_cast<uint32_t>(v)) - t.chars);
+      texts_.push_back(t);
+    }
+  }
+
   OutBuffer* out_;
+  std::vector<Text> texts_;  // by ordinal: its decimal text
 };
 
 // Reads the next token as read_number does; tokens of up to nine digits,

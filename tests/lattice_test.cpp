@@ -132,4 +132,23 @@ TEST_F(Lattice, HashedSearchMatchesTheReferenceOnRandomSets) {
   }
 }
 
+// One pattern of every item above levels that are all non-frequent down to
+// three items: its search meets every subset of 4 to 16 items (over 100,000
+// itemsets, megabytes of memo, so the memo's arrays outgrow their first
+// blocks and move while the search runs), and the shorter long patterns
+// after it find their subsets already expanded, read through their
+// siblings.
+TEST_F(Lattice, DeepNonFrequentLevelsMatchTheReference) {
+  std::mt19937 rng(7);
+  std::vector<double> rate(18, 0.0);
+  rate[1] = rate[2] = 1.0;
+  rate[3] = 0.7;
+  rate[12] = 0.002;
+  rate[14] = 0.02;
+  rate[17] = 1.0;
+  const std::string text = random_set(&rng, rate, false);
+  ASSERT_GT(text.size(), 1000u);
+  ASSERT_EQ(pc_of(text), quarlo_test::reference_pc_list(text));
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 #ifndef QUARLO_POST_PARENTS_H_
 #define QUARLO_POST_PARENTS_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,13 +14,14 @@
 namespace quarlo::detail {
 
 // Receives the parent-children list a line at a time: id() opens the line of
-// a pattern (its length minus one and its ordinal), parent() adds a parent
-// (same coordinates), end() closes the line.
+// a pattern (its length minus one and its ordinal), parents() adds parents of
+// one length (length minus one, their ordinals in line order), end() closes
+// the line.
 class ParentSink {
  public:
   virtual ~ParentSink() = default;
   virtual void id(uint32_t len_minus_one, uint32_t ordinal) = 0;
-  virtual void parent(uint32_t len_minus_one, uint32_t ordinal) = 0;
+  virtual void parents(uint32_t len_minus_one, const uint32_t* ordinals, size_t count) = 0;
   virtual void end() = 0;
 };
 
