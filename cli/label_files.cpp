@@ -105,7 +105,7 @@ class SectionWriter {
   // Appends n bytes to the section of length len; false when a write failed.
   bool put(uint32_t len, const char* text, size_t n) {
     const size_t k = len - 1;
-    if (bufs_[k] == nullptr) bufs_[k] = std::make_unique<char[]>(cap_);
+    if (bufs_[k] == nullptr) bufs_[k] = std::make_unique_for_overwrite<char[]>(cap_);  // never read unwritten
     while (n > 0) {
       if (used_[k] == cap_ && !write(k)) return false;
       const size_t step = std::min(n, cap_ - used_[k]);
