@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 #include <new>
 #include <span>
 #include <vector>
@@ -27,22 +28,6 @@ constexpr NodeId kFirstNodes = 4096;
 constexpr NodeId kMostNodes = 0x7fffffffu;
 // Header entries of the arena's first block.
 constexpr size_t kFirstHeaders = 4096;
-
-// Orders tran_refs[0, n) longest record first, records of equal length in
-// database order. reduce_records lists them in database order, so a stable
-// counting sort by length gives exactly that order in linear time.
-void order_insertions(Engine& e, uint32_t n, uint32_t max_length) {
-  TreeScratch& t = e.tree;
-  TranRef* tran_refs = e.prune.tran_refs.data();
-  t.length_start.assign(max_length + 2, 0);
-  for (uint32_t r = 0; r < n; ++r) ++t.length_start[max_length - tran_refs[r].count + 1];
-  for (uint32_t k = 1; k < t.length_start.size(); ++k) t.length_start[k] += t.length_start[k - 1];
-  if (t.ordered_refs.size() < n) t.ordered_refs.resize(n);
-  for (uint32_t r = 0; r < n; ++r) {
-    t.ordered_refs[t.length_start[max_length - tran_refs[r].count]++] = tran_refs[r];
-  }
-  std::copy(t.ordered_refs.begin(), t.ordered_refs.begin() + n, tran_refs);
-}
 
 bool ensure_rank(TreeScratch& t, uint32_t nitems) {
   if (t.rank.size() > nitems) return true;
@@ -172,26 +157,76 @@ int32_t keep_frequent(const uint32_t* rank, CurTran* tran) {
   return kept;
 }
 
+// Words of a record of n items with weight w in a buffer.
+uint32_t record_words(int32_t w, uint32_t n) { return n + (w == 1 ? 1 : 2); }
+
 // First pass: reduces every record of `db` to its frequent items in rank order
-// (rewritten in place) and lists the non-empty ones in the run's tran_refs.
-uint32_t reduce_records(Engine& e, TranBuf* db) {
+// and writes the non-empty ones back to the front of the buffer, in database
+// order; counts the words each record length takes (words_by_length[n]).
+// Returns the bytes the reduced records take.
+uint32_t reduce_records(Engine& e, TranBuf* db, std::vector<uint32_t>& words_by_length) {
   const uint32_t* rank = e.tree.rank.data();
-  TranRef* refs = e.prune.tran_refs.data();
-  uint32_t nrefs = 0;
+  int32_t* out = db->data;
   CurTran* tran = nullptr;
   db->position = 0;
-  for (;;) {
-    const uint32_t offset = db->position;
-    if (read_tran(&e.pool, db, &tran) == 0) break;
+  for (int32_t w; (w = read_tran(&e.pool, db, &tran)) != 0;) {
     const int32_t n = keep_frequent(rank, tran);
     if (n == 0) continue;
-    refs[nrefs++] = {offset, static_cast<uint32_t>(n)};
-    int32_t* word = db->data + offset / 4;
-    if (*word < 0) ++word;
-    *word++ = n;
-    for (int32_t i = 0; i < n; ++i) word[i] = static_cast<int32_t>(tran->slot[i].item);
+    // The reduced record ends no later than the one just read: the writer
+    // never passes the reader.
+    if (w != 1) *out++ = -w;
+    *out++ = n;
+    for (int32_t i = 0; i < n; ++i) out[i] = static_cast<int32_t>(tran->slot[i].item);
+    out += n;
+    words_by_length[static_cast<uint32_t>(n)] += record_words(w, static_cast<uint32_t>(n));
   }
-  return nrefs;
+  *out = 0;
+  return static_cast<uint32_t>(4 * (out - db->data));
+}
+
+// Second pass: copies the reduced records of `db` into the builder's
+// insertion buffer in the order they go into the tree, longest first and
+// records of equal length in database order, then hands the database's
+// memory back (a whole database's is the biggest block of a run). False when
+// the buffer cannot be had.
+bool order_records_by_length(Engine& e, TranBuf* db, uint32_t bytes, uint32_t max_length,
+                             std::vector<uint32_t>& at) {
+  TreeScratch& t = e.tree;
+  const size_t words = bytes / 4 + 1;
+  if (t.insert_cap < words) {
+    int32_t* grown = static_cast<int32_t*>(malloc(4 * words));
+    if (grown == nullptr) return false;
+    free(t.insert_buf);
+    t.insert_buf = grown;
+    t.insert_cap = words;
+  }
+  // at[n] becomes the first word of the records of n items.
+  uint32_t next = 0;
+  for (uint32_t n = max_length; n >= 1; --n) {
+    const uint32_t w = at[n];
+    at[n] = next;
+    next += w;
+  }
+  int32_t* to = t.insert_buf;
+  for (const int32_t* r = db->data; *r != 0;) {
+    const uint32_t head = *r < 0 ? 2 : 1;
+    const uint32_t n = static_cast<uint32_t>(r[head - 1]);
+    std::memcpy(to + at[n], r, 4 * (head + n));
+    at[n] += head + n;
+    r += head + n;
+  }
+  to[next] = 0;
+  shrink_buf(&e.pool, db);
+  return true;
+}
+
+// Hands the whole pages of [from, to) back to the system: read records of
+// the insertion buffer that will not be read again.
+void release_pages(const int32_t* from, const int32_t* to) {
+  constexpr uintptr_t kPage = 4096;
+  const uintptr_t a = (reinterpret_cast<uintptr_t>(from) + kPage - 1) & ~(kPage - 1);
+  const uintptr_t b = reinterpret_cast<uintptr_t>(to) & ~(kPage - 1);
+  if (b > a) madvise(reinterpret_cast<void*>(a), b - a, MADV_DONTNEED);
 }
 
 // A new node of the tree's arena, or kNoNode after a trace when the arena
@@ -308,7 +343,10 @@ Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree)
 
 }  // namespace
 
-TreeScratch::~TreeScratch() { free(slots); }
+TreeScratch::~TreeScratch() {
+  free(slots);
+  free(insert_buf);
+}
 
 TreeArena::~TreeArena() {
   free(node_);
@@ -379,16 +417,36 @@ void finish_tree(Engine& e, FPTree* tree) {
 
 Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
-  const uint32_t nrefs = reduce_records(e, db);
+  TreeScratch& t = e.tree;
+  const uint32_t max_length = static_cast<uint32_t>(nfreq);
+  t.length_start.assign(max_length + 1, 0);
+  const uint32_t bytes = reduce_records(e, db, t.length_start);
+  if (!order_records_by_length(e, db, bytes, max_length, t.length_start)) {
+    finish_tree(e, tree);
+    return malloc_failure(e.rep, sites::kNodeBlock, bytes + 4);
+  }
   start_item_tables(e, *tree);
-  order_insertions(e, nrefs, static_cast<uint32_t>(nfreq));
+  // The records go in one after the other; on a big buffer the pages read
+  // are handed back every few MiB, so the records and the nodes they become
+  // are not both held whole.
+  constexpr uint32_t kReleaseStep = 1u << 22;
+  TranBuf ins = {bytes + 4, 0, t.insert_buf};
+  uint32_t released = 0;
   CurTran* tran = nullptr;
-  const TranRef* refs = e.prune.tran_refs.data();
   bool inserted = true;
-  for (uint32_t r = 0; r < nrefs && inserted; ++r) {
-    const int32_t w = read_tran_at(&e.pool, db, &tran, refs[r].offset);
-    e.prune.cur_tran_length = refs[r].count;
+  for (int32_t w; inserted && (w = read_tran(&e.pool, &ins, &tran)) != 0;) {
+    e.prune.cur_tran_length = static_cast<uint32_t>(tran->n);
     inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
+    if (ins.position - released >= kReleaseStep) {
+      release_pages(t.insert_buf + released / 4, t.insert_buf + ins.position / 4);
+      released = ins.position;
+    }
+  }
+  // A buffer beyond a few blocks held a whole database: it goes with the build.
+  if (t.insert_cap > 4 * static_cast<size_t>(kTranBlockBytes / 4)) {
+    free(t.insert_buf);
+    t.insert_buf = nullptr;
+    t.insert_cap = 0;
   }
   finish_tree(e, tree);
   return inserted ? Status() : Status::out_of_tree_nodes();  // no node block to be had
@@ -968,15 +1026,6 @@ Status recursion_malloc_failure(Engine& e) {
 }
 
 Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
-  uint32_t records = 0;
-  for (const int32_t* w = cdb->data; *w != 0; ++records) w += *w < 0 ? 2 + w[1] : 1 + *w;
-  try {
-    if (e.prune.tran_refs.size() < records) e.prune.tran_refs.resize(records);
-  } catch (const std::bad_alloc&) {
-    free_buf(&e.pool, cdb);
-    e.rep->trace_errno("malloc");
-    return recursion_malloc_failure(e);
-  }
   e.tree.items[0] = item;
   const Pattern q = {1, support, e.tree.items.data()};
   return mine_conditional(e, q, cdb, 1);

@@ -168,9 +168,12 @@ struct TreeScratch {
   size_t slots_used = 0;  // slots of the current generation
   uint32_t gen = 0;
   bool index_ok = false;  // false when growing failed: this build walks lists
-  // Records per length and the ordered refs of the insertion ordering.
+  // Words (or records) per record length while records are put in insertion
+  // order, and the records of a database in that order: longest first, equal
+  // lengths in database order (freed after a build that needed more than 4 MiB).
   std::vector<uint32_t> length_start;
-  std::vector<TranRef> ordered_refs;
+  int32_t* insert_buf = nullptr;
+  size_t insert_cap = 0;  // words
   // A conditional database taken from its parent tree: the nodes of the
   // item's chain that give a record, the records' frequent items (ranked,
   // least frequent first), the records in chain order and in insertion order.
@@ -192,7 +195,8 @@ struct TreeScratch {
 
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of
 // `list`), applying path pruning against the run's cur_pattern_length.
-// Rewrites the records of `db` in place, so the buffer is of no further use.
+// Reduces the records of `db` in place and leaves it empty and shrunk to one
+// block, so the buffer is of no further use.
 // Needs the run's pruning tables and support table. Out of memory after a
 // trace.
 Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree);
