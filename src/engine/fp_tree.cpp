@@ -20,10 +20,9 @@ namespace {
 // the key kLastChild, in the child index keyed by (parent, item); other nodes
 // are searched by walking their child list.
 constexpr uint32_t kLastChild = 0xffffffffu;
-constexpr uint32_t kWide = 0x80000000u;  // depth_wide: more than kScanChildren children
+constexpr uint32_t kWide = NodeKey::kWide;
 
-// Nodes the arena holds at first, and the most it may hold: depths stay below
-// the wide bit, since a path has fewer nodes than the arena.
+// Nodes the arena holds at first, and the most it may hold.
 constexpr NodeId kFirstNodes = 4096;
 constexpr NodeId kMostNodes = 0x7fffffffu;
 // Header entries of the arena's first block.
@@ -102,14 +101,15 @@ NodeId indexed_child(const TreeScratch& t, NodeId parent, uint32_t item) {
 // (counted only while the parent is not wide); a parent that has just become
 // wide gets all its children registered. Once the index has failed in a
 // build, no lookup reads it again.
-void note_child(TreeScratch& t, FPNode* nd, NodeId parent, NodeId node, uint32_t before) {
+void note_child(TreeScratch& t, const NodeKey& key, FPNode* nd, NodeId parent, NodeId node,
+                uint32_t before) {
   FPNode& p = nd[parent];
-  if ((p.depth_wide & kWide) != 0) {
-    index_child(t, parent, nd[node].item, node);
+  if ((p.key & kWide) != 0) {
+    index_child(t, parent, key.item(nd[node]), node);
   } else if (before == kScanChildren) {
-    p.depth_wide |= kWide;
+    p.key |= kWide;
     for (NodeId c = p.first_child; c != kNoNode; c = nd[c].next_sibling) {
-      index_child(t, parent, nd[c].item, c);
+      index_child(t, parent, key.item(nd[c]), c);
     }
   } else {
     return;
@@ -248,23 +248,24 @@ NodeId add_child(Engine& e, FPTree* tree, NodeId parent, NodeId last, uint32_t b
   FPNode* nd = tree->arena->nodes();
   const uint32_t rank = e.tree.rank[item];
   HeaderEntry* h = &tree->header[tree->nheader - static_cast<int32_t>(rank)];
-  nd[id] = {item, w, parent, kNoNode, kNoNode, h->head, nd[parent].depth() + 1};
+  const NodeKey& key = tree->arena->key();
+  nd[id] = {key.child_key(item, nd[parent].key), w, parent, kNoNode, kNoNode, h->head};
   h->head = id;
   if (last == kNoNode) {
     nd[parent].first_child = id;
   } else {
     nd[last].next_sibling = id;
   }
-  note_child(e.tree, nd, parent, id, before);
+  note_child(e.tree, key, nd, parent, id, before);
   return id;
 }
 
 // Child of `node` with `item`, or kNoNode; *last then gets the last child
 // and, when the node is not looked up in the index, *before the number of
 // its children.
-NodeId find_child(const TreeScratch& t, const FPNode* nd, NodeId node, uint32_t item, NodeId* last,
-                  uint32_t* before) {
-  if (t.index_ok && (nd[node].depth_wide & kWide) != 0) {
+NodeId find_child(const TreeScratch& t, const NodeKey& key, const FPNode* nd, NodeId node,
+                  uint32_t item, NodeId* last, uint32_t* before) {
+  if (t.index_ok && (nd[node].key & kWide) != 0) {
     const NodeId child = indexed_child(t, node, item);
     if (child == kNoNode) *last = indexed_child(t, node, kLastChild);
     return child;
@@ -272,7 +273,7 @@ NodeId find_child(const TreeScratch& t, const FPNode* nd, NodeId node, uint32_t 
   NodeId prev = kNoNode;
   uint32_t k = 0;
   for (NodeId c = nd[node].first_child; c != kNoNode; c = nd[c].next_sibling, ++k) {
-    if (nd[c].item == item) return c;
+    if (key.item(nd[c]) == item) return c;
     prev = c;
   }
   *last = prev;
@@ -304,7 +305,8 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* 
     uint32_t x = s[n - 1].item;
     NodeId last = kNoNode;
     uint32_t before = 0;
-    NodeId child = find_child(e.tree, tree->arena->nodes(), node, x, &last, &before);
+    NodeId child =
+        find_child(e.tree, tree->arena->key(), tree->arena->nodes(), node, x, &last, &before);
     if (child != kNoNode) {
       tree->arena->nodes()[child].count += w;
     } else {
@@ -329,6 +331,7 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* 
 // Starts `tree` on the run's arena with its header and the root.
 Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   tree->arena = &e.tree.arena;
+  tree->arena->key().set_items(e.setup().nitems);
   tree->start = tree->arena->mark();
   if (!ensure_rank(e.tree, e.setup().nitems)) {
     return header_failure(e, 4 * (static_cast<size_t>(e.setup().nitems) + 1));
@@ -337,7 +340,7 @@ Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree)
   start_child_index(e.tree);
   tree->root = take_node(e, tree, sites::kFirstBlock);
   if (tree->root == kNoNode) return Status::out_of_tree_nodes();
-  tree->arena->nodes()[tree->root] = {0, 0, kNoNode, kNoNode, kNoNode, kNoNode, 0};
+  tree->arena->nodes()[tree->root] = {NodeKey::root_key(), 0, kNoNode, kNoNode, kNoNode, kNoNode};
   return Status();
 }
 
@@ -461,10 +464,12 @@ namespace {
 
 // Appends the record of node `v` to `cdb`: its ancestors below the root,
 // least frequent first, weighted by v's count (nothing for a removed node).
-Status append_path(Engine& e, const FPNode* nd, NodeId v, TranBuf* cdb) {
+Status append_path(Engine& e, const NodeKey& key, const FPNode* nd, NodeId v, TranBuf* cdb) {
   uint32_t* path = e.tree.path.data();
   uint32_t n = 0;
-  for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) path[n++] = nd[a].item;
+  for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
+    path[n++] = key.item(nd[a]);
+  }
   Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(nd[v].count));
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module,
@@ -475,26 +480,26 @@ Status append_path(Engine& e, const FPNode* nd, NodeId v, TranBuf* cdb) {
 
 // True when node v of a pattern of k items plus v's item is deep enough to
 // give a pattern of `len` items (nodes below the root alone give nothing).
-bool contributes(const FPNode& v, uint32_t k, uint32_t len) {
-  const uint32_t depth = v.depth();
+bool contributes(const NodeKey& key, const FPNode* nd, NodeId v, uint32_t k, uint32_t len) {
+  const uint32_t depth = key.depth(nd, v);
   return depth > 1 && static_cast<int64_t>(depth) + k >= static_cast<int64_t>(len);
 }
 
 // Fills `cdb` with the record of every node of `chain` (linked by
 // next_link) that contributes under `len`.
-Status collect_conditional(Engine& e, const FPNode* nd, NodeId chain, uint32_t k, uint32_t len,
-                           TranBuf* cdb) {
+Status collect_conditional(Engine& e, const NodeKey& key, const FPNode* nd, NodeId chain, uint32_t k,
+                           uint32_t len, TranBuf* cdb) {
   for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
-    if (!contributes(nd[v], k, len)) continue;
-    if (Status s = append_path(e, nd, v, cdb); !s.ok()) return s;
+    if (!contributes(key, nd, v, k, len)) continue;
+    if (Status s = append_path(e, key, nd, v, cdb); !s.ok()) return s;
   }
   return Status();
 }
 
 // True when leaf v of a pattern of k items plus v's item is too shallow to
 // give a pattern of the shortest valid length `len`.
-bool too_shallow(const FPNode& v, uint32_t k, uint32_t len) {
-  return static_cast<int64_t>(v.depth()) + k < static_cast<int64_t>(len);
+bool too_shallow(const NodeKey& key, const FPNode* nd, NodeId v, uint32_t k, uint32_t len) {
+  return static_cast<int64_t>(key.depth(nd, v)) + k < static_cast<int64_t>(len);
 }
 
 // Removes leaf `v` of h: its count leaves h's support, `*len` follows, and
@@ -549,7 +554,8 @@ enum class Pruned { kBelowFloor, kKept };
 // not extended.
 Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t k, uint32_t* len) {
   for (NodeId v = nd[from].next_link; v != kNoNode; v = nd[v].next_link) {
-    if (nd[v].first_child == kNoNode && nd[v].count != 0 && too_shallow(nd[v], k, *len))
+    if (nd[v].first_child == kNoNode && nd[v].count != 0 &&
+        too_shallow(e.tree.arena.key(), nd, v, k, *len))
       remove_leaf(e, h, nd, v, len);
   }
   unlink_removed(e, nd);
@@ -566,6 +572,7 @@ Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t 
 template <class Nodes>
 Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t floor,
                   const Nodes& nodes) {
+  const NodeKey& key = e.tree.arena.key();
   uint32_t len = e.support.min_length_of_support(h->support);
   const uint32_t first_len = len;
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
@@ -575,7 +582,7 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
   for (NodeId v : nodes) {
     if (!prunes) break;
     if (nd[v].first_child == kNoNode) {
-      if (too_shallow(nd[v], k, len)) {
+      if (too_shallow(key, nd, v, k, len)) {
         remove_leaf(e, h, nd, v, &len);
         if (h->support < floor) return below_floor(e, h, nd, v, k, &len);
         continue;
@@ -586,7 +593,7 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
   for (uint32_t before = first_len; len != before;) {
     before = len;
     for (NodeId v : leaves) {
-      if (nd[v].count == 0 || !too_shallow(nd[v], k, len)) continue;
+      if (nd[v].count == 0 || !too_shallow(key, nd, v, k, len)) continue;
       remove_leaf(e, h, nd, v, &len);
       if (h->support < floor) return below_floor(e, h, nd, v, k, &len);
     }
@@ -657,6 +664,7 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
 // number of ancestors, the room their records take.
 uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* total) {
   const FPNode* nd = e.tree.arena.nodes();
+  const NodeKey& key = e.tree.arena.key();
   int32_t* support = e.items.support.data();
   uint32_t* touched = e.items.touched.data();
   std::vector<NodeId>& listed = e.tree.record_nodes;
@@ -665,14 +673,14 @@ uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* 
   size_t ancestors = 0;
   for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
     const FPNode& node = nd[v];
-    if (node.count == 0 || !contributes(node, k, len)) continue;
+    if (node.count == 0 || !contributes(key, nd, v, k, len)) continue;
     listed.push_back(v);
-    ancestors += node.depth() - 1;
     const int32_t w = node.count;
     for (NodeId a = node.parent; nd[a].parent != kNoNode; a = nd[a].parent) {
-      const uint32_t item = nd[a].item;
+      const uint32_t item = key.item(nd[a]);
       if (support[item] == 0) touched[met++] = item;
       support[item] += w;
+      ++ancestors;
     }
   }
   *total = ancestors;
@@ -716,6 +724,7 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
     return Status::out_of_memory();
   }
   const FPNode* nd = t.arena.nodes();  // start_tree may have moved them
+  const NodeKey& key = t.arena.key();
   const uint32_t* rank = t.rank.data();
   TranSlot* items = t.record_items.data();
   CondRecord* recs = t.records.data();
@@ -724,8 +733,9 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
   for (NodeId v : t.record_nodes) {
     const uint32_t start = at;
     for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
-      const uint32_t r = rank[nd[a].item];
-      if (r != 0) items[at++] = {nd[a].item, r};
+      const uint32_t item = key.item(nd[a]);
+      const uint32_t r = rank[item];
+      if (r != 0) items[at++] = {item, r};
     }
     const uint32_t n = at - start;
     if (n == 0) continue;
@@ -818,9 +828,9 @@ void emit(Engine& e, const Pattern& q) {
 // The nodes of the single path below `u` that cannot extend a pattern of k
 // items to any valid length get their counts negated.
 void mark_rare_nodes(Engine& e, FPNode* nd, NodeId u, uint32_t k) {
-  NodeId end = u;
-  while (nd[end].first_child != kNoNode) end = nd[end].first_child;
-  const uint32_t need_max = e.support.bound_of_length(k + nd[end].depth() - nd[u].depth());
+  uint32_t below = 0;  // nodes of the path below u
+  for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) ++below;
+  const uint32_t need_max = e.support.bound_of_length(k + below);
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
     if (nd[v].count > 0 && !at_least(nd[v].count, need_max)) {
       nd[v].count = -nd[v].count;
@@ -839,7 +849,7 @@ void mine_path_below(Engine& e, const Pattern& p, FPNode* nd, NodeId u) {
   const uint32_t need = e.support.minsup_of_length(k + 1);
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
     if (nd[v].count < 0) continue;
-    q.items[k] = nd[v].item;
+    q.items[k] = e.tree.arena.key().item(nd[v]);
     if (q.support > nd[v].count) q.support = nd[v].count;
     if (at_least(q.support, need)) emit(e, q);
     if (nd[v].first_child != kNoNode) mine_path_below(e, q, nd, v);
@@ -882,14 +892,15 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
   size_t total = 0;
   size_t listed = 0;
   const FPNode* nd = tree.nodes();
+  const NodeKey& key = tree.key();
   const NodeId end = tree.arena->end();
   auto each_node = [&](auto&& visit) {
     for (NodeId v = tree.root + 1; v < end; ++v) visit(v);
   };
   each_node([&](NodeId v) {
     ++total;
-    if (nd[v].depth() < bound) {
-      ++out->start[index[nd[v].item]];
+    if (key.depth(nd, v) < bound) {
+      ++out->start[index[key.item(nd[v])]];
       ++listed;
     }
   });
@@ -901,7 +912,7 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
     // Chains run from the newest node to the oldest: fill each range from its end.
     std::vector<size_t> fill(out->start.begin() + 1, out->start.end());
     each_node([&](NodeId v) {
-      if (nd[v].depth() < bound) out->nodes[--fill[index[nd[v].item] - 1]] = v;
+      if (key.depth(nd, v) < bound) out->nodes[--fill[index[key.item(nd[v])] - 1]] = v;
     });
   }
   for (int32_t p = 0; p < tree.nheader; ++p) index[tree.header[p].item] = 0;
@@ -1013,7 +1024,7 @@ Status collect_top_item(Engine& e, const FPTree& top, int32_t support, NodeId ch
                   sites::kCollectInitBuf.line);
     return s;
   }
-  Status s = collect_conditional(e, top.nodes(), chain, 0, e.support.min_length_of_support(support),
+  Status s = collect_conditional(e, top.key(), top.nodes(), chain, 0, e.support.min_length_of_support(support),
                                  cdb);
   if (!s.ok()) free_buf(&e.pool, cdb);
   return s;
