@@ -328,6 +328,87 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* 
   return true;
 }
 
+// Looking ahead while records go into a big tree: each insertion walks down
+// from the root, and on a tree far bigger than the cache nearly every node it
+// visits is a miss that the next step waits for. Before a batch of records is
+// inserted, their paths through the tree as it stands are walked side by side,
+// one step of each in turn, and each step only asks for the memory the next
+// one reads (a prefetch), so the misses of a batch overlap. The walk reads
+// and decides nothing: the insertion that follows runs as before, on nodes
+// that are now in the cache.
+constexpr int kLookahead = 16;
+
+uint32_t item_of(int32_t word) { return static_cast<uint32_t>(word); }
+
+template <class Item>
+struct PathWalk {
+  const Item* items;  // the record, the item to look up next last
+  int32_t n;          // items left; 0 when the walk is over
+  NodeId node;        // where the walk stands
+  NodeId next;        // the child being read (a slot in the index when `in_index`)
+  bool pending;       // `next` has been asked for and is read in the next round
+  bool in_index;
+};
+
+// Walks the records of `walk` (count of them) down the tree from `root`,
+// asking for each node, child list entry or index slot one round before it
+// is read.
+template <class Item>
+void look_ahead(const TreeScratch& t, const NodeKey& key, const FPNode* nd, PathWalk<Item>* walk,
+                int count) {
+  for (int active = count; active > 0;) {
+    active = 0;
+    for (int i = 0; i < count; ++i) {
+      PathWalk<Item>& w = walk[i];
+      if (w.n == 0) continue;
+      const uint32_t x = item_of(w.items[w.n - 1]);
+      if (w.pending) {
+        w.pending = false;
+        NodeId c = kNoNode;
+        if (w.in_index) {
+          c = indexed_child(t, w.node, x);
+        } else if (key.item(nd[w.next]) == x) {
+          c = w.next;
+        } else {
+          w.next = nd[w.next].next_sibling;  // the next child of the list
+          if (w.next == kNoNode) {
+            w.n = 0;
+          } else {
+            __builtin_prefetch(&nd[w.next]);
+            w.pending = true;
+            ++active;
+          }
+          continue;
+        }
+        if (c == kNoNode || --w.n == 0) {
+          w.n = 0;
+          continue;
+        }
+        w.node = c;
+        __builtin_prefetch(&nd[c]);
+        ++active;
+        continue;  // its children are asked for once it has come
+      }
+      // At w.node, which has come: ask for its child with the next item.
+      const uint32_t y = item_of(w.items[w.n - 1]);
+      if (t.index_ok && (nd[w.node].key & kWide) != 0) {
+        __builtin_prefetch(&t.slots[slot_of(t, w.node, y)]);
+        w.in_index = true;
+      } else {
+        w.next = nd[w.node].first_child;
+        if (w.next == kNoNode) {
+          w.n = 0;
+          continue;
+        }
+        __builtin_prefetch(&nd[w.next]);
+        w.in_index = false;
+      }
+      w.pending = true;
+      ++active;
+    }
+  }
+}
+
 // Starts `tree` on the run's arena with its header and the root.
 Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   tree->arena = &e.tree.arena;
@@ -437,9 +518,27 @@ Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* lis
   uint32_t released = 0;
   CurTran* tran = nullptr;
   bool inserted = true;
-  for (int32_t w; inserted && (w = read_tran(&e.pool, &ins, &tran)) != 0;) {
-    e.prune.cur_tran_length = static_cast<uint32_t>(tran->n);
-    inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
+  PathWalk<int32_t> walk[kLookahead];
+  const bool big = bytes > kTranBlockBytes;  // small trees stay in the cache
+  while (inserted) {
+    int count = kLookahead;
+    if (big) {
+      count = 0;
+      for (uint32_t at = ins.position / 4; count < kLookahead && t.insert_buf[at] != 0; ++count) {
+        const int32_t* r = t.insert_buf + at;
+        const uint32_t head = *r < 0 ? 2 : 1;
+        const int32_t n = r[head - 1];
+        walk[count] = {r + head, n, tree->root, kNoNode, false, false};
+        at += head + static_cast<uint32_t>(n);
+      }
+      look_ahead(t, tree->arena->key(), tree->arena->nodes(), walk, count);
+    }
+    int32_t w = 0;
+    for (int i = 0; i < count && inserted && (w = read_tran(&e.pool, &ins, &tran)) != 0; ++i) {
+      e.prune.cur_tran_length = static_cast<uint32_t>(tran->n);
+      inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
+    }
+    if (w == 0) break;
     if (ins.position - released >= kReleaseStep) {
       release_pages(t.insert_buf + released / 4, t.insert_buf + ins.position / 4);
       released = ins.position;
