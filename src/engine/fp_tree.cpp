@@ -1040,13 +1040,16 @@ Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const Sha
   return e.split()->conditional(e, h->item, h->support, h->head);
 }
 
-// Prunes h and mines its conditional tree below `q`, the pattern that ends
+// Prunes h (header index i; its first pass over the listed nodes when there
+// is a list) and mines its conditional tree below `q`, the pattern that ends
 // with h's item.
-Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t depth) {
+Status mine_item(Engine& e, HeaderEntry* h, int32_t i, Pattern q, int32_t floor, uint32_t depth,
+                 const ShallowNodes* listed) {
   FPNode* nd = e.tree.arena.nodes();
-  if (prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head}) != Pruned::kKept) {
-    return Status();
-  }
+  const Pruned pruned = listed != nullptr
+                            ? prune_item(e, nd, h, q.length - 1, floor, listed->of(i))
+                            : prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head});
+  if (pruned != Pruned::kKept) return Status();
   q.support = h->support;
   return mine_chain(e, q, h->head, e.support.min_length_of_support(h->support), depth);
 }
@@ -1067,22 +1070,22 @@ int32_t lowest_wanted_index(const Engine& e, const FPTree& tree) {
 // The walk over the items of `tree` (released here), least frequent first:
 // each item's pattern `p` plus the item goes to the sink when frequent, then
 // the item's nodes are pruned and its conditional database is mined. At the
-// top level the walk reports its progress, a restricted run only prunes the
-// items it skips (so that the tree evolves as in a run over every item) and
-// stops below the last item it must produce, and a split run hands each
-// conditional database to the split.
+// top level the walk reports its progress, node pruning's first pass visits
+// only the listed shallow nodes when they are few (instead of every chain of
+// the biggest tree, node by node across memory), a restricted run only
+// prunes the items it skips (so that the tree evolves as in a run over every
+// item) and stops below the last item it must produce, and a split run hands
+// each conditional database to the split.
 Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const bool top = depth == 1;
   TopLevelSplit* split = top ? e.split() : nullptr;
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
   ShallowNodes shallow;
   const ShallowNodes* listed = nullptr;
-  if (split != nullptr) {
-    split->take_tree(*tree);
-    if (e.setup().wanted == nullptr &&
-        list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow))
-      listed = &shallow;
-  }
+  if (split != nullptr) split->take_tree(*tree);
+  if (top && e.setup().wanted == nullptr &&
+      list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow))
+    listed = &shallow;
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
@@ -1104,7 +1107,7 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     q.support = h->support;
     if (at_least(q.support, need)) emit(e, q);
     Status s =
-        split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, q, floor, depth);
+        split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, i, q, floor, depth, listed);
     if (!s.ok()) return s;
   }
   if (split != nullptr) {
