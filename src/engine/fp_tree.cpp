@@ -758,31 +758,41 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
 // Counts the conditional database of the chain from `chain` (nodes of the
 // tree on top of the arena) as collect_conditional would write it under
 // `len` for a pattern of k items plus the chain's item: every node with a
-// count that contributes adds it to each ancestor's item in e.items and is
-// listed in record_nodes. Returns the number of items met; *total gets the
-// number of ancestors, the room their records take.
-uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* total) {
+// count that contributes adds it to each ancestor's item in e.items, and its
+// ancestors (least frequent first) go to record_items as its record, listed
+// in records in chain order; the one walk up the tree serves both. Returns
+// the number of items met; *nrecords gets the number of records.
+uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* nrecords) {
   const FPNode* nd = e.tree.arena.nodes();
   const NodeKey& key = e.tree.arena.key();
   int32_t* support = e.items.support.data();
   uint32_t* touched = e.items.touched.data();
-  std::vector<NodeId>& listed = e.tree.record_nodes;
-  listed.clear();
+  std::vector<TranSlot>& path = e.tree.record_items;
+  std::vector<CondRecord>& recs = e.tree.records;
   uint32_t met = 0;
-  size_t ancestors = 0;
+  size_t nrecs = 0;
+  size_t at = 0;
   for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
     const FPNode& node = nd[v];
     if (node.count == 0 || !contributes(key, nd, v, k, len)) continue;
-    listed.push_back(v);
+    // Room for its ancestors below the root; grown (rarely) by doubling.
+    const size_t room = key.depth(nd, v) - 1;
+    if (at + room > UINT32_MAX) throw std::bad_alloc();
+    if (at + room > path.size()) path.resize(std::max(2 * path.size(), at + room));
+    if (nrecs == recs.size()) recs.resize(std::max<size_t>(2 * recs.size(), 1024));
+    TranSlot* out = path.data() + at;
+    uint32_t n = 0;
     const int32_t w = node.count;
     for (NodeId a = node.parent; nd[a].parent != kNoNode; a = nd[a].parent) {
       const uint32_t item = key.item(nd[a]);
       if (support[item] == 0) touched[met++] = item;
       support[item] += w;
-      ++ancestors;
+      out[n++] = {item, 0};
     }
+    recs[nrecs++] = {static_cast<uint32_t>(at), n, w};
+    at += n;
   }
-  *total = ancestors;
+  *nrecords = nrecs;
   return met;
 }
 
@@ -798,51 +808,41 @@ void order_records(TreeScratch& t, uint32_t n, uint32_t max_length) {
   for (uint32_t r = 0; r < n; ++r) t.ordered[t.length_start[max_length - recs[r].n]++] = recs[r];
 }
 
-// Builds `tree` from the records of the listed nodes (record_nodes, in the
-// tree below it on the arena) and the frequent-item list of their items:
-// each record keeps its frequent items, least frequent first, and the
-// records go in longest first, ties in chain order, with path pruning, as
-// create_fptree builds the tree of the same records written to a buffer.
-// `total` bounds the records' items. Out of memory or of tree nodes after a
-// trace.
-Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t total,
+// Builds `tree` from the `nodes` records count_chain took (records and
+// record_items) and the frequent-item list of their items: each record keeps
+// its frequent items (in place), least frequent first, and the records go in
+// longest first, ties in chain order, with path pruning, as create_fptree
+// builds the tree of the same records written to a buffer. Out of memory or
+// of tree nodes after a trace.
+Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t nodes,
                         FPTree* tree) {
   if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
   TreeScratch& t = e.tree;
-  const size_t nodes = t.record_nodes.size();
   try {
-    if (total > UINT32_MAX) throw std::bad_alloc();
-    if (t.record_items.size() < total) t.record_items.resize(total);
-    if (t.records.size() < nodes) {
-      t.records.resize(nodes);
-      t.ordered.resize(nodes);
-    }
+    if (t.ordered.size() < nodes) t.ordered.resize(nodes);
   } catch (const std::bad_alloc&) {
     finish_tree(e, tree);
     e.rep->trace_errno("malloc");
     return Status::out_of_memory();
   }
-  const FPNode* nd = t.arena.nodes();  // start_tree may have moved them
-  const NodeKey& key = t.arena.key();
   const uint32_t* rank = t.rank.data();
   TranSlot* items = t.record_items.data();
   CondRecord* recs = t.records.data();
   uint32_t nrecs = 0;
-  uint32_t at = 0;
-  for (NodeId v : t.record_nodes) {
-    const uint32_t start = at;
-    for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
-      const uint32_t item = key.item(nd[a]);
-      const uint32_t r = rank[item];
-      if (r != 0) items[at++] = {item, r};
+  for (size_t r = 0; r < nodes; ++r) {
+    const CondRecord raw = recs[r];
+    TranSlot* s = items + raw.start;
+    uint32_t n = 0;
+    for (uint32_t i = 0; i < raw.n; ++i) {
+      const uint32_t item = s[i].item;
+      const uint32_t rk = rank[item];
+      if (rk != 0) s[n++] = {item, rk};
     }
-    const uint32_t n = at - start;
     if (n == 0) continue;
     // Ancestors come least frequent first in the parent's order, which the
     // new ranks mostly keep.
-    TranSlot* s = items + start;
     if (!std::is_sorted(s, s + n, by_rank)) sort_short(s, n, by_rank);
-    recs[nrecs++] = {start, n, nd[v].count};
+    recs[nrecs++] = {raw.start, n, raw.w};
   }
   start_item_tables(e, *tree);
   order_records(t, nrecs, static_cast<uint32_t>(nfreq));
@@ -862,12 +862,12 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
 // straight from the tree on top of the arena, and mines it.
 Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint32_t depth) {
   Status s = size_item_table(&e.items, e.setup().nitems, e.rep);
-  size_t total = 0;
+  size_t nrecords = 0;
   uint32_t met = 0;
   if (s.ok()) {
     try {
-      met = count_chain(e, chain, q.length - 1, len, &total);
-    } catch (const std::bad_alloc&) {  // the node list could not grow
+      met = count_chain(e, chain, q.length - 1, len, &nrecords);
+    } catch (const std::bad_alloc&) {  // the records could not grow
       for (uint32_t i = 0; i < e.setup().nitems; ++i) e.items.support[i] = 0;
       e.rep->trace_errno("malloc");
       s = Status::out_of_memory();
@@ -884,7 +884,7 @@ Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint3
   if (nfreq <= 0) return s;
   e.prune.cur_pattern_length = q.length;
   FPTree tree = {};
-  s = build_from_chain(e, nfreq, list, total, &tree);
+  s = build_from_chain(e, nfreq, list, nrecords, &tree);
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
                   sites::kConditionalTree.line);

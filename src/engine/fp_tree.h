@@ -230,10 +230,9 @@ struct TreeScratch {
   std::vector<uint32_t> length_start;
   int32_t* insert_buf = nullptr;
   size_t insert_cap = 0;  // words
-  // A conditional database taken from its parent tree: the nodes of the
-  // item's chain that give a record, the records' frequent items (ranked,
-  // least frequent first), the records in chain order and in insertion order.
-  std::vector<NodeId> record_nodes;
+  // A conditional database taken from its parent tree: the records' items
+  // (all ancestors as taken, then the frequent ones ranked, least frequent
+  // first), the records in chain order and in insertion order.
   std::vector<TranSlot> record_items;
   std::vector<CondRecord> records;
   std::vector<CondRecord> ordered;
