@@ -338,7 +338,12 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* 
 // that are now in the cache.
 constexpr int kLookahead = 16;
 
+// Records from which a conditional tree is built with the look-ahead: about
+// as many as a 1 MiB database holds.
+constexpr uint32_t kBigRecords = 1u << 16;
+
 uint32_t item_of(int32_t word) { return static_cast<uint32_t>(word); }
+uint32_t item_of(const TranSlot& slot) { return slot.item; }
 
 template <class Item>
 struct PathWalk {
@@ -847,11 +852,25 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
   start_item_tables(e, *tree);
   order_records(t, nrecs, static_cast<uint32_t>(nfreq));
   bool inserted = true;
-  for (uint32_t r = 0; r < nrecs && inserted; ++r) {
-    const CondRecord& c = t.ordered[r];
-    const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
-    e.prune.cur_tran_length = c.n;
-    inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
+  // As create_fptree, the paths of the coming records are walked ahead in a
+  // tree of many records.
+  const bool big = nrecs >= kBigRecords;
+  PathWalk<TranSlot> walk[kLookahead];
+  for (uint32_t r = 0; r < nrecs && inserted;) {
+    const uint32_t count = std::min<uint32_t>(kLookahead, nrecs - r);
+    if (big) {
+      for (uint32_t i = 0; i < count; ++i) {
+        const CondRecord& c = t.ordered[r + i];
+        walk[i] = {items + c.start, static_cast<int32_t>(c.n), tree->root, kNoNode, false, false};
+      }
+      look_ahead(t, tree->arena->key(), tree->arena->nodes(), walk, static_cast<int>(count));
+    }
+    for (const uint32_t last = r + count; r < last && inserted; ++r) {
+      const CondRecord& c = t.ordered[r];
+      const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
+      e.prune.cur_tran_length = c.n;
+      inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
+    }
   }
   finish_tree(e, tree);
   return inserted ? Status() : Status::out_of_tree_nodes();  // no node to be had
