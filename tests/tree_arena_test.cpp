@@ -62,13 +62,13 @@ TEST(TreeArena, NodesKeepTheirIndicesAndValuesAcrossGrowth) {
   for (uint32_t i = 0; i < 20000; ++i) {
     const NodeId id = a.take_node(&bytes);
     ASSERT_NE(id, kNoNode);
-    a.nodes()[id] = {i, static_cast<int32_t>(i), id - 1, kNoNode, kNoNode, kNoNode, i};
+    a.nodes()[id] = {i, static_cast<int32_t>(i), id - 1, kNoNode, kNoNode, i + 7};
     ids.push_back(id);
   }
   EXPECT_EQ(ids.front(), 1u);  // index 0 stands for no node
   for (uint32_t i = 0; i < ids.size(); ++i) {
     const FPNode& v = a.nodes()[ids[i]];
-    ASSERT_TRUE(v.item == i && v.count == static_cast<int32_t>(i) && v.depth() == i) << i;
+    ASSERT_TRUE(v.key == i && v.count == static_cast<int32_t>(i) && v.next_link == i + 7) << i;
   }
   // Given back, the same indices are handed out again without growing.
   const FPNode* array = a.nodes();
@@ -76,6 +76,51 @@ TEST(TreeArena, NodesKeepTheirIndicesAndValuesAcrossGrowth) {
   EXPECT_EQ(a.take_node(&bytes), ids.front());
   EXPECT_EQ(a.nodes(), array);
   EXPECT_EQ(a.end(), ids.front() + 1);
+}
+
+
+// A path of `n` nodes below a root at index 1, each with item `item`, keys
+// made by `key` as the tree builder makes them.
+std::vector<FPNode> path_of(const NodeKey& key, uint32_t n, uint32_t item) {
+  std::vector<FPNode> nd(n + 2);
+  nd[1] = {NodeKey::root_key(), 0, kNoNode, kNoNode, kNoNode, kNoNode};
+  for (uint32_t i = 2; i < n + 2; ++i) {
+    nd[i] = {key.child_key(item, nd[i - 1].key), 1, i - 1, kNoNode, kNoNode, kNoNode};
+    nd[i - 1].first_child = i;
+  }
+  return nd;
+}
+
+TEST(NodeKey, ItemsAndDepthsReadBackWhateverTheSplit) {
+  // From few items (deep paths fit the key) to items that leave the depth
+  // two bits or none, where deeper nodes are counted along their parents.
+  for (uint32_t nitems : {1u, 2u, 1000u, 1u << 20, 1u << 29, 1u << 31}) {
+    NodeKey key;
+    key.set_items(nitems);
+    const uint32_t item = nitems - 1;
+    std::vector<FPNode> nd = path_of(key, 40, item);
+    for (uint32_t i = 2; i < nd.size(); ++i) {
+      ASSERT_EQ(key.item(nd[i]), item) << nitems;
+      ASSERT_EQ(key.depth(nd.data(), i), i - 1) << nitems << " " << i;
+      ASSERT_FALSE(NodeKey::wide(nd[i]));
+    }
+    // The wide bit leaves item and depth alone.
+    nd[20].key |= NodeKey::kWide;
+    EXPECT_TRUE(NodeKey::wide(nd[20]));
+    EXPECT_EQ(key.item(nd[20]), item);
+    EXPECT_EQ(key.depth(nd.data(), 20), 19u);
+    EXPECT_EQ(key.depth(nd.data(), 30), 29u) << nitems;
+  }
+}
+
+TEST(NodeKey, SmallItemCountsKeepDepthsExact) {
+  NodeKey key;
+  key.set_items(996);  // ten bits of item: 21 of depth
+  EXPECT_EQ(key.cap(), (1u << 21) - 1);
+  key.set_items(1u << 29);
+  EXPECT_EQ(key.cap(), 3u);
+  key.set_items(1u << 31);
+  EXPECT_EQ(key.cap(), 0u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 #include <new>
 #include <span>
 #include <vector>
@@ -19,30 +20,13 @@ namespace {
 // the key kLastChild, in the child index keyed by (parent, item); other nodes
 // are searched by walking their child list.
 constexpr uint32_t kLastChild = 0xffffffffu;
-constexpr uint32_t kWide = 0x80000000u;  // depth_wide: more than kScanChildren children
+constexpr uint32_t kWide = NodeKey::kWide;
 
-// Nodes the arena holds at first, and the most it may hold: depths stay below
-// the wide bit, since a path has fewer nodes than the arena.
+// Nodes the arena holds at first, and the most it may hold.
 constexpr NodeId kFirstNodes = 4096;
 constexpr NodeId kMostNodes = 0x7fffffffu;
 // Header entries of the arena's first block.
 constexpr size_t kFirstHeaders = 4096;
-
-// Orders tran_refs[0, n) longest record first, records of equal length in
-// database order. reduce_records lists them in database order, so a stable
-// counting sort by length gives exactly that order in linear time.
-void order_insertions(Engine& e, uint32_t n, uint32_t max_length) {
-  TreeScratch& t = e.tree;
-  TranRef* tran_refs = e.prune.tran_refs.data();
-  t.length_start.assign(max_length + 2, 0);
-  for (uint32_t r = 0; r < n; ++r) ++t.length_start[max_length - tran_refs[r].count + 1];
-  for (uint32_t k = 1; k < t.length_start.size(); ++k) t.length_start[k] += t.length_start[k - 1];
-  if (t.ordered_refs.size() < n) t.ordered_refs.resize(n);
-  for (uint32_t r = 0; r < n; ++r) {
-    t.ordered_refs[t.length_start[max_length - tran_refs[r].count]++] = tran_refs[r];
-  }
-  std::copy(t.ordered_refs.begin(), t.ordered_refs.begin() + n, tran_refs);
-}
 
 bool ensure_rank(TreeScratch& t, uint32_t nitems) {
   if (t.rank.size() > nitems) return true;
@@ -117,14 +101,15 @@ NodeId indexed_child(const TreeScratch& t, NodeId parent, uint32_t item) {
 // (counted only while the parent is not wide); a parent that has just become
 // wide gets all its children registered. Once the index has failed in a
 // build, no lookup reads it again.
-void note_child(TreeScratch& t, FPNode* nd, NodeId parent, NodeId node, uint32_t before) {
+void note_child(TreeScratch& t, const NodeKey& key, FPNode* nd, NodeId parent, NodeId node,
+                uint32_t before) {
   FPNode& p = nd[parent];
-  if ((p.depth_wide & kWide) != 0) {
-    index_child(t, parent, nd[node].item, node);
+  if ((p.key & kWide) != 0) {
+    index_child(t, parent, key.item(nd[node]), node);
   } else if (before == kScanChildren) {
-    p.depth_wide |= kWide;
+    p.key |= kWide;
     for (NodeId c = p.first_child; c != kNoNode; c = nd[c].next_sibling) {
-      index_child(t, parent, nd[c].item, c);
+      index_child(t, parent, key.item(nd[c]), c);
     }
   } else {
     return;
@@ -172,26 +157,76 @@ int32_t keep_frequent(const uint32_t* rank, CurTran* tran) {
   return kept;
 }
 
+// Words of a record of n items with weight w in a buffer.
+uint32_t record_words(int32_t w, uint32_t n) { return n + (w == 1 ? 1 : 2); }
+
 // First pass: reduces every record of `db` to its frequent items in rank order
-// (rewritten in place) and lists the non-empty ones in the run's tran_refs.
-uint32_t reduce_records(Engine& e, TranBuf* db) {
+// and writes the non-empty ones back to the front of the buffer, in database
+// order; counts the words each record length takes (words_by_length[n]).
+// Returns the bytes the reduced records take.
+uint32_t reduce_records(Engine& e, TranBuf* db, std::vector<uint32_t>& words_by_length) {
   const uint32_t* rank = e.tree.rank.data();
-  TranRef* refs = e.prune.tran_refs.data();
-  uint32_t nrefs = 0;
+  int32_t* out = db->data;
   CurTran* tran = nullptr;
   db->position = 0;
-  for (;;) {
-    const uint32_t offset = db->position;
-    if (read_tran(&e.pool, db, &tran) == 0) break;
+  for (int32_t w; (w = read_tran(&e.pool, db, &tran)) != 0;) {
     const int32_t n = keep_frequent(rank, tran);
     if (n == 0) continue;
-    refs[nrefs++] = {offset, static_cast<uint32_t>(n)};
-    int32_t* word = db->data + offset / 4;
-    if (*word < 0) ++word;
-    *word++ = n;
-    for (int32_t i = 0; i < n; ++i) word[i] = static_cast<int32_t>(tran->slot[i].item);
+    // The reduced record ends no later than the one just read: the writer
+    // never passes the reader.
+    if (w != 1) *out++ = -w;
+    *out++ = n;
+    for (int32_t i = 0; i < n; ++i) out[i] = static_cast<int32_t>(tran->slot[i].item);
+    out += n;
+    words_by_length[static_cast<uint32_t>(n)] += record_words(w, static_cast<uint32_t>(n));
   }
-  return nrefs;
+  *out = 0;
+  return static_cast<uint32_t>(4 * (out - db->data));
+}
+
+// Second pass: copies the reduced records of `db` into the builder's
+// insertion buffer in the order they go into the tree, longest first and
+// records of equal length in database order, then hands the database's
+// memory back (a whole database's is the biggest block of a run). False when
+// the buffer cannot be had.
+bool order_records_by_length(Engine& e, TranBuf* db, uint32_t bytes, uint32_t max_length,
+                             std::vector<uint32_t>& at) {
+  TreeScratch& t = e.tree;
+  const size_t words = bytes / 4 + 1;
+  if (t.insert_cap < words) {
+    int32_t* grown = static_cast<int32_t*>(malloc(4 * words));
+    if (grown == nullptr) return false;
+    free(t.insert_buf);
+    t.insert_buf = grown;
+    t.insert_cap = words;
+  }
+  // at[n] becomes the first word of the records of n items.
+  uint32_t next = 0;
+  for (uint32_t n = max_length; n >= 1; --n) {
+    const uint32_t w = at[n];
+    at[n] = next;
+    next += w;
+  }
+  int32_t* to = t.insert_buf;
+  for (const int32_t* r = db->data; *r != 0;) {
+    const uint32_t head = *r < 0 ? 2 : 1;
+    const uint32_t n = static_cast<uint32_t>(r[head - 1]);
+    std::memcpy(to + at[n], r, 4 * (head + n));
+    at[n] += head + n;
+    r += head + n;
+  }
+  to[next] = 0;
+  shrink_buf(&e.pool, db);
+  return true;
+}
+
+// Hands the whole pages of [from, to) back to the system: read records of
+// the insertion buffer that will not be read again.
+void release_pages(const int32_t* from, const int32_t* to) {
+  constexpr uintptr_t kPage = 4096;
+  const uintptr_t a = (reinterpret_cast<uintptr_t>(from) + kPage - 1) & ~(kPage - 1);
+  const uintptr_t b = reinterpret_cast<uintptr_t>(to) & ~(kPage - 1);
+  if (b > a) madvise(reinterpret_cast<void*>(a), b - a, MADV_DONTNEED);
 }
 
 // A new node of the tree's arena, or kNoNode after a trace when the arena
@@ -213,23 +248,24 @@ NodeId add_child(Engine& e, FPTree* tree, NodeId parent, NodeId last, uint32_t b
   FPNode* nd = tree->arena->nodes();
   const uint32_t rank = e.tree.rank[item];
   HeaderEntry* h = &tree->header[tree->nheader - static_cast<int32_t>(rank)];
-  nd[id] = {item, w, parent, kNoNode, kNoNode, h->head, nd[parent].depth() + 1};
+  const NodeKey& key = tree->arena->key();
+  nd[id] = {key.child_key(item, nd[parent].key), w, parent, kNoNode, kNoNode, h->head};
   h->head = id;
   if (last == kNoNode) {
     nd[parent].first_child = id;
   } else {
     nd[last].next_sibling = id;
   }
-  note_child(e.tree, nd, parent, id, before);
+  note_child(e.tree, key, nd, parent, id, before);
   return id;
 }
 
 // Child of `node` with `item`, or kNoNode; *last then gets the last child
 // and, when the node is not looked up in the index, *before the number of
 // its children.
-NodeId find_child(const TreeScratch& t, const FPNode* nd, NodeId node, uint32_t item, NodeId* last,
-                  uint32_t* before) {
-  if (t.index_ok && (nd[node].depth_wide & kWide) != 0) {
+NodeId find_child(const TreeScratch& t, const NodeKey& key, const FPNode* nd, NodeId node,
+                  uint32_t item, NodeId* last, uint32_t* before) {
+  if (t.index_ok && (nd[node].key & kWide) != 0) {
     const NodeId child = indexed_child(t, node, item);
     if (child == kNoNode) *last = indexed_child(t, node, kLastChild);
     return child;
@@ -237,7 +273,7 @@ NodeId find_child(const TreeScratch& t, const FPNode* nd, NodeId node, uint32_t 
   NodeId prev = kNoNode;
   uint32_t k = 0;
   for (NodeId c = nd[node].first_child; c != kNoNode; c = nd[c].next_sibling, ++k) {
-    if (nd[c].item == item) return c;
+    if (key.item(nd[c]) == item) return c;
     prev = c;
   }
   *last = prev;
@@ -269,7 +305,8 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* 
     uint32_t x = s[n - 1].item;
     NodeId last = kNoNode;
     uint32_t before = 0;
-    NodeId child = find_child(e.tree, tree->arena->nodes(), node, x, &last, &before);
+    NodeId child =
+        find_child(e.tree, tree->arena->key(), tree->arena->nodes(), node, x, &last, &before);
     if (child != kNoNode) {
       tree->arena->nodes()[child].count += w;
     } else {
@@ -291,9 +328,96 @@ bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* 
   return true;
 }
 
+// Looking ahead while records go into a big tree: each insertion walks down
+// from the root, and on a tree far bigger than the cache nearly every node it
+// visits is a miss that the next step waits for. Before a batch of records is
+// inserted, their paths through the tree as it stands are walked side by side,
+// one step of each in turn, and each step only asks for the memory the next
+// one reads (a prefetch), so the misses of a batch overlap. The walk reads
+// and decides nothing: the insertion that follows runs as before, on nodes
+// that are now in the cache.
+constexpr int kLookahead = 16;
+
+// Records from which a conditional tree is built with the look-ahead: about
+// as many as a 1 MiB database holds.
+constexpr uint32_t kBigRecords = 1u << 16;
+
+uint32_t item_of(int32_t word) { return static_cast<uint32_t>(word); }
+uint32_t item_of(const TranSlot& slot) { return slot.item; }
+
+template <class Item>
+struct PathWalk {
+  const Item* items;  // the record, the item to look up next last
+  int32_t n;          // items left; 0 when the walk is over
+  NodeId node;        // where the walk stands
+  NodeId next;        // the child being read (a slot in the index when `in_index`)
+  bool pending;       // `next` has been asked for and is read in the next round
+  bool in_index;
+};
+
+// Walks the records of `walk` (count of them) down the tree from `root`,
+// asking for each node, child list entry or index slot one round before it
+// is read.
+template <class Item>
+void look_ahead(const TreeScratch& t, const NodeKey& key, const FPNode* nd, PathWalk<Item>* walk,
+                int count) {
+  for (int active = count; active > 0;) {
+    active = 0;
+    for (int i = 0; i < count; ++i) {
+      PathWalk<Item>& w = walk[i];
+      if (w.n == 0) continue;
+      const uint32_t x = item_of(w.items[w.n - 1]);
+      if (w.pending) {
+        w.pending = false;
+        NodeId c = kNoNode;
+        if (w.in_index) {
+          c = indexed_child(t, w.node, x);
+        } else if (key.item(nd[w.next]) == x) {
+          c = w.next;
+        } else {
+          w.next = nd[w.next].next_sibling;  // the next child of the list
+          if (w.next == kNoNode) {
+            w.n = 0;
+          } else {
+            __builtin_prefetch(&nd[w.next]);
+            w.pending = true;
+            ++active;
+          }
+          continue;
+        }
+        if (c == kNoNode || --w.n == 0) {
+          w.n = 0;
+          continue;
+        }
+        w.node = c;
+        __builtin_prefetch(&nd[c]);
+        ++active;
+        continue;  // its children are asked for once it has come
+      }
+      // At w.node, which has come: ask for its child with the next item.
+      const uint32_t y = item_of(w.items[w.n - 1]);
+      if (t.index_ok && (nd[w.node].key & kWide) != 0) {
+        __builtin_prefetch(&t.slots[slot_of(t, w.node, y)]);
+        w.in_index = true;
+      } else {
+        w.next = nd[w.node].first_child;
+        if (w.next == kNoNode) {
+          w.n = 0;
+          continue;
+        }
+        __builtin_prefetch(&nd[w.next]);
+        w.in_index = false;
+      }
+      w.pending = true;
+      ++active;
+    }
+  }
+}
+
 // Starts `tree` on the run's arena with its header and the root.
 Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   tree->arena = &e.tree.arena;
+  tree->arena->key().set_items(e.setup().nitems);
   tree->start = tree->arena->mark();
   if (!ensure_rank(e.tree, e.setup().nitems)) {
     return header_failure(e, 4 * (static_cast<size_t>(e.setup().nitems) + 1));
@@ -302,13 +426,16 @@ Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree)
   start_child_index(e.tree);
   tree->root = take_node(e, tree, sites::kFirstBlock);
   if (tree->root == kNoNode) return Status::out_of_tree_nodes();
-  tree->arena->nodes()[tree->root] = {0, 0, kNoNode, kNoNode, kNoNode, kNoNode, 0};
+  tree->arena->nodes()[tree->root] = {NodeKey::root_key(), 0, kNoNode, kNoNode, kNoNode, kNoNode};
   return Status();
 }
 
 }  // namespace
 
-TreeScratch::~TreeScratch() { free(slots); }
+TreeScratch::~TreeScratch() {
+  free(slots);
+  free(insert_buf);
+}
 
 TreeArena::~TreeArena() {
   free(node_);
@@ -379,16 +506,54 @@ void finish_tree(Engine& e, FPTree* tree) {
 
 Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
-  const uint32_t nrefs = reduce_records(e, db);
+  TreeScratch& t = e.tree;
+  const uint32_t max_length = static_cast<uint32_t>(nfreq);
+  t.length_start.assign(max_length + 1, 0);
+  const uint32_t bytes = reduce_records(e, db, t.length_start);
+  if (!order_records_by_length(e, db, bytes, max_length, t.length_start)) {
+    finish_tree(e, tree);
+    return malloc_failure(e.rep, sites::kNodeBlock, bytes + 4);
+  }
   start_item_tables(e, *tree);
-  order_insertions(e, nrefs, static_cast<uint32_t>(nfreq));
+  // The records go in one after the other; on a big buffer the pages read
+  // are handed back every few MiB, so the records and the nodes they become
+  // are not both held whole.
+  constexpr uint32_t kReleaseStep = 1u << 22;
+  TranBuf ins = {bytes + 4, 0, t.insert_buf};
+  uint32_t released = 0;
   CurTran* tran = nullptr;
-  const TranRef* refs = e.prune.tran_refs.data();
   bool inserted = true;
-  for (uint32_t r = 0; r < nrefs && inserted; ++r) {
-    const int32_t w = read_tran_at(&e.pool, db, &tran, refs[r].offset);
-    e.prune.cur_tran_length = refs[r].count;
-    inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
+  PathWalk<int32_t> walk[kLookahead];
+  const bool big = bytes > kTranBlockBytes;  // small trees stay in the cache
+  while (inserted) {
+    int count = kLookahead;
+    if (big) {
+      count = 0;
+      for (uint32_t at = ins.position / 4; count < kLookahead && t.insert_buf[at] != 0; ++count) {
+        const int32_t* r = t.insert_buf + at;
+        const uint32_t head = *r < 0 ? 2 : 1;
+        const int32_t n = r[head - 1];
+        walk[count] = {r + head, n, tree->root, kNoNode, false, false};
+        at += head + static_cast<uint32_t>(n);
+      }
+      look_ahead(t, tree->arena->key(), tree->arena->nodes(), walk, count);
+    }
+    int32_t w = 0;
+    for (int i = 0; i < count && inserted && (w = read_tran(&e.pool, &ins, &tran)) != 0; ++i) {
+      e.prune.cur_tran_length = static_cast<uint32_t>(tran->n);
+      inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
+    }
+    if (w == 0) break;
+    if (ins.position - released >= kReleaseStep) {
+      release_pages(t.insert_buf + released / 4, t.insert_buf + ins.position / 4);
+      released = ins.position;
+    }
+  }
+  // A buffer beyond a few blocks held a whole database: it goes with the build.
+  if (t.insert_cap > 4 * static_cast<size_t>(kTranBlockBytes / 4)) {
+    free(t.insert_buf);
+    t.insert_buf = nullptr;
+    t.insert_cap = 0;
   }
   finish_tree(e, tree);
   return inserted ? Status() : Status::out_of_tree_nodes();  // no node block to be had
@@ -403,10 +568,12 @@ namespace {
 
 // Appends the record of node `v` to `cdb`: its ancestors below the root,
 // least frequent first, weighted by v's count (nothing for a removed node).
-Status append_path(Engine& e, const FPNode* nd, NodeId v, TranBuf* cdb) {
+Status append_path(Engine& e, const NodeKey& key, const FPNode* nd, NodeId v, TranBuf* cdb) {
   uint32_t* path = e.tree.path.data();
   uint32_t n = 0;
-  for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) path[n++] = nd[a].item;
+  for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
+    path[n++] = key.item(nd[a]);
+  }
   Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(nd[v].count));
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module,
@@ -417,26 +584,26 @@ Status append_path(Engine& e, const FPNode* nd, NodeId v, TranBuf* cdb) {
 
 // True when node v of a pattern of k items plus v's item is deep enough to
 // give a pattern of `len` items (nodes below the root alone give nothing).
-bool contributes(const FPNode& v, uint32_t k, uint32_t len) {
-  const uint32_t depth = v.depth();
+bool contributes(const NodeKey& key, const FPNode* nd, NodeId v, uint32_t k, uint32_t len) {
+  const uint32_t depth = key.depth(nd, v);
   return depth > 1 && static_cast<int64_t>(depth) + k >= static_cast<int64_t>(len);
 }
 
 // Fills `cdb` with the record of every node of `chain` (linked by
 // next_link) that contributes under `len`.
-Status collect_conditional(Engine& e, const FPNode* nd, NodeId chain, uint32_t k, uint32_t len,
-                           TranBuf* cdb) {
+Status collect_conditional(Engine& e, const NodeKey& key, const FPNode* nd, NodeId chain, uint32_t k,
+                           uint32_t len, TranBuf* cdb) {
   for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
-    if (!contributes(nd[v], k, len)) continue;
-    if (Status s = append_path(e, nd, v, cdb); !s.ok()) return s;
+    if (!contributes(key, nd, v, k, len)) continue;
+    if (Status s = append_path(e, key, nd, v, cdb); !s.ok()) return s;
   }
   return Status();
 }
 
 // True when leaf v of a pattern of k items plus v's item is too shallow to
 // give a pattern of the shortest valid length `len`.
-bool too_shallow(const FPNode& v, uint32_t k, uint32_t len) {
-  return static_cast<int64_t>(v.depth()) + k < static_cast<int64_t>(len);
+bool too_shallow(const NodeKey& key, const FPNode* nd, NodeId v, uint32_t k, uint32_t len) {
+  return static_cast<int64_t>(key.depth(nd, v)) + k < static_cast<int64_t>(len);
 }
 
 // Removes leaf `v` of h: its count leaves h's support, `*len` follows, and
@@ -491,7 +658,8 @@ enum class Pruned { kBelowFloor, kKept };
 // not extended.
 Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t k, uint32_t* len) {
   for (NodeId v = nd[from].next_link; v != kNoNode; v = nd[v].next_link) {
-    if (nd[v].first_child == kNoNode && nd[v].count != 0 && too_shallow(nd[v], k, *len))
+    if (nd[v].first_child == kNoNode && nd[v].count != 0 &&
+        too_shallow(e.tree.arena.key(), nd, v, k, *len))
       remove_leaf(e, h, nd, v, len);
   }
   unlink_removed(e, nd);
@@ -508,6 +676,7 @@ Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t 
 template <class Nodes>
 Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t floor,
                   const Nodes& nodes) {
+  const NodeKey& key = e.tree.arena.key();
   uint32_t len = e.support.min_length_of_support(h->support);
   const uint32_t first_len = len;
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
@@ -517,7 +686,7 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
   for (NodeId v : nodes) {
     if (!prunes) break;
     if (nd[v].first_child == kNoNode) {
-      if (too_shallow(nd[v], k, len)) {
+      if (too_shallow(key, nd, v, k, len)) {
         remove_leaf(e, h, nd, v, &len);
         if (h->support < floor) return below_floor(e, h, nd, v, k, &len);
         continue;
@@ -528,7 +697,7 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
   for (uint32_t before = first_len; len != before;) {
     before = len;
     for (NodeId v : leaves) {
-      if (nd[v].count == 0 || !too_shallow(nd[v], k, len)) continue;
+      if (nd[v].count == 0 || !too_shallow(key, nd, v, k, len)) continue;
       remove_leaf(e, h, nd, v, &len);
       if (h->support < floor) return below_floor(e, h, nd, v, k, &len);
     }
@@ -594,30 +763,41 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
 // Counts the conditional database of the chain from `chain` (nodes of the
 // tree on top of the arena) as collect_conditional would write it under
 // `len` for a pattern of k items plus the chain's item: every node with a
-// count that contributes adds it to each ancestor's item in e.items and is
-// listed in record_nodes. Returns the number of items met; *total gets the
-// number of ancestors, the room their records take.
-uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* total) {
+// count that contributes adds it to each ancestor's item in e.items, and its
+// ancestors (least frequent first) go to record_items as its record, listed
+// in records in chain order; the one walk up the tree serves both. Returns
+// the number of items met; *nrecords gets the number of records.
+uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* nrecords) {
   const FPNode* nd = e.tree.arena.nodes();
+  const NodeKey& key = e.tree.arena.key();
   int32_t* support = e.items.support.data();
   uint32_t* touched = e.items.touched.data();
-  std::vector<NodeId>& listed = e.tree.record_nodes;
-  listed.clear();
+  std::vector<TranSlot>& path = e.tree.record_items;
+  std::vector<CondRecord>& recs = e.tree.records;
   uint32_t met = 0;
-  size_t ancestors = 0;
+  size_t nrecs = 0;
+  size_t at = 0;
   for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
     const FPNode& node = nd[v];
-    if (node.count == 0 || !contributes(node, k, len)) continue;
-    listed.push_back(v);
-    ancestors += node.depth() - 1;
+    if (node.count == 0 || !contributes(key, nd, v, k, len)) continue;
+    // Room for its ancestors below the root; grown (rarely) by doubling.
+    const size_t room = key.depth(nd, v) - 1;
+    if (at + room > UINT32_MAX) throw std::bad_alloc();
+    if (at + room > path.size()) path.resize(std::max(2 * path.size(), at + room));
+    if (nrecs == recs.size()) recs.resize(std::max<size_t>(2 * recs.size(), 1024));
+    TranSlot* out = path.data() + at;
+    uint32_t n = 0;
     const int32_t w = node.count;
     for (NodeId a = node.parent; nd[a].parent != kNoNode; a = nd[a].parent) {
-      const uint32_t item = nd[a].item;
+      const uint32_t item = key.item(nd[a]);
       if (support[item] == 0) touched[met++] = item;
       support[item] += w;
+      out[n++] = {item, 0};
     }
+    recs[nrecs++] = {static_cast<uint32_t>(at), n, w};
+    at += n;
   }
-  *total = ancestors;
+  *nrecords = nrecs;
   return met;
 }
 
@@ -633,58 +813,64 @@ void order_records(TreeScratch& t, uint32_t n, uint32_t max_length) {
   for (uint32_t r = 0; r < n; ++r) t.ordered[t.length_start[max_length - recs[r].n]++] = recs[r];
 }
 
-// Builds `tree` from the records of the listed nodes (record_nodes, in the
-// tree below it on the arena) and the frequent-item list of their items:
-// each record keeps its frequent items, least frequent first, and the
-// records go in longest first, ties in chain order, with path pruning, as
-// create_fptree builds the tree of the same records written to a buffer.
-// `total` bounds the records' items. Out of memory or of tree nodes after a
-// trace.
-Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t total,
+// Builds `tree` from the `nodes` records count_chain took (records and
+// record_items) and the frequent-item list of their items: each record keeps
+// its frequent items (in place), least frequent first, and the records go in
+// longest first, ties in chain order, with path pruning, as create_fptree
+// builds the tree of the same records written to a buffer. Out of memory or
+// of tree nodes after a trace.
+Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t nodes,
                         FPTree* tree) {
   if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
   TreeScratch& t = e.tree;
-  const size_t nodes = t.record_nodes.size();
   try {
-    if (total > UINT32_MAX) throw std::bad_alloc();
-    if (t.record_items.size() < total) t.record_items.resize(total);
-    if (t.records.size() < nodes) {
-      t.records.resize(nodes);
-      t.ordered.resize(nodes);
-    }
+    if (t.ordered.size() < nodes) t.ordered.resize(nodes);
   } catch (const std::bad_alloc&) {
     finish_tree(e, tree);
     e.rep->trace_errno("malloc");
     return Status::out_of_memory();
   }
-  const FPNode* nd = t.arena.nodes();  // start_tree may have moved them
   const uint32_t* rank = t.rank.data();
   TranSlot* items = t.record_items.data();
   CondRecord* recs = t.records.data();
   uint32_t nrecs = 0;
-  uint32_t at = 0;
-  for (NodeId v : t.record_nodes) {
-    const uint32_t start = at;
-    for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
-      const uint32_t r = rank[nd[a].item];
-      if (r != 0) items[at++] = {nd[a].item, r};
+  for (size_t r = 0; r < nodes; ++r) {
+    const CondRecord raw = recs[r];
+    TranSlot* s = items + raw.start;
+    uint32_t n = 0;
+    for (uint32_t i = 0; i < raw.n; ++i) {
+      const uint32_t item = s[i].item;
+      const uint32_t rk = rank[item];
+      if (rk != 0) s[n++] = {item, rk};
     }
-    const uint32_t n = at - start;
     if (n == 0) continue;
     // Ancestors come least frequent first in the parent's order, which the
     // new ranks mostly keep.
-    TranSlot* s = items + start;
     if (!std::is_sorted(s, s + n, by_rank)) sort_short(s, n, by_rank);
-    recs[nrecs++] = {start, n, nd[v].count};
+    recs[nrecs++] = {raw.start, n, raw.w};
   }
   start_item_tables(e, *tree);
   order_records(t, nrecs, static_cast<uint32_t>(nfreq));
   bool inserted = true;
-  for (uint32_t r = 0; r < nrecs && inserted; ++r) {
-    const CondRecord& c = t.ordered[r];
-    const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
-    e.prune.cur_tran_length = c.n;
-    inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
+  // As create_fptree, the paths of the coming records are walked ahead in a
+  // tree of many records.
+  const bool big = nrecs >= kBigRecords;
+  PathWalk<TranSlot> walk[kLookahead];
+  for (uint32_t r = 0; r < nrecs && inserted;) {
+    const uint32_t count = std::min<uint32_t>(kLookahead, nrecs - r);
+    if (big) {
+      for (uint32_t i = 0; i < count; ++i) {
+        const CondRecord& c = t.ordered[r + i];
+        walk[i] = {items + c.start, static_cast<int32_t>(c.n), tree->root, kNoNode, false, false};
+      }
+      look_ahead(t, tree->arena->key(), tree->arena->nodes(), walk, static_cast<int>(count));
+    }
+    for (const uint32_t last = r + count; r < last && inserted; ++r) {
+      const CondRecord& c = t.ordered[r];
+      const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
+      e.prune.cur_tran_length = c.n;
+      inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
+    }
   }
   finish_tree(e, tree);
   return inserted ? Status() : Status::out_of_tree_nodes();  // no node to be had
@@ -695,12 +881,12 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
 // straight from the tree on top of the arena, and mines it.
 Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint32_t depth) {
   Status s = size_item_table(&e.items, e.setup().nitems, e.rep);
-  size_t total = 0;
+  size_t nrecords = 0;
   uint32_t met = 0;
   if (s.ok()) {
     try {
-      met = count_chain(e, chain, q.length - 1, len, &total);
-    } catch (const std::bad_alloc&) {  // the node list could not grow
+      met = count_chain(e, chain, q.length - 1, len, &nrecords);
+    } catch (const std::bad_alloc&) {  // the records could not grow
       for (uint32_t i = 0; i < e.setup().nitems; ++i) e.items.support[i] = 0;
       e.rep->trace_errno("malloc");
       s = Status::out_of_memory();
@@ -717,7 +903,7 @@ Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint3
   if (nfreq <= 0) return s;
   e.prune.cur_pattern_length = q.length;
   FPTree tree = {};
-  s = build_from_chain(e, nfreq, list, total, &tree);
+  s = build_from_chain(e, nfreq, list, nrecords, &tree);
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
                   sites::kConditionalTree.line);
@@ -760,9 +946,9 @@ void emit(Engine& e, const Pattern& q) {
 // The nodes of the single path below `u` that cannot extend a pattern of k
 // items to any valid length get their counts negated.
 void mark_rare_nodes(Engine& e, FPNode* nd, NodeId u, uint32_t k) {
-  NodeId end = u;
-  while (nd[end].first_child != kNoNode) end = nd[end].first_child;
-  const uint32_t need_max = e.support.bound_of_length(k + nd[end].depth() - nd[u].depth());
+  uint32_t below = 0;  // nodes of the path below u
+  for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) ++below;
+  const uint32_t need_max = e.support.bound_of_length(k + below);
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
     if (nd[v].count > 0 && !at_least(nd[v].count, need_max)) {
       nd[v].count = -nd[v].count;
@@ -781,7 +967,7 @@ void mine_path_below(Engine& e, const Pattern& p, FPNode* nd, NodeId u) {
   const uint32_t need = e.support.minsup_of_length(k + 1);
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
     if (nd[v].count < 0) continue;
-    q.items[k] = nd[v].item;
+    q.items[k] = e.tree.arena.key().item(nd[v]);
     if (q.support > nd[v].count) q.support = nd[v].count;
     if (at_least(q.support, need)) emit(e, q);
     if (nd[v].first_child != kNoNode) mine_path_below(e, q, nd, v);
@@ -824,14 +1010,15 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
   size_t total = 0;
   size_t listed = 0;
   const FPNode* nd = tree.nodes();
+  const NodeKey& key = tree.key();
   const NodeId end = tree.arena->end();
   auto each_node = [&](auto&& visit) {
     for (NodeId v = tree.root + 1; v < end; ++v) visit(v);
   };
   each_node([&](NodeId v) {
     ++total;
-    if (nd[v].depth() < bound) {
-      ++out->start[index[nd[v].item]];
+    if (key.depth(nd, v) < bound) {
+      ++out->start[index[key.item(nd[v])]];
       ++listed;
     }
   });
@@ -843,7 +1030,7 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
     // Chains run from the newest node to the oldest: fill each range from its end.
     std::vector<size_t> fill(out->start.begin() + 1, out->start.end());
     each_node([&](NodeId v) {
-      if (nd[v].depth() < bound) out->nodes[--fill[index[nd[v].item] - 1]] = v;
+      if (key.depth(nd, v) < bound) out->nodes[--fill[index[key.item(nd[v])] - 1]] = v;
     });
   }
   for (int32_t p = 0; p < tree.nheader; ++p) index[tree.header[p].item] = 0;
@@ -872,13 +1059,16 @@ Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const Sha
   return e.split()->conditional(e, h->item, h->support, h->head);
 }
 
-// Prunes h and mines its conditional tree below `q`, the pattern that ends
+// Prunes h (header index i; its first pass over the listed nodes when there
+// is a list) and mines its conditional tree below `q`, the pattern that ends
 // with h's item.
-Status mine_item(Engine& e, HeaderEntry* h, Pattern q, int32_t floor, uint32_t depth) {
+Status mine_item(Engine& e, HeaderEntry* h, int32_t i, Pattern q, int32_t floor, uint32_t depth,
+                 const ShallowNodes* listed) {
   FPNode* nd = e.tree.arena.nodes();
-  if (prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head}) != Pruned::kKept) {
-    return Status();
-  }
+  const Pruned pruned = listed != nullptr
+                            ? prune_item(e, nd, h, q.length - 1, floor, listed->of(i))
+                            : prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head});
+  if (pruned != Pruned::kKept) return Status();
   q.support = h->support;
   return mine_chain(e, q, h->head, e.support.min_length_of_support(h->support), depth);
 }
@@ -899,22 +1089,22 @@ int32_t lowest_wanted_index(const Engine& e, const FPTree& tree) {
 // The walk over the items of `tree` (released here), least frequent first:
 // each item's pattern `p` plus the item goes to the sink when frequent, then
 // the item's nodes are pruned and its conditional database is mined. At the
-// top level the walk reports its progress, a restricted run only prunes the
-// items it skips (so that the tree evolves as in a run over every item) and
-// stops below the last item it must produce, and a split run hands each
-// conditional database to the split.
+// top level the walk reports its progress, node pruning's first pass visits
+// only the listed shallow nodes when they are few (instead of every chain of
+// the biggest tree, node by node across memory), a restricted run only
+// prunes the items it skips (so that the tree evolves as in a run over every
+// item) and stops below the last item it must produce, and a split run hands
+// each conditional database to the split.
 Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const bool top = depth == 1;
   TopLevelSplit* split = top ? e.split() : nullptr;
   const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
   ShallowNodes shallow;
   const ShallowNodes* listed = nullptr;
-  if (split != nullptr) {
-    split->take_tree(*tree);
-    if (e.setup().wanted == nullptr &&
-        list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow))
-      listed = &shallow;
-  }
+  if (split != nullptr) split->take_tree(*tree);
+  if (top && e.setup().wanted == nullptr &&
+      list_shallow_nodes(e, *tree, longest_length(e, floor), &shallow))
+    listed = &shallow;
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
   const uint32_t need = e.support.minsup_of_length(k + 1);
@@ -936,7 +1126,7 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     q.support = h->support;
     if (at_least(q.support, need)) emit(e, q);
     Status s =
-        split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, q, floor, depth);
+        split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, i, q, floor, depth, listed);
     if (!s.ok()) return s;
   }
   if (split != nullptr) {
@@ -955,7 +1145,7 @@ Status collect_top_item(Engine& e, const FPTree& top, int32_t support, NodeId ch
                   sites::kCollectInitBuf.line);
     return s;
   }
-  Status s = collect_conditional(e, top.nodes(), chain, 0, e.support.min_length_of_support(support),
+  Status s = collect_conditional(e, top.key(), top.nodes(), chain, 0, e.support.min_length_of_support(support),
                                  cdb);
   if (!s.ok()) free_buf(&e.pool, cdb);
   return s;
@@ -968,15 +1158,6 @@ Status recursion_malloc_failure(Engine& e) {
 }
 
 Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
-  uint32_t records = 0;
-  for (const int32_t* w = cdb->data; *w != 0; ++records) w += *w < 0 ? 2 + w[1] : 1 + *w;
-  try {
-    if (e.prune.tran_refs.size() < records) e.prune.tran_refs.resize(records);
-  } catch (const std::bad_alloc&) {
-    free_buf(&e.pool, cdb);
-    e.rep->trace_errno("malloc");
-    return recursion_malloc_failure(e);
-  }
   e.tree.items[0] = item;
   const Pattern q = {1, support, e.tree.items.data()};
   return mine_conditional(e, q, cdb, 1);

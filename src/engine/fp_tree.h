@@ -26,24 +26,74 @@ class Engine;
 using NodeId = uint32_t;
 constexpr NodeId kNoNode = 0;
 
-// A tree node. `count` is the weighted number of records through the node;
-// the single-path enumeration negates it for a while to mark the node.
-// Links are arena indices: seven words, where the pointer form took twelve.
-// The child count only decides when a node's children go into the child
-// index, so it is not kept: the top bit of `depth_wide` says a node has more
-// than kScanChildren children, the other bits are its depth.
+// A tree node: six words. `count` is the weighted number of records through
+// the node; the single-path enumeration negates it for a while to mark the
+// node. Links are arena indices. `key` packs the node's item (low bits), its
+// depth (edges from the root, above the item) and on top a bit for "more
+// than kScanChildren children" (the child count only decides when a node's
+// children go into the child index, so it is not kept); the run's NodeKey
+// says where the fields lie. A depth too big for its bits is kept at the
+// field's largest value and counted out along the parents when read.
 struct FPNode {
-  uint32_t item;
+  uint32_t key;
   int32_t count;
   NodeId parent;       // kNoNode for the root
   NodeId first_child;  // children in the order they were made
   NodeId next_sibling;
-  NodeId next_link;     // next node of the same item (header chain)
-  uint32_t depth_wide;  // edges from the root (root 0), and the wide bit
-
-  uint32_t depth() const { return depth_wide & 0x7fffffffu; }
+  NodeId next_link;  // next node of the same item (header chain)
 };
-static_assert(sizeof(FPNode) == 28, "FPNode should stay seven words");
+static_assert(sizeof(FPNode) == 24, "FPNode should stay six words");
+
+// The split of a node's key for a run of `nitems` items: the item takes the
+// bits its largest number needs (at least one), the wide bit is the top
+// one, the depth has what is left in between. Every tree of a run, and of
+// the engines that read its top-level tree, uses the same split.
+class NodeKey {
+ public:
+  static constexpr uint32_t kWide = 0x80000000u;
+
+  void set_items(uint32_t nitems) {
+    uint32_t bits = 1;
+    while (bits < 31 && (nitems - 1) >> bits != 0) ++bits;
+    if (nitems == 0) bits = 1;
+    shift_ = bits;
+    item_mask_ = (1u << bits) - 1;
+    cap_ = (kWide >> bits) - 1;  // 0 when the item takes all 31 bits
+  }
+
+  uint32_t item(const FPNode& v) const { return v.key & item_mask_; }
+  static bool wide(const FPNode& v) { return (v.key & kWide) != 0; }
+  // The depth as kept: exact below cap().
+  uint32_t kept_depth(const FPNode& v) const { return (v.key & ~kWide) >> shift_; }
+  uint32_t cap() const { return cap_; }
+
+  // The depth of node v: exact, counted along the parents from where the
+  // kept depth stops being exact (never on data whose records fit the bits).
+  uint32_t depth(const FPNode* nd, NodeId v) const {
+    uint32_t steps = 0;
+    for (;;) {
+      const uint32_t d = kept_depth(nd[v]);
+      if (d < cap_) return steps + d;
+      if (nd[v].parent == kNoNode) return steps;
+      v = nd[v].parent;
+      ++steps;
+    }
+  }
+
+  // The key of a new child with `item` of a node whose key is `parent_key`.
+  uint32_t child_key(uint32_t item, uint32_t parent_key) const {
+    uint32_t d = ((parent_key & ~kWide) >> shift_);
+    if (d < cap_) ++d;
+    return item | (d << shift_);
+  }
+  // The root's key: item 0, depth 0.
+  static uint32_t root_key() { return 0; }
+
+ private:
+  uint32_t shift_ = 1;
+  uint32_t item_mask_ = 1;
+  uint32_t cap_ = 0;
+};
 
 // A node has children in the child index from this many on.
 constexpr uint32_t kScanChildren = 8;
@@ -82,6 +132,10 @@ class TreeArena {
     headers_used_ = m.headers;
   }
 
+  // How node keys are split; set for the run's item count by each tree.
+  NodeKey& key() { return key_; }
+  const NodeKey& key() const { return key_; }
+
   // The node array, valid until the next take_node.
   FPNode* nodes() { return node_; }
   const FPNode* nodes() const { return node_; }
@@ -100,6 +154,7 @@ class TreeArena {
  private:
   bool grow(size_t* bytes);
 
+  NodeKey key_;
   FPNode* node_ = nullptr;
   NodeId used_ = 1;  // node 0 is never handed out
   NodeId cap_ = 0;
@@ -121,6 +176,7 @@ struct FPTree {
   int32_t top_support;    // support of the most frequent item before any pruning
 
   const FPNode* nodes() const { return arena->nodes(); }
+  const NodeKey& key() const { return arena->key(); }
 };
 
 // How often the recursion took each shortcut in a run.
@@ -168,13 +224,15 @@ struct TreeScratch {
   size_t slots_used = 0;  // slots of the current generation
   uint32_t gen = 0;
   bool index_ok = false;  // false when growing failed: this build walks lists
-  // Records per length and the ordered refs of the insertion ordering.
+  // Words (or records) per record length while records are put in insertion
+  // order, and the records of a database in that order: longest first, equal
+  // lengths in database order (freed after a build that needed more than 4 MiB).
   std::vector<uint32_t> length_start;
-  std::vector<TranRef> ordered_refs;
-  // A conditional database taken from its parent tree: the nodes of the
-  // item's chain that give a record, the records' frequent items (ranked,
-  // least frequent first), the records in chain order and in insertion order.
-  std::vector<NodeId> record_nodes;
+  int32_t* insert_buf = nullptr;
+  size_t insert_cap = 0;  // words
+  // A conditional database taken from its parent tree: the records' items
+  // (all ancestors as taken, then the frequent ones ranked, least frequent
+  // first), the records in chain order and in insertion order.
   std::vector<TranSlot> record_items;
   std::vector<CondRecord> records;
   std::vector<CondRecord> ordered;
@@ -192,7 +250,8 @@ struct TreeScratch {
 
 // Builds `tree` from `db` and its frequent-item list (`nfreq` entries of
 // `list`), applying path pruning against the run's cur_pattern_length.
-// Rewrites the records of `db` in place, so the buffer is of no further use.
+// Reduces the records of `db` in place and leaves it empty and shrunk to one
+// block, so the buffer is of no further use.
 // Needs the run's pruning tables and support table. Out of memory after a
 // trace.
 Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree);

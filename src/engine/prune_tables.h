@@ -1,6 +1,5 @@
 // Per-item pruning tables of the tree builder and the mining recursion: each
-// item's shortest valid pattern length and current support, the insertion
-// order of a database's records, and the lengths that path pruning compares
+// item's shortest valid pattern length and current support, and the lengths that path pruning compares
 // against. One PruneTables per run, rewritten for every tree.
 #ifndef QUARLO_ENGINE_PRUNE_TABLES_H_
 #define QUARLO_ENGINE_PRUNE_TABLES_H_
@@ -13,29 +12,20 @@
 
 namespace quarlo::detail {
 
-// A record of the database being turned into a tree: where it starts and how
-// many frequent items it kept.
-struct TranRef {
-  uint32_t offset;  // byte offset of the record
-  uint32_t count;   // its number of frequent items
-};
-
 struct PruneTables {
   // Indexed by item number: the shortest length at which the item's current
   // support suffices, and that current support (reduced by path pruning).
   std::vector<uint32_t> item_min_length;
   std::vector<int32_t> item_cur_support;
-  // Room for one TranRef per input transaction.
-  std::vector<TranRef> tran_refs;
   // Length of the pattern whose conditional tree is being built (1 for the
   // tree of the whole database), and the item count of the record being inserted.
   uint32_t cur_pattern_length = 1;
   uint32_t cur_tran_length = 0;
 };
 
-// Sizes the tables for `nitems` items and `ntrans` transactions. Out of
+// Sizes the tables for `nitems` items. Out of
 // memory after a report line.
-Status alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t ntrans, Reporter* rep);
+Status alloc_avetbl(PruneTables* t, uint32_t nitems, Reporter* rep);
 
 }  // namespace quarlo::detail
 

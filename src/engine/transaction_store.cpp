@@ -113,6 +113,23 @@ Status grow_buf(TranPool* pool, TranBuf* buf, const Site& site) {
   return Status();
 }
 
+void shrink_buf(TranPool* pool, TranBuf* buf) {
+  if (buf->capacity > kTranBlockBytes) {
+    void* kept = realloc(buf->data, kTranBlockBytes);
+    if (kept != nullptr) {
+      for (int i = 0; i < 2; ++i) {
+        if (pool->block[i] != nullptr && pool->block[i] == buf->data) {
+          pool->block[i] = static_cast<int32_t*>(kept);
+        }
+      }
+      buf->data = static_cast<int32_t*>(kept);
+      buf->capacity = kTranBlockBytes;
+    }
+  }
+  buf->position = 0;
+  buf->data[0] = 0;
+}
+
 Status make_room(TranPool* pool, TranBuf* buf, uint64_t bytes, const Site& site) {
   while (buf->position + bytes >= buf->capacity) {
     Status s = grow_buf(pool, buf, site);

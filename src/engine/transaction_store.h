@@ -66,6 +66,10 @@ Status init_buf(TranPool* pool, TranBuf* buf);
 // Returns a pool block to the pool, or releases a block that is not the pool's.
 void free_buf(TranPool* pool, TranBuf* buf);
 
+// Empties `buf` and, when it has grown beyond one block, gives the rest
+// back (the buffer keeps its first block; a pool block stays the pool's).
+void shrink_buf(TranPool* pool, TranBuf* buf);
+
 // Grows `buf` by one block, keeping its contents; a moved pool block stays
 // the pool's. Out of memory after tracing the realloc at `site`.
 Status grow_buf(TranPool* pool, TranBuf* buf, const Site& site);
