@@ -159,15 +159,15 @@ Status load_trandb(TranPool* pool, const char* path, TranBuf* buf) {
 
 Status find_frequent_patterns(Engine* e, const char* qr_file, const SupportSpec& spec,
                               EngineClient* client) {
-  if (Status s = init_buf_pool(&e->pool, e->setup().nitems); !s.ok()) {
+  if (Status s = init_buf_pool(&e->pool(), e->setup().nitems); !s.ok()) {
     return engine_fatal(e, sites::kEngineInitPool, "init_buf_pool", std::move(s));
   }
   TranBuf db = {};
-  if (Status s = init_buf(&e->pool, &db); !s.ok()) {
+  if (Status s = init_buf(&e->pool(), &db); !s.ok()) {
     return engine_fatal(e, sites::kEngineInitBuf, "init_buf", std::move(s));
   }
-  if (Status s = load_trandb(&e->pool, qr_file, &db); !s.ok()) {
-    free_buf(&e->pool, &db);
+  if (Status s = load_trandb(&e->pool(), qr_file, &db); !s.ok()) {
+    free_buf(&e->pool(), &db);
     return engine_fatal(e, sites::kEngineLoad, "load_trandb", std::move(s));
   }
   return mine_database(e, &db, spec, nullptr, client);

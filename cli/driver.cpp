@@ -120,13 +120,14 @@ class ReportingClient : public EngineClient {
     c.printf("  Transaction File Name:                        %s", options_.input_file.c_str());
     c.printf("  Number of Input Transactions:                 %u", ntrans);
     c.printf("  Number of Distinct Items:                     %u", e.setup().nitems);
-    c.printf("  Average Number of Items In a Tran:            %.3f", e.stats.avg_items);
-    c.printf("  Maximum Number of Items In a Tran:            %u", e.stats.max_items);
+    c.printf("  Average Number of Items In a Tran:            %.3f", e.stats().avg_items);
+    c.printf("  Maximum Number of Items In a Tran:            %u", e.stats().max_items);
     c.printf("%s", "");
     print_options(options_, console_);
   }
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
-    if (labelled_ != nullptr && labelled_->open(labels_.labels(), ntrans, folder_of(options_.names.fp))) {
+    if (labelled_ != nullptr &&
+        labelled_->open(labels_.labels(), ntrans, folder_of(options_.names.fp))) {
       labelled_open_ = true;
       return labelled_;
     }
@@ -459,15 +460,16 @@ int Driver::post_process() {
 // FILE.fp from the labelled text mining wrote: moved into place. Where that
 // fails, the numbered pattern file is made after all (mining again, a slow
 // path only a failure takes) and left grouped by length, as the numbered
-// path leaves it. FILE.qr stays until then. Returns 0 or the exit status; *numbered tells whether
-// FILE.fp_conv was made.
+// path leaves it; FILE.qr stays until then. Returns 0 or the exit status;
+// *numbered tells whether FILE.fp_conv was made.
 int Driver::place_sections(const LabelTable& labels, WrittenSections* written, bool* numbered) {
   print_length_counts(sections_, &console_);
   const bool placed = put_in_place(fp_tmp_, options_.names.fp);
   if (!placed) {
     *numbered = true;
     // A failure in mining leaves FILE.qr, as it does on the numbered path.
-    if (Status again = mine_numbered(labels, written); !again.ok()) return fail(Stage::kMine, again);
+    if (Status again = mine_numbered(labels, written); !again.ok())
+      return fail(Stage::kMine, again);
   }
   remove_file(options_.names.qr, sites::kRemoveQr);
   if (placed) return kStatusOk;

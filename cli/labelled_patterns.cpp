@@ -184,8 +184,7 @@ char* LabelledPatternWriter::put_counts(char* out, int32_t support) {
     char text[64];
     char* end = put_decimal(text, static_cast<uint32_t>(support));
     *end++ = ' ';
-    const int n = snprintf(end, sizeof text - (end - text) - 1, "%.3f",
-                           support * 100.0 / ntrans_);
+    const int n = snprintf(end, sizeof text - (end - text) - 1, "%.3f", support * 100.0 / ntrans_);
     end += n;
     *end++ = ' ';
     const size_t size = static_cast<size_t>(end - text);

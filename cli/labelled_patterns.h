@@ -83,12 +83,12 @@ class LabelledPatternWriter : public PatternSink {
   void release();
 
   const std::vector<std::string>* labels_ = nullptr;
-  std::vector<Section> sections_;   // by length - 1
-  std::vector<uint32_t> counts_;    // by length - 1
-  std::string texts_;               // every label followed by a blank, then padding
-  std::vector<size_t> starts_;      // where each label's text starts in texts_, and the end
-  size_t longest_ = 0;              // longest label text
-  std::vector<uint32_t> scratch_;   // the items of one pattern, sorted
+  std::vector<Section> sections_;  // by length - 1
+  std::vector<uint32_t> counts_;   // by length - 1
+  std::string texts_;              // every label followed by a blank, then padding
+  std::vector<size_t> starts_;     // where each label's text starts in texts_, and the end
+  size_t longest_ = 0;             // longest label text
+  std::vector<uint32_t> scratch_;  // the items of one pattern, sorted
   // The kept prefixes of the last pattern: level d holds its first d items
   // as found (raw_), sorted by number, and their labels' text. Levels are
   // laid out one after another (level d at d(d-1)/2 items, longest_ times
@@ -110,8 +110,8 @@ class LabelledPatternWriter : public PatternSink {
   std::vector<CountText> count_texts_;
   uint32_t ntrans_ = 0;
   size_t budget_ = 0;
-  size_t in_memory_ = 0;     // bytes of section buffers held
-  char* spare_ = nullptr;    // a spilled chunk's buffer, kept for the next one
+  size_t in_memory_ = 0;   // bytes of section buffers held
+  char* spare_ = nullptr;  // a spilled chunk's buffer, kept for the next one
   std::string dir_;
   int spill_fd_ = -1;
   uint64_t spill_end_ = 0;

@@ -1,6 +1,8 @@
 // The pattern file written once in labels: the text of each line, the order
 // of the sections whether they stay in memory or go through the spill file,
 // and the failures that make the program take the numbered path instead.
+#include "cli/labelled_patterns.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/labelled_patterns.h"
 #include "support/harness.h"
 
 using namespace quarlo::cli;

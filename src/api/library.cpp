@@ -288,7 +288,7 @@ struct Loaded {
 void add_record(Engine* e, TranBuf* db, std::vector<uint32_t>* items, uint32_t* nitems) {
   normalize_record(items);
   if (items->empty()) return;
-  if (!insert_tran_to_trandb(&e->pool, db, items->data(), static_cast<uint32_t>(items->size()), 1)
+  if (!insert_tran_to_trandb(&e->pool(), db, items->data(), static_cast<uint32_t>(items->size()), 1)
            .ok()) {
     throw std::bad_alloc();
   }
@@ -426,7 +426,7 @@ void load_numbers(const std::vector<std::vector<uint32_t>>& data, Engine* e, Tra
   for (uint32_t v : values) in->label_text.push_back(std::to_string(v));
 }
 
-// Loads any input into `db` (made by init_buf on e->pool).
+// Loads any input into `db` (made by init_buf on e->pool()).
 void load(const Transactions::Data& data, Engine* e, TranBuf* db, Loaded* in) {
   switch (data.kind) {
     case Transactions::Data::kFile:
@@ -513,8 +513,8 @@ class Client : public EngineClient {
   void counted(const Engine& e, uint32_t ntrans) override {
     stats.transactions = ntrans;
     stats.items = e.setup().nitems;
-    stats.max_items = e.stats.max_items;
-    stats.avg_items = e.stats.avg_items;
+    stats.max_items = e.stats().max_items;
+    stats.avg_items = e.stats().avg_items;
   }
   PatternSink* open_sink(Engine*, uint32_t) override { return sink_; }
   const char* sink_name() const override { return "memory"; }
@@ -558,7 +558,7 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   Engine e(&rep);
   const double start = now();
   TranBuf db = {};
-  if (!init_buf_pool(&e.pool, 0).ok() || !init_buf(&e.pool, &db).ok()) throw std::bad_alloc();
+  if (!init_buf_pool(&e.pool(), 0).ok() || !init_buf(&e.pool(), &db).ok()) throw std::bad_alloc();
   try {
     if (loader) {
       loader(in, &e, &db);
@@ -566,7 +566,7 @@ void run(const Transactions& transactions, const Options& options, const Precoun
       load(transactions.data(), &e, &db, in);
     }
   } catch (...) {
-    free_buf(&e.pool, &db);
+    free_buf(&e.pool(), &db);
     throw;
   }
   EngineSetup setup;
@@ -577,10 +577,10 @@ void run(const Transactions& transactions, const Options& options, const Precoun
   setup.split = split;
   setup.wanted = wanted;
   e.configure(setup);
-  if (!init_buf_pool(&e.pool, setup.nitems).ok()) throw std::bad_alloc();
+  if (!init_buf_pool(&e.pool(), setup.nitems).ok()) throw std::bad_alloc();
   const double loaded = now();
   Client client(sink);
-  const uint32_t ntrans = pre != nullptr ? pre->ntrans : count_tran(&e.pool, &db);
+  const uint32_t ntrans = pre != nullptr ? pre->ntrans : count_tran(&e.pool(), &db);
   if (Status s = mine_database(&e, &db, spec_of(options.support.spec(), ntrans), pre, &client);
       !s.ok()) {
     engine_failure(s, rep);
@@ -683,12 +683,12 @@ Result mine_keeping_transactions(const Transactions& transactions, const Options
     load(transactions.data(), e, db, in);
     const uint32_t nitems =
         std::max<uint32_t>(in->nitems, static_cast<uint32_t>(in->label_text.size()));
-    if (!init_buf_pool(&e->pool, nitems).ok()) throw std::bad_alloc();
+    if (!init_buf_pool(&e->pool(), nitems).ok()) throw std::bad_alloc();
     const uint32_t end = db->position;
     items->reserve(end / sizeof(int32_t));  // a record is its length and its items
     db->position = 0;
     CurTran* tran = nullptr;
-    while (read_tran(&e->pool, db, &tran) != 0) {
+    while (read_tran(&e->pool(), db, &tran) != 0) {
       for (int32_t i = 0; i < tran->n; ++i) items->push_back(tran->slot[i].item);
       ends->push_back(items->size());
     }
@@ -905,30 +905,30 @@ Scan scan(const Transactions& transactions) {
     Engine e(&rep);
     Loaded in;
     TranBuf db = {};
-    if (!init_buf_pool(&e.pool, 0).ok() || !init_buf(&e.pool, &db).ok()) throw std::bad_alloc();
+    if (!init_buf_pool(&e.pool(), 0).ok() || !init_buf(&e.pool(), &db).ok()) throw std::bad_alloc();
     try {
       load(transactions.data(), &e, &db, &in);
     } catch (...) {
-      free_buf(&e.pool, &db);
+      free_buf(&e.pool(), &db);
       throw;
     }
     Scan out;
     out.labels = std::move(in.label_text);
     out.supports.assign(out.labels.size(), 0);
-    if (!init_buf_pool(&e.pool, static_cast<uint32_t>(out.labels.size())).ok()) {
-      free_buf(&e.pool, &db);
+    if (!init_buf_pool(&e.pool(), static_cast<uint32_t>(out.labels.size())).ok()) {
+      free_buf(&e.pool(), &db);
       throw std::bad_alloc();
     }
     CurTran* tran = nullptr;
     db.position = 0;
-    while (read_tran(&e.pool, &db, &tran) != 0) {
+    while (read_tran(&e.pool(), &db, &tran) != 0) {
       for (int32_t i = 0; i < tran->n; ++i) {
         out.codes.push_back(tran->slot[i].item);
         ++out.supports[tran->slot[i].item];
       }
       out.ends.push_back(out.codes.size());
     }
-    free_buf(&e.pool, &db);
+    free_buf(&e.pool(), &db);
     return out;
   } catch (const std::bad_alloc&) {
     fail(Error::Kind::kOutOfMemory, "out of memory");
@@ -947,7 +947,7 @@ uint32_t lowest_count(const Options& options, const Totals& totals) {
   if (!build_support_table(&e, spec_of(options.support.spec(), ntrans), ntrans).ok()) {
     fail(Error::Kind::kInvalidArgument, rep.summary());
   }
-  return e.support.lowest_minsup();
+  return e.lowest_count();
 }
 
 Plan plan(const Transactions& transactions, const Options& options, uint32_t groups,

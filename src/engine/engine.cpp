@@ -3,9 +3,19 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "engine/engine_tables.h"
 #include "engine/threads.h"
 
 namespace quarlo::detail {
+
+Engine::Engine(Reporter* r) : rep(r), tables_(std::make_unique<EngineTables>()) {
+  tables_->pool.rep = r;
+}
+Engine::~Engine() = default;
+TranPool& Engine::pool() { return tables_->pool; }
+const InputStats& Engine::stats() const { return tables_->stats; }
+const MiningCounters& Engine::counters() const { return tables_->counters; }
+uint32_t Engine::lowest_count() const { return tables_->support.lowest_minsup(); }
 
 namespace {
 
@@ -25,7 +35,7 @@ Status table_failure(Engine* e, Status s) {
 }  // namespace
 
 Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) {
-  SupportTable& t = e->support;
+  SupportTable& t = tables(*e).support;
   const uint32_t n = e->setup().nitems;
   switch (spec.kind) {
     case SupportSpec::kTableFile:
@@ -63,8 +73,8 @@ Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) 
 }
 
 Status prepare_scratch(Engine* e) {
-  if (Status s = init_buf_pool(&e->pool, e->setup().nitems); !s.ok()) return s;
-  if (Status s = alloc_avetbl(&e->prune, e->setup().nitems, e->rep); !s.ok()) return s;
+  if (Status s = init_buf_pool(&tables(*e).pool, e->setup().nitems); !s.ok()) return s;
+  if (Status s = alloc_avetbl(&tables(*e).prune, e->setup().nitems, e->rep); !s.ok()) return s;
   return make_pattern_scratch(*e);
 }
 
@@ -72,8 +82,8 @@ namespace {
 
 // Opens the sink, mines `tree` (consumed) into it and closes it.
 Status mine_into_sink(Engine* e, FPTree* tree, uint32_t ntrans, EngineClient* client) {
-  e->sink = client->open_sink(e, ntrans);
-  if (e->sink == nullptr) {
+  tables(*e).sink = client->open_sink(e, ntrans);
+  if (tables(*e).sink == nullptr) {
     const int error = errno;
     e->rep->printf("%s(%u) Failed to open %s", sites::kEngineSink.module, sites::kEngineSink.line,
                    client->sink_name());
@@ -83,7 +93,7 @@ Status mine_into_sink(Engine* e, FPTree* tree, uint32_t ntrans, EngineClient* cl
   const uint32_t threads = e->setup().threads;
   Status mined = threads > 1 ? mine_fptree_parallel(*e, tree, threads) : mine_fptree(*e, tree);
   Status closed = client->close_sink(e, mined.ok());
-  e->sink = nullptr;
+  tables(*e).sink = nullptr;
   if (!mined.ok()) return fatal(e, sites::kEngineMine, "mine_fptree", std::move(mined));
   return closed;
 }
@@ -91,10 +101,10 @@ Status mine_into_sink(Engine* e, FPTree* tree, uint32_t ntrans, EngineClient* cl
 // Builds the tree of `db` (released here), opens the sink, mines, closes.
 Status mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, uint32_t ntrans,
                  EngineClient* client) {
-  e->prune.cur_pattern_length = 1;
+  tables(*e).prune.cur_pattern_length = 1;
   FPTree tree = {};
   Status built = create_fptree(*e, db, nfreq, list, &tree);
-  free_buf(&e->pool, db);
+  free_buf(&tables(*e).pool, db);
   db->data = nullptr;
   if (!built.ok()) {
     free_fptree(&tree);
@@ -105,20 +115,20 @@ Status mine_tree(Engine* e, TranBuf* db, int32_t nfreq, const ItemEntry* list, u
 
 // The frequent-item list of `db`, or of the precounted supports.
 Status list_items(Engine* e, TranBuf* db, const Precounted* pre, int32_t* nfreq, ItemEntry** list) {
-  const int32_t floor = static_cast<int32_t>(e->support.lowest_minsup());
+  const int32_t floor = static_cast<int32_t>(tables(*e).support.lowest_minsup());
   if (pre != nullptr) {
-    return list_counted_items(&e->items, pre->supports, floor, e->setup().nitems, nfreq, list,
-                              e->rep);
+    return list_counted_items(&tables(*e).items, pre->supports, floor, e->setup().nitems, nfreq,
+                              list, e->rep);
   }
-  return create_freqitemlist(&e->items, &e->pool, db, floor, e->setup().nitems, &e->stats, nfreq,
-                             list);
+  return create_freqitemlist(&tables(*e).items, &tables(*e).pool, db, floor, e->setup().nitems,
+                             &tables(*e).stats, nfreq, list);
 }
 
 // Sizes the pruning tables, builds the support table
 // for `ntrans` transactions and lists the frequent items.
 Status count_items(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
                    uint32_t ntrans, int32_t* nfreq, ItemEntry** list) {
-  if (Status s = alloc_avetbl(&e->prune, e->setup().nitems, e->rep); !s.ok()) {
+  if (Status s = alloc_avetbl(&tables(*e).prune, e->setup().nitems, e->rep); !s.ok()) {
     return fatal(e, sites::kEnginePruneTables, "alloc_avetbl", std::move(s));
   }
   if (Status s = build_support_table(e, spec, ntrans); !s.ok()) return s;
@@ -132,7 +142,7 @@ Status count_items(Engine* e, TranBuf* db, const SupportSpec& spec, const Precou
 
 Status mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
                      EngineClient* client) {
-  const uint32_t nrecords = count_tran(&e->pool, db);
+  const uint32_t nrecords = count_tran(&tables(*e).pool, db);
   const uint32_t ntrans = pre != nullptr ? pre->ntrans : nrecords;
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
@@ -141,7 +151,7 @@ Status mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Prec
     client->counted(*e, ntrans);
     if (nfreq > 0) return mine_tree(e, db, nfreq, list, ntrans, client);
   }
-  free_buf(&e->pool, db);
+  free_buf(&tables(*e).pool, db);
   return s;
 }
 

@@ -6,6 +6,7 @@
 #define QUARLO_ENGINE_ENGINE_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,15 +44,17 @@ struct EngineSetup {
   ProgressHook* progress = nullptr;  // null: nobody watches
 };
 
+struct EngineTables;
+
 // One mining run: its setup, its reporter and the tables of the engine's
-// modules, each filled and read by the module that owns it (the pool by the
-// transaction store, `items` and `stats` by the frequent-item list, `prune`
-// by the pruning tables, `tree` and `counters` by the FP-tree). Outside the
-// engine a run is set up with configure(), loaded through pool, and read
-// through stats.
+// modules (engine/engine_tables.h, which only the engine's own sources
+// include; they reach the tables through tables()). Outside the engine a
+// run is set up with configure(), loaded through pool(), and read through
+// stats(), counters() and lowest_count().
 class Engine {
  public:
-  explicit Engine(Reporter* r) : rep(r) { pool.rep = r; }
+  explicit Engine(Reporter* r);
+  ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
@@ -62,21 +65,29 @@ class Engine {
   TopLevelSplit* split() const { return threads_split_ != nullptr ? threads_split_ : setup_.split; }
   void set_threads_split(TopLevelSplit* split) { threads_split_ = split; }
 
+  // The blocks and buffers the loaders fill the database into.
+  TranPool& pool();
+  // The record lengths of the database as counted.
+  const InputStats& stats() const;
+  // How often the recursion took each shortcut.
+  const MiningCounters& counters() const;
+  // The lowest count any length needs, once the support table is built.
+  uint32_t lowest_count() const;
+
   Reporter* const rep;
-  SupportTable support;
-  TranPool pool;
-  InputStats stats;
-  ItemTable items;
-  PruneTables prune;
-  TreeScratch tree;
-  MiningCounters counters = {};
-  PatternSink* sink = nullptr;
-  bool top_single_path = false;  // enumerating the single path of the whole tree
 
  private:
+  friend EngineTables& tables(Engine& e);
+  friend const EngineTables& tables(const Engine& e);
+
   EngineSetup setup_;
   TopLevelSplit* threads_split_ = nullptr;
+  std::unique_ptr<EngineTables> tables_;
 };
+
+// The tables of `e`, for the engine's modules.
+inline EngineTables& tables(Engine& e) { return *e.tables_; }
+inline const EngineTables& tables(const Engine& e) { return *e.tables_; }
 
 // The minimum support of a run as it was given.
 struct SupportSpec {

@@ -1,15 +1,16 @@
 #include "engine/fp_tree.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/mman.h>
 #include <new>
 #include <span>
 #include <vector>
 
-#include "engine/engine.h"
+#include "engine/engine_tables.h"
 
 namespace quarlo::detail {
 
@@ -132,7 +133,7 @@ Status make_header(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree
   const size_t n = static_cast<size_t>(nfreq > 0 ? nfreq : 1);
   tree->header = tree->arena->take_headers(n);
   if (tree->header == nullptr) return header_failure(e, sizeof(HeaderEntry) * n);
-  uint32_t* rank = e.tree.rank.data();
+  uint32_t* rank = tables(e).tree.rank.data();
   for (int32_t p = 0; p < nfreq; ++p) {
     tree->header[p] = {*list[p].items, list[p].support, kNoNode};
     rank[*list[p].items] = static_cast<uint32_t>(nfreq - p);
@@ -165,11 +166,11 @@ uint32_t record_words(int32_t w, uint32_t n) { return n + (w == 1 ? 1 : 2); }
 // order; counts the words each record length takes (words_by_length[n]).
 // Returns the bytes the reduced records take.
 uint32_t reduce_records(Engine& e, TranBuf* db, std::vector<uint32_t>& words_by_length) {
-  const uint32_t* rank = e.tree.rank.data();
+  const uint32_t* rank = tables(e).tree.rank.data();
   int32_t* out = db->data;
   CurTran* tran = nullptr;
   db->position = 0;
-  for (int32_t w; (w = read_tran(&e.pool, db, &tran)) != 0;) {
+  for (int32_t w; (w = read_tran(&tables(e).pool, db, &tran)) != 0;) {
     const int32_t n = keep_frequent(rank, tran);
     if (n == 0) continue;
     // The reduced record ends no later than the one just read: the writer
@@ -191,7 +192,7 @@ uint32_t reduce_records(Engine& e, TranBuf* db, std::vector<uint32_t>& words_by_
 // the buffer cannot be had.
 bool order_records_by_length(Engine& e, TranBuf* db, uint32_t bytes, uint32_t max_length,
                              std::vector<uint32_t>& at) {
-  TreeScratch& t = e.tree;
+  TreeScratch& t = tables(e).tree;
   const size_t words = bytes / 4 + 1;
   if (t.insert_cap < words) {
     int32_t* grown = static_cast<int32_t*>(malloc(4 * words));
@@ -216,7 +217,7 @@ bool order_records_by_length(Engine& e, TranBuf* db, uint32_t bytes, uint32_t ma
     r += head + n;
   }
   to[next] = 0;
-  shrink_buf(&e.pool, db);
+  shrink_buf(&tables(e).pool, db);
   return true;
 }
 
@@ -246,7 +247,7 @@ NodeId add_child(Engine& e, FPTree* tree, NodeId parent, NodeId last, uint32_t b
   const NodeId id = take_node(e, tree, sites::kNodeBlock);
   if (id == kNoNode) return kNoNode;
   FPNode* nd = tree->arena->nodes();
-  const uint32_t rank = e.tree.rank[item];
+  const uint32_t rank = tables(e).tree.rank[item];
   HeaderEntry* h = &tree->header[tree->nheader - static_cast<int32_t>(rank)];
   const NodeKey& key = tree->arena->key();
   nd[id] = {key.child_key(item, nd[parent].key), w, parent, kNoNode, kNoNode, h->head};
@@ -256,7 +257,7 @@ NodeId add_child(Engine& e, FPTree* tree, NodeId parent, NodeId last, uint32_t b
   } else {
     nd[last].next_sibling = id;
   }
-  note_child(e.tree, key, nd, parent, id, before);
+  note_child(tables(e).tree, key, nd, parent, id, before);
   return id;
 }
 
@@ -285,12 +286,12 @@ NodeId find_child(const TreeScratch& t, const NodeKey& key, const FPNode* nd, No
 // the support was still at the floor or above, its shortest valid length is
 // looked up again.
 void cut_item(Engine& e, uint32_t item, int32_t w) {
-  const int32_t before = e.prune.item_cur_support[item];
-  e.prune.item_cur_support[item] = before - w;
-  if (before >= static_cast<int32_t>(e.support.lowest_minsup())) {
-    e.prune.item_min_length[item] = e.support.min_length_of_support(before - w);
+  const int32_t before = tables(e).prune.item_cur_support[item];
+  tables(e).prune.item_cur_support[item] = before - w;
+  if (before >= static_cast<int32_t>(tables(e).support.lowest_minsup())) {
+    tables(e).prune.item_min_length[item] = tables(e).support.min_length_of_support(before - w);
   }
-  ++e.counters.cut_items;
+  ++tables(e).counters.cut_items;
 }
 
 // Inserts the current transaction (items by rank ascending, the most frequent
@@ -298,15 +299,15 @@ void cut_item(Engine& e, uint32_t item, int32_t w) {
 // branch would start. False after a trace when no node block can be had.
 bool insert_tran_to_fptree(Engine& e, FPTree* tree, NodeId node, const CurTran* tran, int32_t w) {
   const TranSlot* s = tran->slot;
-  const uint32_t reach = e.prune.cur_pattern_length + e.prune.cur_tran_length;
-  const uint32_t* min_length = e.prune.item_min_length.data();
+  const uint32_t reach = tables(e).prune.cur_pattern_length + tables(e).prune.cur_tran_length;
+  const uint32_t* min_length = tables(e).prune.item_min_length.data();
   int32_t n = tran->n;
   while (n > 0) {
     uint32_t x = s[n - 1].item;
     NodeId last = kNoNode;
     uint32_t before = 0;
-    NodeId child =
-        find_child(e.tree, tree->arena->key(), tree->arena->nodes(), node, x, &last, &before);
+    NodeId child = find_child(tables(e).tree, tree->arena->key(), tree->arena->nodes(), node, x,
+                              &last, &before);
     if (child != kNoNode) {
       tree->arena->nodes()[child].count += w;
     } else {
@@ -416,14 +417,14 @@ void look_ahead(const TreeScratch& t, const NodeKey& key, const FPNode* nd, Path
 
 // Starts `tree` on the run's arena with its header and the root.
 Status start_tree(Engine& e, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
-  tree->arena = &e.tree.arena;
+  tree->arena = &tables(e).tree.arena;
   tree->arena->key().set_items(e.setup().nitems);
   tree->start = tree->arena->mark();
-  if (!ensure_rank(e.tree, e.setup().nitems)) {
+  if (!ensure_rank(tables(e).tree, e.setup().nitems)) {
     return header_failure(e, 4 * (static_cast<size_t>(e.setup().nitems) + 1));
   }
   if (Status s = make_header(e, nfreq, list, tree); !s.ok()) return s;
-  start_child_index(e.tree);
+  start_child_index(tables(e).tree);
   tree->root = take_node(e, tree, sites::kFirstBlock);
   if (tree->root == kNoNode) return Status::out_of_tree_nodes();
   tree->arena->nodes()[tree->root] = {NodeKey::root_key(), 0, kNoNode, kNoNode, kNoNode, kNoNode};
@@ -488,8 +489,8 @@ namespace {
 void start_item_tables(Engine& e, const FPTree& tree) {
   for (int32_t p = 0; p < tree.nheader; ++p) {
     const HeaderEntry& h = tree.header[p];
-    e.prune.item_min_length[h.item] = e.support.min_length_of_support(h.support);
-    e.prune.item_cur_support[h.item] = h.support;
+    tables(e).prune.item_min_length[h.item] = tables(e).support.min_length_of_support(h.support);
+    tables(e).prune.item_cur_support[h.item] = h.support;
   }
 }
 
@@ -497,8 +498,8 @@ void start_item_tables(Engine& e, const FPTree& tree) {
 void finish_tree(Engine& e, FPTree* tree) {
   for (int32_t p = 0; p < tree->nheader; ++p) {
     HeaderEntry& h = tree->header[p];
-    h.support = e.prune.item_cur_support[h.item];
-    e.tree.rank[h.item] = 0;
+    h.support = tables(e).prune.item_cur_support[h.item];
+    tables(e).tree.rank[h.item] = 0;
   }
 }
 
@@ -506,7 +507,7 @@ void finish_tree(Engine& e, FPTree* tree) {
 
 Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* list, FPTree* tree) {
   if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
-  TreeScratch& t = e.tree;
+  TreeScratch& t = tables(e).tree;
   const uint32_t max_length = static_cast<uint32_t>(nfreq);
   t.length_start.assign(max_length + 1, 0);
   const uint32_t bytes = reduce_records(e, db, t.length_start);
@@ -539,8 +540,9 @@ Status create_fptree(Engine& e, TranBuf* db, int32_t nfreq, const ItemEntry* lis
       look_ahead(t, tree->arena->key(), tree->arena->nodes(), walk, count);
     }
     int32_t w = 0;
-    for (int i = 0; i < count && inserted && (w = read_tran(&e.pool, &ins, &tran)) != 0; ++i) {
-      e.prune.cur_tran_length = static_cast<uint32_t>(tran->n);
+    for (int i = 0; i < count && inserted && (w = read_tran(&tables(e).pool, &ins, &tran)) != 0;
+         ++i) {
+      tables(e).prune.cur_tran_length = static_cast<uint32_t>(tran->n);
       inserted = insert_tran_to_fptree(e, tree, tree->root, tran, w);
     }
     if (w == 0) break;
@@ -569,12 +571,13 @@ namespace {
 // Appends the record of node `v` to `cdb`: its ancestors below the root,
 // least frequent first, weighted by v's count (nothing for a removed node).
 Status append_path(Engine& e, const NodeKey& key, const FPNode* nd, NodeId v, TranBuf* cdb) {
-  uint32_t* path = e.tree.path.data();
+  uint32_t* path = tables(e).tree.path.data();
   uint32_t n = 0;
   for (NodeId a = nd[v].parent; nd[a].parent != kNoNode; a = nd[a].parent) {
     path[n++] = key.item(nd[a]);
   }
-  Status s = insert_tran_to_trandb(&e.pool, cdb, path, n, static_cast<uint32_t>(nd[v].count));
+  Status s =
+      insert_tran_to_trandb(&tables(e).pool, cdb, path, n, static_cast<uint32_t>(nd[v].count));
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : insert_tran_to_trandb\n", sites::kCollectInsert.module,
                   sites::kCollectInsert.line);
@@ -591,8 +594,8 @@ bool contributes(const NodeKey& key, const FPNode* nd, NodeId v, uint32_t k, uin
 
 // Fills `cdb` with the record of every node of `chain` (linked by
 // next_link) that contributes under `len`.
-Status collect_conditional(Engine& e, const NodeKey& key, const FPNode* nd, NodeId chain, uint32_t k,
-                           uint32_t len, TranBuf* cdb) {
+Status collect_conditional(Engine& e, const NodeKey& key, const FPNode* nd, NodeId chain,
+                           uint32_t k, uint32_t len, TranBuf* cdb) {
   for (NodeId v = chain; v != kNoNode; v = nd[v].next_link) {
     if (!contributes(key, nd, v, k, len)) continue;
     if (Status s = append_path(e, key, nd, v, cdb); !s.ok()) return s;
@@ -611,10 +614,10 @@ bool too_shallow(const NodeKey& key, const FPNode* nd, NodeId v, uint32_t k, uin
 // collected from it) until it leaves its parent's children with the others.
 void remove_leaf(Engine& e, HeaderEntry* h, FPNode* nd, NodeId v, uint32_t* len) {
   h->support -= nd[v].count;
-  *len = e.support.min_length_of_support(h->support);
-  ++e.counters.pruned_nodes;
+  *len = tables(e).support.min_length_of_support(h->support);
+  ++tables(e).counters.pruned_nodes;
   nd[v].count = 0;
-  e.tree.gone.push_back(v);
+  tables(e).tree.gone.push_back(v);
 }
 
 // Takes node `v` out of its parent's child list; the other children keep
@@ -629,8 +632,8 @@ void unlink_from_parent(FPNode* nd, NodeId v) {
 // are never parents of nodes of the same item, so unlinking them after the
 // pruning decides exactly as unlinking each one at once.
 void unlink_removed(Engine& e, FPNode* nd) {
-  for (NodeId v : e.tree.gone) unlink_from_parent(nd, v);
-  e.tree.gone.clear();
+  for (NodeId v : tables(e).tree.gone) unlink_from_parent(nd, v);
+  tables(e).tree.gone.clear();
 }
 
 // The nodes of an item's chain, for a range-for.
@@ -659,7 +662,7 @@ enum class Pruned { kBelowFloor, kKept };
 Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t k, uint32_t* len) {
   for (NodeId v = nd[from].next_link; v != kNoNode; v = nd[v].next_link) {
     if (nd[v].first_child == kNoNode && nd[v].count != 0 &&
-        too_shallow(e.tree.arena.key(), nd, v, k, *len))
+        too_shallow(tables(e).tree.arena.key(), nd, v, k, *len))
       remove_leaf(e, h, nd, v, len);
   }
   unlink_removed(e, nd);
@@ -676,12 +679,12 @@ Pruned below_floor(Engine& e, HeaderEntry* h, FPNode* nd, NodeId from, uint32_t 
 template <class Nodes>
 Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t floor,
                   const Nodes& nodes) {
-  const NodeKey& key = e.tree.arena.key();
-  uint32_t len = e.support.min_length_of_support(h->support);
+  const NodeKey& key = tables(e).tree.arena.key();
+  uint32_t len = tables(e).support.min_length_of_support(h->support);
   const uint32_t first_len = len;
   // Every node is at depth 1 or more: when k + 1 reaches the length, no leaf goes.
   const bool prunes = static_cast<int64_t>(k) + 1 < static_cast<int64_t>(len);
-  std::vector<NodeId>& leaves = e.tree.leaves;
+  std::vector<NodeId>& leaves = tables(e).tree.leaves;
   leaves.clear();
   for (NodeId v : nodes) {
     if (!prunes) break;
@@ -710,10 +713,10 @@ Pruned prune_item(Engine& e, FPNode* nd, HeaderEntry* h, uint32_t k, int32_t flo
 
 Status make_pattern_scratch(Engine& e) {
   const size_t n = static_cast<size_t>(e.setup().nitems) + 1;
-  if (e.tree.items.size() >= n && e.tree.path.size() >= n) return Status();
+  if (tables(e).tree.items.size() >= n && tables(e).tree.path.size() >= n) return Status();
   try {
-    e.tree.items.assign(n, 0);
-    e.tree.path.assign(n, 0);
+    tables(e).tree.items.assign(n, 0);
+    tables(e).tree.path.assign(n, 0);
   } catch (const std::bad_alloc&) {
     e.rep->trace_errno("malloc");
     return Status::out_of_memory();
@@ -728,30 +731,30 @@ namespace {
 Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t depth) {
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
-  const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
-  Status s =
-      create_freqitemlist(&e.items, &e.pool, cdb, floor, e.setup().nitems, &e.stats, &nfreq, &list);
+  const int32_t floor = static_cast<int32_t>(tables(e).support.lowest_minsup());
+  Status s = create_freqitemlist(&tables(e).items, &tables(e).pool, cdb, floor, e.setup().nitems,
+                                 &tables(e).stats, &nfreq, &list);
   if (!s.ok()) {
     e.rep->printf("%s(%u) Fatal error in create_freqitemlist()", sites::kConditionalItems.module,
                   sites::kConditionalItems.line);
-    free_buf(&e.pool, cdb);
+    free_buf(&tables(e).pool, cdb);
     return s;
   }
   if (nfreq <= 0) {
-    free_buf(&e.pool, cdb);
+    free_buf(&tables(e).pool, cdb);
     return s;
   }
-  e.prune.cur_pattern_length = q.length;
+  tables(e).prune.cur_pattern_length = q.length;
   FPTree tree = {};
   s = create_fptree(e, cdb, nfreq, list, &tree);
-  free_buf(&e.pool, cdb);
+  free_buf(&tables(e).pool, cdb);
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
                   sites::kConditionalTree.line);
     free_fptree(&tree);
     return s;
   }
-  ++e.counters.conditional_trees;
+  ++tables(e).counters.conditional_trees;
   s = gen_freqpattern(e, &tree, q, depth + 1);
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
@@ -763,17 +766,17 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
 // Counts the conditional database of the chain from `chain` (nodes of the
 // tree on top of the arena) as collect_conditional would write it under
 // `len` for a pattern of k items plus the chain's item: every node with a
-// count that contributes adds it to each ancestor's item in e.items, and its
+// count that contributes adds it to each ancestor's item in tables(e).items, and its
 // ancestors (least frequent first) go to record_items as its record, listed
 // in records in chain order; the one walk up the tree serves both. Returns
 // the number of items met; *nrecords gets the number of records.
 uint32_t count_chain(Engine& e, NodeId chain, uint32_t k, uint32_t len, size_t* nrecords) {
-  const FPNode* nd = e.tree.arena.nodes();
-  const NodeKey& key = e.tree.arena.key();
-  int32_t* support = e.items.support.data();
-  uint32_t* touched = e.items.touched.data();
-  std::vector<TranSlot>& path = e.tree.record_items;
-  std::vector<CondRecord>& recs = e.tree.records;
+  const FPNode* nd = tables(e).tree.arena.nodes();
+  const NodeKey& key = tables(e).tree.arena.key();
+  int32_t* support = tables(e).items.support.data();
+  uint32_t* touched = tables(e).items.touched.data();
+  std::vector<TranSlot>& path = tables(e).tree.record_items;
+  std::vector<CondRecord>& recs = tables(e).tree.records;
   uint32_t met = 0;
   size_t nrecs = 0;
   size_t at = 0;
@@ -822,7 +825,7 @@ void order_records(TreeScratch& t, uint32_t n, uint32_t max_length) {
 Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t nodes,
                         FPTree* tree) {
   if (Status s = start_tree(e, nfreq, list, tree); !s.ok()) return s;
-  TreeScratch& t = e.tree;
+  TreeScratch& t = tables(e).tree;
   try {
     if (t.ordered.size() < nodes) t.ordered.resize(nodes);
   } catch (const std::bad_alloc&) {
@@ -868,7 +871,7 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
     for (const uint32_t last = r + count; r < last && inserted; ++r) {
       const CondRecord& c = t.ordered[r];
       const CurTran tran = {static_cast<int32_t>(c.n), items + c.start};
-      e.prune.cur_tran_length = c.n;
+      tables(e).prune.cur_tran_length = c.n;
       inserted = insert_tran_to_fptree(e, tree, tree->root, &tran, c.w);
     }
   }
@@ -880,14 +883,14 @@ Status build_from_chain(Engine& e, int32_t nfreq, const ItemEntry* list, size_t 
 // the chain's) from the nodes of `chain` that contribute under `len`, taken
 // straight from the tree on top of the arena, and mines it.
 Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint32_t depth) {
-  Status s = size_item_table(&e.items, e.setup().nitems, e.rep);
+  Status s = size_item_table(&tables(e).items, e.setup().nitems, e.rep);
   size_t nrecords = 0;
   uint32_t met = 0;
   if (s.ok()) {
     try {
       met = count_chain(e, chain, q.length - 1, len, &nrecords);
     } catch (const std::bad_alloc&) {  // the records could not grow
-      for (uint32_t i = 0; i < e.setup().nitems; ++i) e.items.support[i] = 0;
+      for (uint32_t i = 0; i < e.setup().nitems; ++i) tables(e).items.support[i] = 0;
       e.rep->trace_errno("malloc");
       s = Status::out_of_memory();
     }
@@ -899,9 +902,10 @@ Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint3
   }
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
-  list_touched_items(&e.items, met, static_cast<int32_t>(e.support.lowest_minsup()), &nfreq, &list);
+  list_touched_items(&tables(e).items, met, static_cast<int32_t>(tables(e).support.lowest_minsup()),
+                     &nfreq, &list);
   if (nfreq <= 0) return s;
-  e.prune.cur_pattern_length = q.length;
+  tables(e).prune.cur_pattern_length = q.length;
   FPTree tree = {};
   s = build_from_chain(e, nfreq, list, nrecords, &tree);
   if (!s.ok()) {
@@ -910,7 +914,7 @@ Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint3
     free_fptree(&tree);
     return s;
   }
-  ++e.counters.conditional_trees;
+  ++tables(e).counters.conditional_trees;
   s = gen_freqpattern(e, &tree, q, depth + 1);
   if (!s.ok()) {
     e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
@@ -937,10 +941,10 @@ bool at_least(int32_t support, uint32_t need) {
 void emit(Engine& e, const Pattern& q) {
   if (q.length < e.setup().min_size || q.length > e.setup().max_size) return;
   if (e.setup().wanted != nullptr) {
-    const uint32_t least = e.top_single_path ? q.items[q.length - 1] : q.items[0];
+    const uint32_t least = tables(e).top_single_path ? q.items[q.length - 1] : q.items[0];
     if (!(*e.setup().wanted)[least]) return;
   }
-  e.sink->put(q);
+  tables(e).sink->put(q);
 }
 
 // The nodes of the single path below `u` that cannot extend a pattern of k
@@ -948,11 +952,11 @@ void emit(Engine& e, const Pattern& q) {
 void mark_rare_nodes(Engine& e, FPNode* nd, NodeId u, uint32_t k) {
   uint32_t below = 0;  // nodes of the path below u
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) ++below;
-  const uint32_t need_max = e.support.bound_of_length(k + below);
+  const uint32_t need_max = tables(e).support.bound_of_length(k + below);
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
     if (nd[v].count > 0 && !at_least(nd[v].count, need_max)) {
       nd[v].count = -nd[v].count;
-      ++e.counters.marked_nodes;
+      ++tables(e).counters.marked_nodes;
     }
   }
 }
@@ -964,10 +968,10 @@ void mine_path_below(Engine& e, const Pattern& p, FPNode* nd, NodeId u) {
   if (k >= e.setup().max_size || nd[u].first_child == kNoNode) return;
   mark_rare_nodes(e, nd, u, k);
   Pattern q = {k + 1, p.support, p.items};
-  const uint32_t need = e.support.minsup_of_length(k + 1);
+  const uint32_t need = tables(e).support.minsup_of_length(k + 1);
   for (NodeId v = nd[u].first_child; v != kNoNode; v = nd[v].first_child) {
     if (nd[v].count < 0) continue;
-    q.items[k] = e.tree.arena.key().item(nd[v]);
+    q.items[k] = tables(e).tree.arena.key().item(nd[v]);
     if (q.support > nd[v].count) q.support = nd[v].count;
     if (at_least(q.support, need)) emit(e, q);
     if (nd[v].first_child != kNoNode) mine_path_below(e, q, nd, v);
@@ -980,10 +984,10 @@ void mine_path_below(Engine& e, const Pattern& p, FPNode* nd, NodeId u) {
 // Mines the single path of `tree` (released here); on the tree of the whole
 // database every pattern's least frequent item is the last one added.
 void mine_single_path(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
-  ++e.counters.single_paths;
-  e.top_single_path = depth == 1;
+  ++tables(e).counters.single_paths;
+  tables(e).top_single_path = depth == 1;
   mine_path_below(e, p, tree->arena->nodes(), tree->root);
-  e.top_single_path = false;
+  tables(e).top_single_path = false;
   free_fptree(tree);
 }
 
@@ -1003,7 +1007,8 @@ struct ShallowNodes {
 // arena); false (nothing listed) when they are not few, so that walking the
 // chains costs as much.
 bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNodes* out) {
-  std::vector<uint32_t>& index = e.tree.rank;  // all zero between builds: item -> header index + 1
+  std::vector<uint32_t>& index =
+      tables(e).tree.rank;  // all zero between builds: item -> header index + 1
   for (int32_t p = 0; p < tree.nheader; ++p)
     index[tree.header[p].item] = static_cast<uint32_t>(p + 1);
   out->start.assign(static_cast<size_t>(tree.nheader) + 1, 0);
@@ -1041,9 +1046,9 @@ bool list_shallow_nodes(Engine& e, const FPTree& tree, uint32_t bound, ShallowNo
 // lookup is not monotone over small counts with a constant table).
 uint32_t longest_length(const Engine& e, int32_t floor) {
   const int32_t cached = SupportTable::kCacheSize;
-  uint32_t longest = e.support.min_length_of_support(std::max(floor, cached));
+  uint32_t longest = tables(e).support.min_length_of_support(std::max(floor, cached));
   for (int32_t s = std::max(floor, 0); s < cached; ++s) {
-    longest = std::max(longest, e.support.min_length_of_support(s));
+    longest = std::max(longest, tables(e).support.min_length_of_support(s));
   }
   return longest;
 }
@@ -1051,10 +1056,9 @@ uint32_t longest_length(const Engine& e, int32_t floor) {
 // Prunes top item h (header index i) and hands its pruned chain to the run's
 // split, which collects and mines its conditional database.
 Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const ShallowNodes* listed) {
-  FPNode* nd = e.tree.arena.nodes();
-  const Pruned pruned = listed != nullptr
-                            ? prune_item(e, nd, h, 0, floor, listed->of(i))
-                            : prune_item(e, nd, h, 0, floor, ChainNodes{nd, h->head});
+  FPNode* nd = tables(e).tree.arena.nodes();
+  const Pruned pruned = listed != nullptr ? prune_item(e, nd, h, 0, floor, listed->of(i))
+                                          : prune_item(e, nd, h, 0, floor, ChainNodes{nd, h->head});
   if (pruned == Pruned::kBelowFloor) return Status();
   return e.split()->conditional(e, h->item, h->support, h->head);
 }
@@ -1064,13 +1068,13 @@ Status split_item(Engine& e, HeaderEntry* h, int32_t i, int32_t floor, const Sha
 // with h's item.
 Status mine_item(Engine& e, HeaderEntry* h, int32_t i, Pattern q, int32_t floor, uint32_t depth,
                  const ShallowNodes* listed) {
-  FPNode* nd = e.tree.arena.nodes();
+  FPNode* nd = tables(e).tree.arena.nodes();
   const Pruned pruned = listed != nullptr
                             ? prune_item(e, nd, h, q.length - 1, floor, listed->of(i))
                             : prune_item(e, nd, h, q.length - 1, floor, ChainNodes{nd, h->head});
   if (pruned != Pruned::kKept) return Status();
   q.support = h->support;
-  return mine_chain(e, q, h->head, e.support.min_length_of_support(h->support), depth);
+  return mine_chain(e, q, h->head, tables(e).support.min_length_of_support(h->support), depth);
 }
 
 // In a restricted run, the lowest header index whose item the run must
@@ -1098,7 +1102,7 @@ int32_t lowest_wanted_index(const Engine& e, const FPTree& tree) {
 Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
   const bool top = depth == 1;
   TopLevelSplit* split = top ? e.split() : nullptr;
-  const int32_t floor = static_cast<int32_t>(e.support.lowest_minsup());
+  const int32_t floor = static_cast<int32_t>(tables(e).support.lowest_minsup());
   ShallowNodes shallow;
   const ShallowNodes* listed = nullptr;
   if (split != nullptr) split->take_tree(*tree);
@@ -1107,7 +1111,7 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     listed = &shallow;
   const uint32_t k = p.length;
   Pattern q = {k + 1, 0, p.items};
-  const uint32_t need = e.support.minsup_of_length(k + 1);
+  const uint32_t need = tables(e).support.minsup_of_length(k + 1);
   const int32_t lowest = top ? lowest_wanted_index(e, *tree) : 0;
   for (int32_t i = tree->nheader - 1; i >= 0 && i >= lowest; --i) {
     HeaderEntry* h = &tree->header[i];
@@ -1125,8 +1129,8 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
     q.items[k] = h->item;
     q.support = h->support;
     if (at_least(q.support, need)) emit(e, q);
-    Status s =
-        split != nullptr ? split_item(e, h, i, floor, listed) : mine_item(e, h, i, q, floor, depth, listed);
+    Status s = split != nullptr ? split_item(e, h, i, floor, listed)
+                                : mine_item(e, h, i, q, floor, depth, listed);
     if (!s.ok()) return s;
   }
   if (split != nullptr) {
@@ -1140,14 +1144,14 @@ Status walk_items(Engine& e, FPTree* tree, const Pattern& p, uint32_t depth) {
 }  // namespace
 
 Status collect_top_item(Engine& e, const FPTree& top, int32_t support, NodeId chain, TranBuf* cdb) {
-  if (Status s = init_buf(&e.pool, cdb); !s.ok()) {
+  if (Status s = init_buf(&tables(e).pool, cdb); !s.ok()) {
     e.rep->tracef("%s(%u) : init_buf\n", sites::kCollectInitBuf.module,
                   sites::kCollectInitBuf.line);
     return s;
   }
-  Status s = collect_conditional(e, top.key(), top.nodes(), chain, 0, e.support.min_length_of_support(support),
-                                 cdb);
-  if (!s.ok()) free_buf(&e.pool, cdb);
+  Status s = collect_conditional(e, top.key(), top.nodes(), chain, 0,
+                                 tables(e).support.min_length_of_support(support), cdb);
+  if (!s.ok()) free_buf(&tables(e).pool, cdb);
   return s;
 }
 
@@ -1158,8 +1162,8 @@ Status recursion_malloc_failure(Engine& e) {
 }
 
 Status mine_top_database(Engine& e, uint32_t item, int32_t support, TranBuf* cdb) {
-  e.tree.items[0] = item;
-  const Pattern q = {1, support, e.tree.items.data()};
+  tables(e).tree.items[0] = item;
+  const Pattern q = {1, support, tables(e).tree.items.data()};
   return mine_conditional(e, q, cdb, 1);
 }
 
@@ -1181,7 +1185,7 @@ Status mine_fptree(Engine& e, FPTree* tree) {
   // empty pattern carries the support of the most frequent item as it was
   // before path pruning: a single-path tree caps every pattern's support by
   // it, and pruning may have cut that item from every record.
-  const Pattern empty = {0, tree->top_support, e.tree.items.data()};
+  const Pattern empty = {0, tree->top_support, tables(e).tree.items.data()};
   Status s = gen_freqpattern(e, tree, empty, 1);
   if (!s.ok())
     e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kRecursionMine.module,

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "engine/engine_tables.h"
+
 namespace quarlo::detail {
 
 namespace {
@@ -70,8 +72,8 @@ bool prepare_engine(WordReader* in, Engine* e) {
     return in->left() == 0;  // a run with nothing below its top
   if (!in->ok() || e->setup().nitems > kMostItems) return false;
   std::vector<uint32_t> table(in->ok() && n <= in->left() ? n : 0);
-  if (!in->take(n, table.data()) || !e->support.restore(table.data(), n) ||
-      e->support.lengths() != e->setup().nitems) {
+  if (!in->take(n, table.data()) || !tables(*e).support.restore(table.data(), n) ||
+      tables(*e).support.lengths() != e->setup().nitems) {
     return false;
   }
   if (!prepare_scratch(e).ok()) throw std::bad_alloc();
@@ -123,7 +125,7 @@ bool mine_next_item(WordReader* in, Engine* e, WordSink* sink, Status* mined) {
   TranBuf cdb = {4 * n, 0, static_cast<int32_t*>(malloc(4 * size_t{n}))};
   if (cdb.data == nullptr) throw std::bad_alloc();
   in->take(n, cdb.data);
-  std::vector<char>& seen = e->tree.seen;
+  std::vector<char>& seen = tables(*e).tree.seen;
   if (seen.size() < e->setup().nitems) seen.assign(e->setup().nitems, 0);
   if (!well_formed(cdb.data, n, e->setup().nitems, support, &seen)) {
     free(cdb.data);
@@ -161,11 +163,11 @@ Status Planner::conditional(Engine& e, uint32_t item, int32_t support, NodeId ch
     record_.push_back(1);
     record_.push_back(k);
   } catch (const std::bad_alloc&) {
-    free_buf(&e.pool, &cdb);
+    free_buf(&tables(e).pool, &cdb);
     e.rep->trace_errno("malloc");
     return Status::out_of_memory();
   }
-  free_buf(&e.pool, &cdb);
+  free_buf(&tables(e).pool, &cdb);
   return Status();
 }
 
@@ -181,7 +183,7 @@ Status Planner::begin_item(Engine& e, uint32_t) {
   if (started_) return Status();
   try {
     std::vector<uint32_t> run = {e.setup().nitems, e.setup().min_size, e.setup().max_size};
-    const std::vector<uint32_t> table = e.support.save();
+    const std::vector<uint32_t> table = tables(e).support.save();
     run.push_back(static_cast<uint32_t>(table.size()));
     run.insert(run.end(), table.begin(), table.end());
     start_parts(run);
@@ -208,7 +210,7 @@ Status mine_part_words(const std::string& part, std::vector<uint32_t>* out) {
   Engine e(&rep);
   WordSink sink;
   sink.to = out;
-  e.sink = &sink;
+  tables(e).sink = &sink;
   try {
     if (in.next() != kPartMagic || !prepare_engine(&in, &e)) {
       return Status::invalid_argument("not a part of a planned run");

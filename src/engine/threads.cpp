@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "engine/engine_tables.h"
+
 namespace quarlo::detail {
 
 namespace {
@@ -197,12 +199,12 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
     for (std::unique_ptr<Worker>& w : workers_) {
       if (w == nullptr) continue;
       w->rep.pass_on(run_.rep);
-      MiningCounters& c = run_.counters;
-      c.single_paths += w->e.counters.single_paths;
-      c.marked_nodes += w->e.counters.marked_nodes;
-      c.pruned_nodes += w->e.counters.pruned_nodes;
-      c.cut_items += w->e.counters.cut_items;
-      c.conditional_trees += w->e.counters.conditional_trees;
+      MiningCounters& c = tables(run_).counters;
+      c.single_paths += tables(w->e).counters.single_paths;
+      c.marked_nodes += tables(w->e).counters.marked_nodes;
+      c.pruned_nodes += tables(w->e).counters.pruned_nodes;
+      c.cut_items += tables(w->e).counters.cut_items;
+      c.conditional_trees += tables(w->e).counters.conditional_trees;
     }
     return status_;
   }
@@ -211,7 +213,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   // A worker's engine: the run's support table and limits, a pool, pruning
   // tables and pattern scratch of its own.
   Status prepare(Engine* w) {
-    w->support = run_.support;
+    tables(*w).support = tables(run_).support;
     EngineSetup setup;
     setup.nitems = run_.setup().nitems;
     setup.min_size = run_.setup().min_size;
@@ -221,7 +223,7 @@ class ParallelTop : public TopLevelSplit, public PatternSink {
   }
 
   void work(Worker* w) {
-    w->e.sink = &w->sink;
+    tables(w->e).sink = &w->sink;
     for (;;) {
       Task t;
       {
@@ -314,13 +316,13 @@ Status mine_fptree_parallel(Engine& e, FPTree* tree, uint32_t threads) {
     free_fptree(tree);
     return s;
   }
-  top.take_sink(e.sink);
-  PatternSink* own = e.sink;
-  e.sink = &top;
+  top.take_sink(tables(e).sink);
+  PatternSink* own = tables(e).sink;
+  tables(e).sink = &top;
   e.set_threads_split(&top);
   Status mined = mine_fptree(e, tree);
   Status finished = top.finish(mined.ok());
-  e.sink = own;
+  tables(e).sink = own;
   e.set_threads_split(nullptr);
   if (!mined.ok()) return mined;
   if (!finished.ok()) {
