@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "engine/engine_tables.h"
@@ -726,6 +727,24 @@ Status make_pattern_scratch(Engine& e) {
 
 namespace {
 
+// Mines the conditional tree of `q` just built into `tree` (`built` tells
+// whether it could be), tracing a failure of either step.
+Status mine_built_tree(Engine& e, Status built, FPTree* tree, const Pattern& q, uint32_t depth) {
+  if (!built.ok()) {
+    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
+                  sites::kConditionalTree.line);
+    free_fptree(tree);
+    return built;
+  }
+  ++tables(e).counters.conditional_trees;
+  Status s = gen_freqpattern(e, tree, q, depth + 1);
+  if (!s.ok()) {
+    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
+                  sites::kConditionalMine.line);
+  }
+  return s;
+}
+
 // Builds the conditional tree of pattern `q` (k + 1 items, the last being h's)
 // from `cdb`, which it releases, and mines it.
 Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t depth) {
@@ -748,25 +767,13 @@ Status mine_conditional(Engine& e, const Pattern& q, TranBuf* cdb, uint32_t dept
   FPTree tree = {};
   s = create_fptree(e, cdb, nfreq, list, &tree);
   free_buf(&tables(e).pool, cdb);
-  if (!s.ok()) {
-    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
-                  sites::kConditionalTree.line);
-    free_fptree(&tree);
-    return s;
-  }
-  ++tables(e).counters.conditional_trees;
-  s = gen_freqpattern(e, &tree, q, depth + 1);
-  if (!s.ok()) {
-    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
-                  sites::kConditionalMine.line);
-  }
-  return s;
+  return mine_built_tree(e, std::move(s), &tree, q, depth);
 }
 
 // Counts the conditional database of the chain from `chain` (nodes of the
 // tree on top of the arena) as collect_conditional would write it under
 // `len` for a pattern of k items plus the chain's item: every node with a
-// count that contributes adds it to each ancestor's item in tables(e).items, and its
+// count that contributes adds it to each ancestor's item in the item table, and its
 // ancestors (least frequent first) go to record_items as its record, listed
 // in records in chain order; the one walk up the tree serves both. Returns
 // the number of items met; *nrecords gets the number of records.
@@ -908,19 +915,7 @@ Status mine_chain(Engine& e, const Pattern& q, NodeId chain, uint32_t len, uint3
   tables(e).prune.cur_pattern_length = q.length;
   FPTree tree = {};
   s = build_from_chain(e, nfreq, list, nrecords, &tree);
-  if (!s.ok()) {
-    e.rep->tracef("%s(%u) : create_fptree\n", sites::kConditionalTree.module,
-                  sites::kConditionalTree.line);
-    free_fptree(&tree);
-    return s;
-  }
-  ++tables(e).counters.conditional_trees;
-  s = gen_freqpattern(e, &tree, q, depth + 1);
-  if (!s.ok()) {
-    e.rep->tracef("%s(%u) : gen_freqpattern\n", sites::kConditionalMine.module,
-                  sites::kConditionalMine.line);
-  }
-  return s;
+  return mine_built_tree(e, std::move(s), &tree, q, depth);
 }
 
 bool is_single_path(const FPTree* tree) {
