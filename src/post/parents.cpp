@@ -71,7 +71,10 @@ bool equal_items(const uint32_t* a, const uint32_t* b, uint32_t n) {
 // a `skip` of len or more compares q[0..len) directly.
 bool equal_skipping(const uint32_t* a, const uint32_t* q, uint32_t len, uint32_t skip) {
   const uint32_t head = std::min(skip, len);
-  return equal_items(a, q, head) && equal_items(a + head, q + head + 1, len - head);
+  if (!equal_items(a, q, head)) return false;
+  // With nothing behind the skipped position q may hold only len items (or
+  // none, a null pointer): no pointer is formed past them.
+  return head == len || equal_items(a + head, q + head + 1, len - head);
 }
 
 // Slots for `count` patterns: a power of two, at most three quarters full.
