@@ -39,6 +39,8 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "build/python"))
+sys.path.insert(0, str(ROOT / "bench"))
+from python_bench import split  # noqa: E402  (the file cutter both scripts use)
 GIB = 2**30
 MIB = 2**20
 
@@ -59,25 +61,6 @@ def peak_mib() -> float:
             if line.startswith("VmHWM:"):
                 return int(line.split()[1]) / 1024
     return float("nan")
-
-
-def split(path: Path, pieces: int) -> list:
-    """`path` cut at line ends into `pieces` files beside it."""
-    size = path.stat().st_size
-    names, begin = [], 0
-    with open(path, "rb") as f:
-        for k in range(pieces):
-            f.seek(max(begin, size * (k + 1) // pieces))
-            f.readline()
-            end = size if k == pieces - 1 else f.tell()
-            f.seek(begin)
-            names.append(path.with_name(f"{path.stem}-{k:03d}.txt"))
-            with open(names[-1], "wb") as out:
-                while begin < end:
-                    chunk = f.read(min(64 * MIB, end - begin))
-                    out.write(chunk)
-                    begin += len(chunk)
-    return names
 
 
 def limited(gib):

@@ -143,10 +143,12 @@ def split(path: Path, pieces: int) -> list:
             f.readline()
             end = size if k == pieces - 1 else f.tell()
             f.seek(begin)
-            names.append(path.with_name(f"{path.stem}-{k}.txt"))
+            names.append(path.with_name(f"{path.stem}-{k:03d}.txt"))
             with open(names[-1], "wb") as out:
-                out.write(f.read(end - begin))
-            begin = end
+                while begin < end:  # in slices: the files run to gigabytes
+                    chunk = f.read(min(64 * 2**20, end - begin))
+                    out.write(chunk)
+                    begin += len(chunk)
     return names
 
 
