@@ -1,10 +1,10 @@
 # Front door for users and CI:
 #   make        optimised binary at build/release/quarlo
 #   make demo   build, then run quarlo on the example in examples/
-#   make test   Debug build with AddressSanitizer + UBSan, all tests through CTest,
-#               then the same tests on the optimised build, then the installed
-#               package checked with examples/embed, then the Python module's tests,
-#               then the package installed with pip into a fresh virtual environment
+#   make test   Debug build with AddressSanitizer + UBSan and all tests through CTest;
+#               beside it the optimised build with its output tests, the Python
+#               module's tests, the installed package checked with examples/embed
+#               and the package installed with pip into a fresh virtual environment
 #   make install PREFIX=/usr/local   program, library, headers, CMake package, man page
 #   make fuzz   clang libFuzzer targets in build/fuzz, each run FUZZ_SECONDS seconds
 #               on a copy of its seed corpus; fails when one finds a crash
@@ -25,12 +25,19 @@ PYTHON := /usr/bin/python3
 PY_BUILD := build/release
 PY_PACKAGE_DIR := build/python
 
-.PHONY: all release demo test fuzz python install build-deps test-deps fuzz-deps python-deps clean
+.PHONY: all release demo test fuzz python install build-deps test-deps fuzz-deps python-deps clean \
+  test-lanes test-sanitized test-build-optimised test-optimised test-python test-packages
+
+# Ninja when it is there, for a tree configured here for the first time: it
+# compiles the objects of every target of a tree together, where the Makefile
+# generator waits for the libraries a target links. A tree keeps the
+# generator it was made with.
+generator = $(if $(wildcard $(1)/CMakeCache.txt),,$(if $(shell command -v ninja 2>/dev/null),-G Ninja))
 
 all: release
 
 release: build-deps
-	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+	cmake -S . -B build/release $(call generator,build/release) -DCMAKE_BUILD_TYPE=Release
 	cmake --build build/release -j $(JOBS) --target quarlo
 
 demo: release
@@ -53,25 +60,46 @@ fuzz-deps:
 python-deps:
 	@sh tools/ensure-deps.sh python
 
+# make test runs four lanes at once, each printed whole when it ends: the
+# sanitizer tree (everything built, every test), and over the optimised tree
+# (the program, the Python module and the output tests, built once) its output
+# tests, the Python tests, and the installed packages (CMake and pip). The
+# sanitizer tree is a unity build: it only serves the tests, and compiles in
+# half the time.
 test: test-deps
-	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON
+	@$(MAKE) --no-print-directory -j 4 -O test-lanes
+
+test-lanes: test-sanitized test-optimised test-python test-packages
+
+test-sanitized:
+	cmake -S . -B build/asan $(call generator,build/asan) -DCMAKE_BUILD_TYPE=Debug \
+	  -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON -DCMAKE_UNITY_BUILD=ON
 	cmake --build build/asan -j $(JOBS)
 	cd build/asan && ctest --output-on-failure -j $(JOBS)
-	$(MAKE) --no-print-directory python
-	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DQUARLO_TESTS=ON
-	cmake --build build/release -j $(JOBS)
-	cd build/release && ctest --output-on-failure -j $(JOBS)
-	sh tools/check-embed.sh
+
+test-build-optimised: python-deps
+	cmake -S . -B build/release $(call generator,build/release) -DCMAKE_BUILD_TYPE=Release \
+	  -DQUARLO_TESTS=ON -DQUARLO_PYTHON=ON -DPython_EXECUTABLE=$(PYTHON) \
+	  -DQUARLO_PYTHON_DIR=$(CURDIR)/$(PY_PACKAGE_DIR)
+	cmake --build build/release -j $(JOBS) --target quarlo quarlo_python quarlo_output_tests
+
+test-optimised: test-build-optimised
+	cd build/release && ctest --output-on-failure -j $(JOBS) -L quarlo_output_tests
+
+test-python: test-build-optimised
 	QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q tests/python
+
+test-packages: test-build-optimised
+	sh tools/check-embed.sh
 	sh tools/check-pip.sh
 
 fuzz: fuzz-deps
-	CXX=clang++-14 cmake -S . -B $(FUZZ_DIR) -DQUARLO_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	CXX=clang++-14 cmake -S . -B $(FUZZ_DIR) $(call generator,$(FUZZ_DIR)) -DQUARLO_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
 	sh tools/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 python: python-deps
-	cmake -S . -B $(PY_BUILD) -DCMAKE_BUILD_TYPE=Release -DQUARLO_PYTHON=ON \
+	cmake -S . -B $(PY_BUILD) $(call generator,$(PY_BUILD)) -DCMAKE_BUILD_TYPE=Release -DQUARLO_PYTHON=ON \
 	  -DPython_EXECUTABLE=$(PYTHON) -DQUARLO_PYTHON_DIR=$(CURDIR)/$(PY_PACKAGE_DIR)
 	cmake --build $(PY_BUILD) -j $(JOBS) --target quarlo_python
 

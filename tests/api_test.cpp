@@ -23,7 +23,7 @@ using quarlo_test::run_quarlo;
 using quarlo_test::TempDirTest;
 using quarlo_test::write_file;
 
-std::string source_path(const std::string& rel) { return std::string(QUARLO_SOURCE_DIR) + "/" + rel; }
+using quarlo_test::source_path;
 
 // The result written as the program writes FILE.fp.
 std::string fp_text(const quarlo::Result& r) {

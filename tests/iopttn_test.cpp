@@ -99,9 +99,8 @@ TEST_F(SortByLength, RewriteThatCannotBeWrittenWholeFails) {
     return group_by_length(name.c_str(), &console) ? 0 : 3;
   });
   EXPECT_EQ(r.status, 3);
-  EXPECT_TRUE(quarlo_test::matches_regex(
-      r.out, "quarlo\\(\\d+\\) Failed to write " + quarlo_test::regex_escape(name) +
-                 ": File too large\n"))
+  EXPECT_TRUE(quarlo_test::matches_pattern(r.out, "quarlo(#) Failed to write " + name +
+                                                       ": File too large\n"))
       << r.out;
 }
 

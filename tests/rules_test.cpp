@@ -24,7 +24,7 @@ using quarlo::Support;
 using quarlo::Transactions;
 
 using Labels = std::vector<std::vector<std::string>>;
-using Counts = std::vector<uint32_t>;
+using RuleCounts = std::vector<uint32_t>;
 
 std::string side(const RuleSet& rs, std::span<const uint32_t> items) {
   std::string text;
@@ -33,7 +33,7 @@ std::string side(const RuleSet& rs, std::span<const uint32_t> items) {
 }
 
 // "X -> Y" of each rule in order, and each rule's three counts by that text.
-std::vector<std::string> texts(const RuleSet& rs, std::map<std::string, Counts>* counts = nullptr) {
+std::vector<std::string> texts(const RuleSet& rs, std::map<std::string, RuleCounts>* counts = nullptr) {
   std::vector<std::string> out;
   for (const quarlo::Rule& r : rs.rules) {
     out.push_back(side(rs, rs.antecedent(r)) + " -> " + side(rs, rs.consequent(r)));
@@ -70,11 +70,11 @@ TEST(Rules, SidesThatAreNotFrequentAreCountedInTheData) {
   EXPECT_EQ(rs.transactions, 10u);
   EXPECT_EQ(rs.itemsets, 4u);
   EXPECT_EQ(rs.counted, 1u);  // {a}, the one side below its length's count
-  std::map<std::string, Counts> counts;
+  std::map<std::string, RuleCounts> counts;
   const std::vector<std::string> order = texts(rs, &counts);
   // a -> c (1/5), c -> a (1/6), b c -> a (1/5) and a b -> c (1/5) fall short;
   // with one consequent of {a, b, c} passing, none of two items is tried.
-  EXPECT_EQ(counts, (std::map<std::string, Counts>{{"a -> b", {5, 5, 9}},
+  EXPECT_EQ(counts, (std::map<std::string, RuleCounts>{{"a -> b", {5, 5, 9}},
                                                    {"b -> a", {5, 9, 5}},
                                                    {"b -> c", {5, 9, 6}},
                                                    {"c -> b", {5, 6, 9}},

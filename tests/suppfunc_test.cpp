@@ -19,7 +19,7 @@ using U = std::vector<uint32_t>;
 using Lines = std::vector<std::string>;
 using Lookups = std::vector<std::pair<int32_t, uint32_t>>;
 
-class Support : public quarlo_test::TempDirTest {
+class SupportTableFile : public quarlo_test::TempDirTest {
  protected:
   // Loads `text` written as the file "tbl"; what was reported lands in rep_.
   bool load(const std::string& text, uint32_t ntrans, uint32_t nitems, uint32_t min_size = 1) {
@@ -56,7 +56,7 @@ TEST(PercentToCount, RoundsInExtendedPrecision) {
   }
 }
 
-TEST_F(Support, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
+TEST_F(SupportTableFile, TableFileGivesEveryLengthItsCountAndTheShortestLengths) {
   const std::string word19 = "1." + std::string(17, '0');  // 19 characters are still fine
   const struct {
     std::string text;
@@ -122,7 +122,7 @@ uint32_t searched_length(const SupportTable& t, int32_t support) {
   return n;
 }
 
-TEST_F(Support, LookupAgreesWithTheSearchOnBothSidesOfItsTables) {
+TEST_F(SupportTableFile, LookupAgreesWithTheSearchOnBothSidesOfItsTables) {
   // Steps below, across and far above the directly looked-up supports: a
   // count of 2^20 + 5 puts the step of length 3 beyond the direct table.
   const uint32_t big = SupportTable::kMostDirect + 5;
@@ -165,7 +165,7 @@ TEST_F(Support, LookupAgreesWithTheSearchOnBothSidesOfItsTables) {
   EXPECT_EQ(table_.min_length_of_support(1001), 2u);
 }
 
-TEST_F(Support, BadTablesFailWithTheirMessage) {
+TEST_F(SupportTableFile, BadTablesFailWithTheirMessage) {
   const std::string tbl = path("tbl");
   const std::string no_length_one =
       "../vscom/suppfunc(133) Support value for length=1 must be given in \"" + tbl + "\"";

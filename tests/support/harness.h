@@ -62,8 +62,10 @@ std::vector<std::string> list_dir(const std::string& dir);  // sorted names
 std::vector<std::string> split_lines(const std::string& text);
 // `report` with every "N.NNN sec" replaced by "#.### sec".
 std::string mask_timings(const std::string& report);
-bool matches_regex(const std::string& text, const std::string& pattern);  // ECMAScript, whole text
-std::string regex_escape(const std::string& text);
+// True when the whole of `text` is `pattern`, in which "#.###" stands for a
+// timing (digits, a point, three digits), "#" for one or more digits, "..."
+// for any text, and every other character for itself.
+bool matches_pattern(const std::string& text, const std::string& pattern);
 
 // QUARLO_SOURCE_DIR + "/" + rel, and the fixtures under tests/data.
 std::string source_path(const std::string& rel);
