@@ -26,7 +26,8 @@ PY_BUILD := build/release
 PY_PACKAGE_DIR := build/python
 
 .PHONY: all release demo test fuzz python install build-deps test-deps fuzz-deps python-deps clean \
-  test-lanes test-sanitized test-build-optimised test-optimised test-python test-packages
+  test-lanes test-build-sanitized test-build-optimised test-sanitized test-optimised \
+  test-python-dask test-python-mine
 
 # Ninja when it is there, for a tree configured here for the first time: it
 # compiles the objects of every target of a tree together, where the Makefile
@@ -60,38 +61,45 @@ fuzz-deps:
 python-deps:
 	@sh tools/ensure-deps.sh python
 
-# make test runs four lanes at once, each printed whole when it ends: the
-# sanitizer tree (everything built, every test), and over the optimised tree
-# (the program, the Python module and the output tests, built once) its output
-# tests, the Python tests, and the installed packages (CMake and pip). The
-# sanitizer tree is a unity build: it only serves the tests, and compiles in
-# half the time.
-test: test-deps
+# make test builds two trees side by side: the sanitizer tree (a unity build,
+# as it only serves the tests: half the compile time) and the optimised tree
+# (the program, the Python module and the output tests). Then the sanitizer
+# tree's tests run beside the optimised tree's own and its packages (CMake
+# and pip), and last the Python tests in two halves, Dask and the rest. Each
+# lane is printed whole when it ends. The sanitizer tests and the Python tests
+# are kept apart: both fault pages in fast, and on two cores they slow each
+# other down more than they gain.
+test: test-deps python-deps
 	@$(MAKE) --no-print-directory -j 4 -O test-lanes
 
-test-lanes: test-sanitized test-optimised test-python test-packages
+test-lanes: test-sanitized test-optimised test-python-dask test-python-mine
 
-test-sanitized:
+test-build-sanitized:
 	cmake -S . -B build/asan $(call generator,build/asan) -DCMAKE_BUILD_TYPE=Debug \
 	  -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON -DCMAKE_UNITY_BUILD=ON
 	cmake --build build/asan -j $(JOBS)
-	cd build/asan && ctest --output-on-failure -j $(JOBS)
 
-test-build-optimised: python-deps
+test-build-optimised:
 	cmake -S . -B build/release $(call generator,build/release) -DCMAKE_BUILD_TYPE=Release \
 	  -DQUARLO_TESTS=ON -DQUARLO_PYTHON=ON -DPython_EXECUTABLE=$(PYTHON) \
 	  -DQUARLO_PYTHON_DIR=$(CURDIR)/$(PY_PACKAGE_DIR)
 	cmake --build build/release -j $(JOBS) --target quarlo quarlo_python quarlo_output_tests
 
+test-sanitized: test-build-sanitized
+	cd build/asan && ctest --output-on-failure -j $(JOBS)
+
 test-optimised: test-build-optimised
 	cd build/release && ctest --output-on-failure -j $(JOBS) -L quarlo_output_tests
-
-test-python: test-build-optimised
-	QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q tests/python
-
-test-packages: test-build-optimised
 	sh tools/check-embed.sh
 	sh tools/check-pip.sh
+
+PYTEST = QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q
+
+test-python-dask: test-build-optimised | test-sanitized
+	$(PYTEST) tests/python/test_dask.py
+
+test-python-mine: test-build-optimised | test-sanitized
+	$(PYTEST) tests/python --ignore tests/python/test_dask.py
 
 fuzz: fuzz-deps
 	CXX=clang++-14 cmake -S . -B $(FUZZ_DIR) $(call generator,$(FUZZ_DIR)) -DQUARLO_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo

@@ -148,7 +148,14 @@ TEST_F(Lattice, DeepNonFrequentLevelsMatchTheReference) {
   rate[17] = 1.0;
   const std::string text = random_set(&rng, rate, false);
   ASSERT_GT(text.size(), 1000u);
-  ASSERT_EQ(pc_of(text), quarlo_test::reference_pc_list(text));
+  const std::string pc = pc_of(text);
+  // The reference walks every subset of the long patterns: under half a
+  // second optimised, over ten in the sanitizer build, which runs the search
+  // whole (its memo moving as it grows) and leaves the comparison to the
+  // optimised build.
+  if (!quarlo_test::kSanitized) {
+    ASSERT_EQ(pc, quarlo_test::reference_pc_list(text));
+  }
 }
 
 }  // namespace

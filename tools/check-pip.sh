@@ -8,12 +8,15 @@ set -eu
 top=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-/usr/bin/python3 -m venv --system-site-packages "$work/venv"
+# Debian's pip, seen through the system site packages, installs into the
+# environment it runs in: the environment needs no pip of its own.
+/usr/bin/python3 -m venv --without-pip --system-site-packages "$work/venv"
 python="$work/venv/bin/python"
+pip() { "$python" -m pip "$@"; }
 # The module comes from the optimised tree when make has built it there
 # (setup.py builds it anew otherwise).
 (cd "$top" && QUARLO_CMAKE_BUILD_DIR="$top/build/release" \
-  "$work/venv/bin/pip" install -q --no-build-isolation --no-index .)
+  pip install -q --no-build-isolation --no-index .)
 cd "$work"
 site=$("$python" -c 'import sysconfig; print(sysconfig.get_paths()["purelib"])')
 version=$(env -u PYTHONPATH "$python" -c '
@@ -22,12 +25,12 @@ assert quarlo.__file__.startswith("'"$site"'/quarlo/"), quarlo.__file__
 assert doctest.testmod(quarlo).failed == 0
 assert len(quarlo.rules([["a", "b"], ["a", "b"], ["b"]], 1)) == 1
 print(quarlo.__version__)')
-pip_version=$("$work/venv/bin/pip" show quarlo | sed -n 's/^Version: //p')
+pip_version=$(pip show quarlo | sed -n 's/^Version: //p')
 if [ "$version" != "$pip_version" ]; then
   echo "check-pip: pip says $pip_version, the library $version" >&2
   exit 1
 fi
-"$work/venv/bin/pip" uninstall -q -y quarlo
+pip uninstall -q -y quarlo
 left=$(ls -d "$site"/quarlo* 2>/dev/null || true)
 if [ -n "$left" ]; then
   echo "check-pip: pip uninstall left $left" >&2

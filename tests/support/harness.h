@@ -52,6 +52,15 @@ RunResult run_forked(const std::function<int()>& body);
 RunResult run_quarlo(const std::string& dir, const std::vector<std::string>& args,
                      unsigned long file_size_limit = 0);
 
+// The sanitizer build checks memory and undefined behaviour; where a test's
+// own reference (brute force, a plain search) would take most of its time
+// there, it does less of it and the optimised build does all of it.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 // Whole files; failures fail the test.
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
