@@ -37,14 +37,19 @@ class CMakeBuild(build_ext):
         cache = Path(named or "-") / "CMakeCache.txt"
         if not named or not cache.is_file():
             return False
-        entries = dict(line.split("=", 1) for line in cache.read_text().splitlines()
-                       if "=" in line and not line.startswith(("#", "//")))
-        python = Path(entries.get("Python_EXECUTABLE:FILEPATH", "-")).resolve()
-        if (entries.get("CMAKE_HOME_DIRECTORY:INTERNAL") != str(ROOT)
-                or entries.get("QUARLO_PYTHON:BOOL") != "ON" or python != Path(sys.executable).resolve()):
+        # Entries read "NAME:TYPE=VALUE"; a variable given on the command line
+        # without a type stays UNINITIALIZED, so only names are compared.
+        entries = {}
+        for line in cache.read_text().splitlines():
+            if "=" in line and not line.startswith(("#", "//")):
+                key, value = line.split("=", 1)
+                entries[key.split(":", 1)[0]] = value
+        python = Path(entries.get("Python_EXECUTABLE", "-")).resolve()
+        if (entries.get("CMAKE_HOME_DIRECTORY") != str(ROOT)
+                or entries.get("QUARLO_PYTHON") != "ON" or python != Path(sys.executable).resolve()):
             return False
         subprocess.run(["cmake", "--build", named, "--target", "quarlo_python", "-j", jobs], check=True)
-        built = Path(entries["QUARLO_PYTHON_DIR:PATH"]) / "quarlo" / target.name
+        built = Path(entries["QUARLO_PYTHON_DIR"]) / "quarlo" / target.name
         target.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(built, target)
         return True

@@ -15,8 +15,14 @@ python="$work/venv/bin/python"
 pip() { "$python" -m pip "$@"; }
 # The module comes from the optimised tree when make has built it there
 # (setup.py builds it anew otherwise).
+touch "$work/before-install"
 (cd "$top" && QUARLO_CMAKE_BUILD_DIR="$top/build/release" \
   pip install -q --no-build-isolation --no-index .)
+if [ -f "$top/build/release/CMakeCache.txt" ] &&
+   [ -n "$(find "$top/build" -path '*/temp.*/cmake/CMakeCache.txt' -newer "$work/before-install")" ]; then
+  echo "check-pip: pip compiled the library again instead of taking the module from build/release" >&2
+  exit 1
+fi
 cd "$work"
 site=$("$python" -c 'import sysconfig; print(sysconfig.get_paths()["purelib"])')
 version=$(env -u PYTHONPATH "$python" -c '
