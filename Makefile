@@ -26,8 +26,8 @@ PY_BUILD := build/release
 PY_PACKAGE_DIR := build/python
 
 .PHONY: all release demo test fuzz python install build-deps test-deps fuzz-deps python-deps clean \
-  test-lanes test-build-optimised test-build-sanitized test-sanitized test-python-mine \
-  test-python-dask test-optimised
+  test-lanes test-build-sanitized test-sanitized test-optimised test-build-optimised \
+  test-python test-packages
 
 # Ninja when it is there, for a tree configured here for the first time: it
 # compiles the objects of every target of a tree together, where the Makefile
@@ -61,44 +61,44 @@ fuzz-deps:
 python-deps:
 	@sh tools/ensure-deps.sh python
 
-# make test builds the optimised tree (the program, the Python module and the
-# output tests), then the sanitizer tree (a unity build, as it only serves the
-# tests: half the compile time), each with every core. The tests then run in
-# two lanes, each printed whole when it ends: the sanitizer tree's tests, then
-# the Python tests but for Dask's; and the Dask tests, then the optimised
-# tree's tests and its packages (CMake and pip). The lanes hold half the cores
-# each: on a small machine, tests that fault pages in fast slow each other
-# down more than they gain when more of them run than there are cores.
+# make test runs two lanes, each printed whole when it ends, each with half
+# the cores: the sanitizer tree (a unity build, as it only serves the tests:
+# half the compile time) is built and its tests run, then the optimised tree's
+# output tests; beside it the optimised tree (the program, the Python module
+# and the output tests) is built, then the Python tests run, Dask's and the
+# rest, and the installed packages are checked (CMake and pip). On a small
+# machine, tests that fault pages in fast slow each other down more than they
+# gain when more of them run than there are cores.
 test: test-deps python-deps
 	@$(MAKE) --no-print-directory -j 2 -O test-lanes
 
-TEST_JOBS := $(shell n=$$(( $(JOBS) / 2 )); [ $$n -ge 1 ] && echo $$n || echo 1)
+HALF_JOBS := $(shell n=$$(( $(JOBS) / 2 )); [ $$n -ge 1 ] && echo $$n || echo 1)
 PYTEST = QUARLO_BINARY=$(CURDIR)/build/release/quarlo PYTHONPATH=$(PY_PACKAGE_DIR) $(PYTHON) -m pytest -q
 
-test-lanes: test-sanitized test-python-mine test-python-dask test-optimised
+test-lanes: test-optimised test-packages
+
+test-build-sanitized:
+	cmake -S . -B build/asan $(call generator,build/asan) -DCMAKE_BUILD_TYPE=Debug \
+	  -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON -DCMAKE_UNITY_BUILD=ON
+	cmake --build build/asan -j $(HALF_JOBS)
+
+test-sanitized: test-build-sanitized
+	cd build/asan && ctest --output-on-failure -j $(HALF_JOBS)
+
+test-optimised: test-sanitized test-build-optimised
+	cd build/release && ctest --output-on-failure -j $(HALF_JOBS) -L quarlo_output_tests
 
 test-build-optimised:
 	cmake -S . -B build/release $(call generator,build/release) -DCMAKE_BUILD_TYPE=Release \
 	  -DQUARLO_TESTS=ON -DQUARLO_PYTHON=ON -DPython_EXECUTABLE=$(PYTHON) \
 	  -DQUARLO_PYTHON_DIR=$(CURDIR)/$(PY_PACKAGE_DIR)
-	cmake --build build/release -j $(JOBS) --target quarlo quarlo_python quarlo_output_tests
+	cmake --build build/release -j $(HALF_JOBS) --target quarlo quarlo_python quarlo_output_tests
 
-test-build-sanitized: test-build-optimised
-	cmake -S . -B build/asan $(call generator,build/asan) -DCMAKE_BUILD_TYPE=Debug \
-	  -DQUARLO_SANITIZE=ON -DQUARLO_TESTS=ON -DCMAKE_UNITY_BUILD=ON
-	cmake --build build/asan -j $(JOBS)
-
-test-sanitized: test-build-sanitized
-	cd build/asan && ctest --output-on-failure -j $(TEST_JOBS)
-
-test-python-mine: test-sanitized
+test-python: test-build-optimised
+	$(PYTEST) tests/python/test_dask.py
 	$(PYTEST) tests/python --ignore tests/python/test_dask.py
 
-test-python-dask: test-build-sanitized
-	$(PYTEST) tests/python/test_dask.py
-
-test-optimised: test-python-dask
-	cd build/release && ctest --output-on-failure -j $(TEST_JOBS) -L quarlo_output_tests
+test-packages: test-python
 	sh tools/check-embed.sh
 	sh tools/check-pip.sh
 
