@@ -11,7 +11,8 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$top/build/release" --prefix "$work/prefix" > /dev/null
 cmake -S "$top/examples/embed" -B "$work/embed" -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_PREFIX_PATH="$work/prefix" > /dev/null
-cmake --build "$work/embed" > /dev/null
+# Run from make test, whose jobserver this build has no part in.
+MAKEFLAGS= cmake --build "$work/embed" > /dev/null
 mkdir "$work/data"
 cp "$top/examples/groceries.txt" "$top/examples/groceries.supp" "$work/data/"
 cp "$top/tests/data/cli/market.txt" "$top/tests/data/cli/market.supp" "$work/data/"
