@@ -86,7 +86,7 @@ test-sanitized: test-build-sanitized
 	cd build/asan && ctest --output-on-failure -j $(HALF_JOBS)
 
 test-optimised: test-sanitized test-build-optimised
-	cd build/release && ctest --output-on-failure -j $(HALF_JOBS) -L quarlo_output_tests
+	cd build/release && ctest --output-on-failure -j $(HALF_JOBS) -L '^quarlo_output_tests$$'
 
 test-build-optimised:
 	cmake -S . -B build/release $(call generator,build/release) -DCMAKE_BUILD_TYPE=Release \
