@@ -236,7 +236,7 @@ def test_a_worker_killed_on_the_way_leaves_the_result_identical(client, tmp_path
         client.cluster.scheduler.remove_plugin(name="worker-killer")
     assert killer.killed == events
     pd.testing.assert_frame_equal(got, want)
-    client.wait_for_workers(2)
+    client.wait_for_workers(2, timeout=120)  # a nanny that could not restart its worker fails here
     assert nothing_left(client)
 
 
