@@ -127,7 +127,7 @@ class ReportingClient : public EngineClient {
   }
   PatternSink* open_sink(Engine* e, uint32_t ntrans) override {
     if (labelled_ != nullptr &&
-        labelled_->open(labels_.labels(), ntrans, folder_of(options_.names.fp))) {
+        labelled_->open(labels_.labels(), ntrans, options_.names.fp)) {
       labelled_open_ = true;
       return labelled_;
     }
@@ -164,13 +164,6 @@ class ReportingClient : public EngineClient {
   }
 
  private:
-  // The folder a file name is in.
-  static std::string folder_of(const std::string& file) {
-    const size_t slash = file.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : file.substr(0, slash);
-  }
-
   const Options& options_;
   const LabelTable& labels_;
   Console* console_;
@@ -353,19 +346,18 @@ Status Driver::mine_numbered(const LabelTable& labels, WrittenSections* written)
   bool labelled_used = false;
   uint32_t count = 0;
   *written = {};
-  return mine_once(nitems_, labels, nullptr, true, &labelled_used, &count, written);
+  return mine_once(labels, nullptr, true, &labelled_used, &count, written);
 }
 
 // One mining run over FILE.qr into the labelled sections (when `labelled`
 // is given) or FILE.fp_conv. *labelled_used tells which; *count and
 // *written get what the sink counted.
-Status Driver::mine_once(uint32_t nitems, const LabelTable& labels, LabelledPatternWriter* labelled,
-                         bool quiet, bool* labelled_used, uint32_t* count,
-                         WrittenSections* written) {
+Status Driver::mine_once(const LabelTable& labels, LabelledPatternWriter* labelled, bool quiet,
+                         bool* labelled_used, uint32_t* count, WrittenSections* written) {
   LogReporter rep(&console_);
   MiningProgress progress(&console_);
   EngineSetup setup;
-  setup.nitems = nitems;
+  setup.nitems = nitems_;
   setup.min_size = options_.min_size;
   setup.max_size = options_.max_size;
   setup.threads = threads_of_environment();
@@ -386,12 +378,12 @@ Status Driver::mine_once(uint32_t nitems, const LabelTable& labels, LabelledPatt
 // labelled text cannot be kept or written whole, mining runs again into the
 // numbered file, which then decides what the run reports and leaves, as if
 // it had been the only way. Returns 0 or the exit status.
-int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written) {
+int Driver::mine(const LabelTable& labels, WrittenSections* written) {
   std::unique_ptr<LabelledPatternWriter> labelled;
   if (!options_.pc_list && !options_.maximal) labelled = std::make_unique<LabelledPatternWriter>();
   bool labelled_used = false;
   uint32_t count = 0;
-  Status status = mine_once(nitems, labels, labelled.get(), false, &labelled_used, &count, written);
+  Status status = mine_once(labels, labelled.get(), false, &labelled_used, &count, written);
   if (status.ok() && labelled_used) {
     if (!labelled->failed() && labelled->write_to(fp_tmp_).ok()) {
       sections_ = labelled->counts();
@@ -400,7 +392,7 @@ int Driver::mine(uint32_t nitems, const LabelTable& labels, WrittenSections* wri
       unlink(fp_tmp_.c_str());
       labelled.reset();
       *written = {};
-      status = mine_once(nitems, labels, nullptr, true, &labelled_used, &count, written);
+      status = mine_once(labels, nullptr, true, &labelled_used, &count, written);
     }
   }
   labelled.reset();
@@ -528,7 +520,7 @@ int Driver::run_stages(LabelTable* labels) {
   enter_stage(Stage::kMine);
   timings_.patterns = -wall_seconds();
   WrittenSections written;
-  status = mine(nitems_, *labels, &written);
+  status = mine(*labels, &written);
   if (status != kStatusOk) return status;
   timings_.patterns += wall_seconds();
   bool numbered = false;

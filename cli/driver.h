@@ -79,10 +79,10 @@ class Driver {
   int fail(Stage stage, const Status& status);
   int run_stages(LabelTable* labels);
   int transform_input(LabelTable* labels, uint32_t* nitems);
-  Status mine_once(uint32_t nitems, const LabelTable& labels, LabelledPatternWriter* labelled,
-                   bool quiet, bool* labelled_used, uint32_t* count, WrittenSections* written);
+  Status mine_once(const LabelTable& labels, LabelledPatternWriter* labelled, bool quiet,
+                   bool* labelled_used, uint32_t* count, WrittenSections* written);
   Status mine_numbered(const LabelTable& labels, WrittenSections* written);
-  int mine(uint32_t nitems, const LabelTable& labels, WrittenSections* written);
+  int mine(const LabelTable& labels, WrittenSections* written);
   int write_outputs(const LabelTable& labels, WrittenSections* written, bool* numbered);
   int place_sections(const LabelTable& labels, WrittenSections* written, bool* numbered);
   int post_process();

@@ -1,7 +1,5 @@
 #include "cli/labelled_patterns.h"
 
-#include <fcntl.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "base/io.h"
@@ -41,82 +38,16 @@ inline void copy_short(char* to, const char* from, size_t n) {
   for (size_t i = 0; i < n; i += 16) memcpy(to + i, from + i, 16);
 }
 
-bool write_all(int fd, const char* text, size_t n) {
-  while (n > 0) {
-    const ssize_t w = write(fd, text, n);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) {
-      if (w == 0) errno = EIO;
-      return false;
-    }
-    text += w;
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
-
-bool pwrite_all(int fd, const char* text, size_t n, uint64_t at) {
-  while (n > 0) {
-    const ssize_t w = pwrite(fd, text, n, static_cast<off_t>(at));
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) {
-      if (w == 0) errno = EIO;
-      return false;
-    }
-    text += w;
-    at += static_cast<uint64_t>(w);
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
-
-// Appends `n` bytes of `from` at `offset` to `to`: in the kernel where it can,
-// through a buffer where it cannot.
-bool copy_range(int from, uint64_t offset, int to, size_t n) {
-  loff_t at = static_cast<loff_t>(offset);
-  while (n > 0) {
-    const ssize_t c = copy_file_range(from, &at, to, nullptr, n, 0);
-    if (c > 0) {
-      n -= static_cast<size_t>(c);
-      continue;
-    }
-    if (c < 0 && errno == EINTR) continue;
-    if (c == 0 || (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP)) {
-      if (c == 0) errno = EIO;
-      return false;
-    }
-    break;
-  }
-  if (n == 0) return true;
-  std::unique_ptr<char[]> buf(new (std::nothrow) char[kLargestChunk]);
-  if (buf == nullptr) {
-    errno = ENOMEM;
-    return false;
-  }
-  while (n > 0) {
-    const ssize_t r = pread(from, buf.get(), std::min(n, kLargestChunk), at);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) {
-      if (r == 0) errno = EIO;
-      return false;
-    }
-    if (!write_all(to, buf.get(), static_cast<size_t>(r))) return false;
-    at += r;
-    n -= static_cast<size_t>(r);
-  }
-  return true;
-}
-
 }  // namespace
 
 LabelledPatternWriter::~LabelledPatternWriter() { release(); }
 
 bool LabelledPatternWriter::open(const std::vector<std::string>& labels, uint32_t ntrans,
-                                 const std::string& dir, size_t budget) {
+                                 const std::string& output, size_t budget) {
   release();
   labels_ = &labels;
   ntrans_ = ntrans;
-  dir_ = dir;
+  output_ = output;
   budget_ = budget;
   try {
     texts_.clear();
@@ -223,10 +154,11 @@ bool LabelledPatternWriter::retire(Section* s) {
 
 bool LabelledPatternWriter::spill(Chunk* c) {
   if (spill_fd_ < 0) {
-    spill_fd_ = ::open(dir_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    spill_fd_ = unnamed_file_beside(output_.c_str());
     if (spill_fd_ < 0) return false;
   }
-  if (!pwrite_all(spill_fd_, c->text, c->size, spill_end_)) return false;
+  // Chunks are appended one after another; nothing else moves the offset.
+  if (!write_all(spill_fd_, c->text, c->size)) return false;
   if (spare_ == nullptr && c->cap == kLargestChunk) {
     spare_ = c->text;  // the next largest chunk reuses it, its pages already mapped
   } else {

@@ -30,9 +30,9 @@ class LabelledPatternWriter : public PatternSink {
 
   // Gets ready for the patterns of `ntrans` transactions whose items are
   // numbered into `labels` (kept by reference until finished). Spilled
-  // sections go to an unnamed file in `dir`. False when the tables cannot be
-  // had; nothing is reported (the caller takes another way).
-  bool open(const std::vector<std::string>& labels, uint32_t ntrans, const std::string& dir,
+  // sections go to an unnamed file beside `output`. False when the tables
+  // cannot be had; nothing is reported (the caller takes another way).
+  bool open(const std::vector<std::string>& labels, uint32_t ntrans, const std::string& output,
             size_t budget = kDefaultBudget);
 
   // Formats `p` into its length's section. A pattern that cannot be kept
@@ -112,7 +112,7 @@ class LabelledPatternWriter : public PatternSink {
   size_t budget_ = 0;
   size_t in_memory_ = 0;   // bytes of section buffers held
   char* spare_ = nullptr;  // a spilled chunk's buffer, kept for the next one
-  std::string dir_;
+  std::string output_;  // the spill file goes beside it
   int spill_fd_ = -1;
   uint64_t spill_end_ = 0;
   uint64_t total_ = 0;

@@ -150,46 +150,6 @@ struct Bucket {
 constexpr size_t kMaxBuckets = 256;
 constexpr size_t kBucketBuffer = size_t{64} << 10;
 
-// An unnamed file for writing and reading back in the directory of `file`,
-// so that it takes room where the pattern file does. -1 with errno set.
-int unnamed_file_beside(const char* file) {
-  const char* slash = strrchr(file, '/');
-  const std::string dir =
-      slash == nullptr ? "." : std::string(file, slash == file ? 1 : slash - file);
-  const int fd = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-  if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
-  std::string name = dir + "/.quarlo-XXXXXX";  // a file system without unnamed files
-  const int named = mkstemp(name.data());
-  if (named >= 0) unlink(name.c_str());
-  return named;
-}
-
-// Appends the whole of `from` (read from its start) to `to`. False, with
-// errno set, when a read or write fails.
-bool append_file(int from, int to) {
-  off_t at = 0;
-  for (;;) {
-    const ssize_t n = copy_file_range(from, &at, to, nullptr, size_t{1} << 30, 0);
-    if (n == 0) return true;
-    if (n > 0) continue;
-    if (errno == EINTR) continue;
-    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return false;
-    break;  // copied by hand below, from where the kernel stopped
-  }
-  char chunk[1 << 16];
-  for (ssize_t n; (n = pread(from, chunk, sizeof chunk, at)) != 0;) {
-    if (n < 0) return false;
-    for (ssize_t done = 0; done < n;) {
-      const ssize_t w = write(to, chunk + done, static_cast<size_t>(n - done));
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) return false;
-      done += w;
-    }
-    at += n;
-  }
-  return true;
-}
-
 enum class Spread { kDone, kTooManyKeys, kFailed };
 
 // Reads `file` once and spreads its lines over one bucket per key.
@@ -233,7 +193,9 @@ bool join_buckets(const char* file, std::map<uint64_t, Bucket>* buckets,
   if (out < 0) return true;
   bool written = true;
   for (auto& [key, b] : *buckets) {
-    if (written && !append_file(b.fd, out)) written = false;
+    struct stat st;
+    written = written && fstat(b.fd, &st) == 0 &&
+              copy_range(b.fd, 0, out, static_cast<uint64_t>(st.st_size));
     if (key != kNoKey) counts->push_back({static_cast<uint32_t>(key + 1), b.lines});
   }
   const int err = errno;

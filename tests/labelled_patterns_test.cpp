@@ -85,7 +85,7 @@ TEST_F(LabelledPatterns, SectionsComeOutInLengthOrderFromMemoryOrSpill) {
     }
     for (size_t budget : {size_t{0}, size_t{1} << 12, LabelledPatternWriter::kDefaultBudget}) {
       LabelledPatternWriter w;
-      ASSERT_TRUE(w.open(labels, 9000, dir(), budget));
+      ASSERT_TRUE(w.open(labels, 9000, path("out.fp"), budget));
       const std::string want = feed(&w, labels, 9000, 6000, 7);
       ASSERT_FALSE(w.failed());
       EXPECT_EQ(w.count(), 6000u);
@@ -104,21 +104,21 @@ TEST_F(LabelledPatterns, PatternsThatCannotBeKeptMarkTheWriterFailed) {
   {
     // An item without a label.
     LabelledPatternWriter w;
-    ASSERT_TRUE(w.open(labels, 10, dir()));
+    ASSERT_TRUE(w.open(labels, 10, path("out.fp")));
     w.put({3, 5, items});
     EXPECT_TRUE(w.failed());
   }
   {
     // No folder for the spill file: the first chunk beyond the budget fails.
     LabelledPatternWriter w;
-    ASSERT_TRUE(w.open(labels, 10, path("absent"), 0));
+    ASSERT_TRUE(w.open(labels, 10, path("absent/out.fp"), 0));
     for (int k = 0; k < 2000 && !w.failed(); ++k) w.put({2, 5, items});
     EXPECT_TRUE(w.failed());
   }
   {
     // The output cannot be made: an I/O status that names it.
     LabelledPatternWriter w;
-    ASSERT_TRUE(w.open(labels, 10, dir()));
+    ASSERT_TRUE(w.open(labels, 10, path("out.fp")));
     w.put({2, 5, items});
     mkdir(path("blocked").c_str(), 0755);
     mkdir(path("blocked/x").c_str(), 0755);

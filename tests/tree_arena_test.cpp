@@ -78,7 +78,6 @@ TEST(TreeArena, NodesKeepTheirIndicesAndValuesAcrossGrowth) {
   EXPECT_EQ(a.end(), ids.front() + 1);
 }
 
-
 // A path of `n` nodes below a root at index 1, each with item `item`, keys
 // made by `key` as the tree builder makes them.
 std::vector<FPNode> path_of(const NodeKey& key, uint32_t n, uint32_t item) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace quarlo::detail {
 
@@ -15,6 +16,64 @@ int create_fresh(const char* name, unsigned mode) {
   if (unlink(name) != 0 && errno != ENOENT) return -1;
   return open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
               static_cast<mode_t>(mode));
+}
+
+int unnamed_file_beside(const char* file) {
+  const char* slash = strrchr(file, '/');
+  const std::string dir =
+      slash == nullptr ? "." : std::string(file, slash == file ? 1 : slash - file);
+  const int fd = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return fd;
+  std::string name = dir + "/.quarlo-XXXXXX";
+  const int named = mkstemp(name.data());
+  if (named >= 0) unlink(name.c_str());
+  return named;
+}
+
+bool write_all(int fd, const void* bytes, size_t n) {
+  const char* text = static_cast<const char*>(bytes);
+  while (n > 0) {
+    const ssize_t w = write(fd, text, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      if (w == 0) errno = EIO;
+      return false;
+    }
+    text += w;
+    n -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+bool copy_range(int from, uint64_t offset, int to, uint64_t n) {
+  loff_t at = static_cast<loff_t>(offset);
+  while (n > 0) {
+    const size_t step = static_cast<size_t>(std::min<uint64_t>(n, uint64_t{1} << 30));
+    const ssize_t c = copy_file_range(from, &at, to, nullptr, step, 0);
+    if (c > 0) {
+      n -= static_cast<uint64_t>(c);
+      continue;
+    }
+    if (c < 0 && errno == EINTR) continue;
+    if (c == 0 || (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP)) {
+      if (c == 0) errno = EIO;
+      return false;
+    }
+    break;  // copied by hand below, from where the kernel stopped
+  }
+  char chunk[1 << 16];
+  while (n > 0) {
+    const ssize_t r = pread(from, chunk, std::min<uint64_t>(n, sizeof chunk), at);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) {
+      if (r == 0) errno = EIO;
+      return false;
+    }
+    if (!write_all(to, chunk, static_cast<size_t>(r))) return false;
+    at += r;
+    n -= static_cast<uint64_t>(r);
+  }
+  return true;
 }
 
 double wall_seconds() {
@@ -132,16 +191,9 @@ void OutBuffer::put_decimal(uint32_t v) {
 }
 
 int OutBuffer::flush() {
-  size_t done = 0;
-  while (!failed_ && done < used_) {
-    ssize_t n = write(fd_, buf_.get() + done, used_ - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      failed_ = true;
-      error_ = n < 0 ? errno : EIO;
-    } else {
-      done += static_cast<size_t>(n);
-    }
+  if (!failed_ && used_ > 0 && !write_all(fd_, buf_.get(), used_)) {
+    failed_ = true;
+    error_ = errno;
   }
   used_ = 0;
   if (!failed_) return 0;

@@ -20,6 +20,21 @@ namespace quarlo::detail {
 // or -1 with errno set.
 int create_fresh(const char* name, unsigned mode);
 
+// An unnamed file for writing and reading back, in the folder of `file` so
+// that it takes room where the file does (on a file system without unnamed
+// files, a named one removed at once). Returns the descriptor, or -1 with
+// errno set.
+int unnamed_file_beside(const char* file);
+
+// Writes the n bytes at the descriptor's offset, retrying short writes.
+// False, with errno set, when a write fails.
+bool write_all(int fd, const void* bytes, size_t n);
+
+// Appends n bytes of `from`, read from `offset` on, to `to`: in the kernel
+// where it can, through a buffer where it cannot. False, with errno set,
+// when a read or write fails or `from` ends before n bytes.
+bool copy_range(int from, uint64_t offset, int to, uint64_t n);
+
 // Writes v in decimal (at most 10 characters) at `out`; returns the end.
 char* put_decimal(char* out, uint32_t v);
 

@@ -74,7 +74,7 @@ Status build_support_table(Engine* e, const SupportSpec& spec, uint32_t ntrans) 
 
 Status prepare_scratch(Engine* e) {
   if (Status s = init_buf_pool(&tables(*e).pool, e->setup().nitems); !s.ok()) return s;
-  if (Status s = alloc_avetbl(&tables(*e).prune, e->setup().nitems, e->rep); !s.ok()) return s;
+  if (Status s = alloc_avetbl(&tables(*e).prune, e->setup().nitems, 0, e->rep); !s.ok()) return s;
   return make_pattern_scratch(*e);
 }
 
@@ -124,11 +124,11 @@ Status list_items(Engine* e, TranBuf* db, const Precounted* pre, int32_t* nfreq,
                              &tables(*e).stats, nfreq, list);
 }
 
-// Sizes the pruning tables, builds the support table
-// for `ntrans` transactions and lists the frequent items.
+// Sizes the pruning tables (for a database of `nrecords` records), builds
+// the support table for `ntrans` transactions and lists the frequent items.
 Status count_items(Engine* e, TranBuf* db, const SupportSpec& spec, const Precounted* pre,
-                   uint32_t ntrans, int32_t* nfreq, ItemEntry** list) {
-  if (Status s = alloc_avetbl(&tables(*e).prune, e->setup().nitems, e->rep); !s.ok()) {
+                   uint32_t nrecords, uint32_t ntrans, int32_t* nfreq, ItemEntry** list) {
+  if (Status s = alloc_avetbl(&tables(*e).prune, e->setup().nitems, nrecords, e->rep); !s.ok()) {
     return fatal(e, sites::kEnginePruneTables, "alloc_avetbl", std::move(s));
   }
   if (Status s = build_support_table(e, spec, ntrans); !s.ok()) return s;
@@ -146,7 +146,7 @@ Status mine_database(Engine* e, TranBuf* db, const SupportSpec& spec, const Prec
   const uint32_t ntrans = pre != nullptr ? pre->ntrans : nrecords;
   int32_t nfreq = 0;
   ItemEntry* list = nullptr;
-  Status s = count_items(e, db, spec, pre, ntrans, &nfreq, &list);
+  Status s = count_items(e, db, spec, pre, nrecords, ntrans, &nfreq, &list);
   if (s.ok()) {
     client->counted(*e, ntrans);
     if (nfreq > 0) return mine_tree(e, db, nfreq, list, ntrans, client);

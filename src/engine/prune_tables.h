@@ -1,6 +1,7 @@
 // Per-item pruning tables of the tree builder and the mining recursion: each
-// item's shortest valid pattern length and current support, and the lengths that path pruning compares
-// against. One PruneTables per run, rewritten for every tree.
+// item's shortest valid pattern length and current support, and the lengths
+// that path pruning compares against. One PruneTables per run, rewritten for
+// every tree.
 #ifndef QUARLO_ENGINE_PRUNE_TABLES_H_
 #define QUARLO_ENGINE_PRUNE_TABLES_H_
 
@@ -23,9 +24,10 @@ struct PruneTables {
   uint32_t cur_tran_length = 0;
 };
 
-// Sizes the tables for `nitems` items. Out of
-// memory after a report line.
-Status alloc_avetbl(PruneTables* t, uint32_t nitems, Reporter* rep);
+// Sizes the tables for `nitems` items. Out of memory after a report line,
+// which names the size of the block the tables of `nitems` items and
+// `nrecords` records are known by (8 bytes each), as it always has.
+Status alloc_avetbl(PruneTables* t, uint32_t nitems, uint32_t nrecords, Reporter* rep);
 
 }  // namespace quarlo::detail
 
